@@ -1,0 +1,92 @@
+// Tensor layouts and tensors.
+#include "kv_core/kv_tensor.h"
+
+#include <algorithm>
+
+namespace kv {
+
+size_t tensorElementSize(TensorDataType type) {
+    switch (type) {
+        case TENSOR_UINT_8:
+        case TENSOR_INT_8: return 1;
+        case TENSOR_UINT_16:
+        case TENSOR_INT_16:
+        case TENSOR_FLOAT_16: return 2;
+        case TENSOR_INT_32:
+        case TENSOR_FLOAT_32: return 4;
+        default: return 0;
+    }
+}
+
+TensorSize::TensorSize(std::initializer_list<int32_t> values) {
+    for (int32_t v : values) {
+        if (_count == kMaxAxes) break;
+        _v[_count++] = v;
+    }
+}
+
+bool TensorSize::operator==(const TensorSize& o) const {
+    return _count == o._count && std::equal(_v, _v + _count, o._v);
+}
+
+TensorLayout::TensorLayout(TensorDataType type, TensorFormat format, const TensorSize& extents,
+                           const TensorSize& strides, TensorChannelOrder order)
+    : _type(type), _format(format), _extents(extents), _strides(strides), _order(order) {
+    if (_strides.axisCount() == 0 && _extents.axisCount() > 0) {
+        // Densely packed, last axis fastest.
+        TensorSize dense = _extents;
+        int64_t stride = int64_t(tensorElementSize(type));
+        for (size_t i = _extents.axisCount(); i-- > 0;) {
+            dense[i] = int32_t(stride);
+            stride *= std::max(_extents[i], 0);
+        }
+        _strides = dense;
+    }
+}
+
+bool TensorLayout::initialized() const {
+    if (tensorElementSize(_type) == 0 || _extents.axisCount() == 0) return false;
+    if (_strides.axisCount() != _extents.axisCount()) return false;
+    for (size_t i = 0; i < _extents.axisCount(); ++i)
+        if (_extents[i] <= 0 || _strides[i] < 0) return false;
+    return true;
+}
+
+size_t TensorLayout::byteSize() const {
+    if (!initialized()) return 0;
+    size_t last = 0;
+    for (size_t i = 0; i < _extents.axisCount(); ++i) last += size_t(_extents[i] - 1) * size_t(_strides[i]);
+    return last + tensorElementSize(_type);
+}
+
+bool TensorLayout::operator==(const TensorLayout& o) const {
+    return _type == o._type && _format == o._format && _extents == o._extents && _strides == o._strides &&
+           _order == o._order;
+}
+
+Tensor::Tensor(const TensorLayout& layout, const DeviceContext& context) { reuse(layout, context); }
+
+void Tensor::reuse(const TensorLayout& layout, const DeviceContext& context) {
+    if (!layout.initialized()) {
+        clear();
+        return;
+    }
+    const size_t bytes = layout.byteSize();
+    if (!(_memory && _memory.use_count() == 1 && _memory->capacity() >= bytes && _context == context))
+        _memory = std::make_shared<Buffer>(context);
+    _memory->resize(bytes);
+    _layout = layout;
+    _context = context;
+}
+
+void Tensor::setZero() {
+    if (_memory) _memory->setZero();
+}
+
+void Tensor::clear() {
+    _layout = TensorLayout();
+    _context = DeviceContext();
+    _memory.reset();
+}
+
+}  // namespace kv

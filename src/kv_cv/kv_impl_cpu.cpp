@@ -1,0 +1,41 @@
+// Processor feature detection for kernel dispatch.
+#include "kv_cv/kv_impl_cpu.h"
+
+#include <atomic>
+
+namespace kv {
+namespace impl {
+
+namespace {
+std::atomic<int> g_max_isa{int(Isa::kAvx2)};
+}
+
+Isa detectedIsa() {
+    static const Isa isa = [] {
+        __builtin_cpu_init();
+        if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return Isa::kAvx2;
+        if (__builtin_cpu_supports("sse4.1")) return Isa::kSse41;
+        return Isa::kScalar;
+    }();
+    return isa;
+}
+
+Isa activeIsa() {
+    const int cap = g_max_isa.load(std::memory_order_relaxed);
+    const int det = int(detectedIsa());
+    return Isa(det < cap ? det : cap);
+}
+
+void setMaxIsaForTesting(Isa isa) { g_max_isa.store(int(isa), std::memory_order_relaxed); }
+
+const char* isaName(Isa isa) {
+    switch (isa) {
+        case Isa::kScalar: return "scalar";
+        case Isa::kSse41: return "sse41";
+        case Isa::kAvx2: return "avx2";
+    }
+    return "unknown";
+}
+
+}  // namespace impl
+}  // namespace kv

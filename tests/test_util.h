@@ -1,0 +1,73 @@
+// Shared helpers of the test suite: seeded random frames, row-exact frame
+// comparison, and exception matching.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "kv_core/kv_exception.h"
+#include "kv_core/kv_frame.h"
+
+namespace kvtest {
+
+// Fills every row byte of every plane with seeded random bytes (float formats
+// get finite values in 0..255 so arithmetic stays meaningful).
+inline void fillRandom(kv::Frame& f, uint32_t seed) {
+    std::mt19937 rng(seed);
+    const kv::FrameLayout& l = f.layout();
+    for (uint32_t p = 0; p < l.planes; ++p) {
+        for (int y = 0; y < l.plane[p].size.height; ++y) {
+            uint8_t* row = f.rowCpuData(p, y);
+            if (l.plane[p].bits_per_channel == 32) {
+                float* fr = reinterpret_cast<float*>(row);
+                for (uint64_t i = 0; i < l.plane[p].row_bytes / 4; ++i) fr[i] = float(rng() % 25600) / 100.f;
+            } else {
+                for (uint64_t i = 0; i < l.plane[p].row_bytes; ++i) row[i] = uint8_t(rng());
+            }
+        }
+    }
+}
+
+inline kv::Frame randomFrame(kv::FrameFormat format, kv::Size size, uint32_t seed, size_t alignment = 0) {
+    kv::Frame f(format, size, alignment);
+    fillRandom(f, seed);
+    return f;
+}
+
+// Compares the row bytes of every plane; reports the first difference.
+inline ::testing::AssertionResult framesEqual(const kv::Frame& a, const kv::Frame& b) {
+    if (a.format() != b.format() || a.size() != b.size())
+        return ::testing::AssertionFailure() << "format/size differ: " << kv::toString(a.format()) << " "
+                                             << a.size().width << "x" << a.size().height << " vs "
+                                             << kv::toString(b.format()) << " " << b.size().width << "x"
+                                             << b.size().height;
+    const kv::FrameLayout& l = a.layout();
+    for (uint32_t p = 0; p < l.planes; ++p)
+        for (int y = 0; y < l.plane[p].size.height; ++y) {
+            const uint8_t* ra = a.rowCpuData(p, y);
+            const uint8_t* rb = b.rowCpuData(p, y);
+            for (uint64_t x = 0; x < l.plane[p].row_bytes; ++x)
+                if (ra[x] != rb[x])
+                    return ::testing::AssertionFailure() << "plane " << p << " row " << y << " byte " << x << ": "
+                                                         << int(ra[x]) << " vs " << int(rb[x]);
+        }
+    return ::testing::AssertionSuccess();
+}
+
+}  // namespace kvtest
+
+// Expects `stmt` to throw kv::Exception with this status and exact message.
+#define EXPECT_KV_THROW(stmt, status_value, message_text)                                   \
+    do {                                                                                    \
+        try {                                                                               \
+            stmt;                                                                           \
+            ADD_FAILURE() << "no exception from " #stmt;                                    \
+        } catch (const kv::Exception& e_) {                                                 \
+            EXPECT_EQ(int(e_.status()), int(status_value));                                 \
+            EXPECT_EQ(e_.message(), std::string(message_text));                             \
+        }                                                                                   \
+    } while (0)
