@@ -3,6 +3,8 @@
 // single-precision add or multiply per element, so results are identical.
 #include "kv_core/kv_core_functions.h"
 
+#include "kv_core/kv_core_impl.h"
+
 #include <immintrin.h>
 
 #include <cmath>
@@ -47,6 +49,13 @@ void apply(const float* pattern, int period, unsigned char* data, size_t step, R
     }
 }
 
+void arithConstant(bool add, const float* pattern, int period, unsigned char* data, size_t step, Rect region) {
+    if (add)
+        apply<true>(pattern, period, data, step, region);
+    else
+        apply<false>(pattern, period, data, step, region);
+}
+
 }  // namespace ref
 
 #pragma GCC push_options
@@ -76,25 +85,32 @@ void apply(const float* pattern, int period, unsigned char* data, size_t step, R
     }
 }
 
+void arithConstant(bool add, const float* pattern, int period, unsigned char* data, size_t step, Rect region) {
+    if (add)
+        apply<true>(pattern, period, data, step, region);
+    else
+        apply<false>(pattern, period, data, step, region);
+}
+
 }  // namespace avx2
 #pragma GCC pop_options
+
+bool cpuHasAvx2() {
+    static const bool v = __builtin_cpu_supports("avx2");
+    return v;
+}
 
 }  // namespace impl
 
 namespace {
 
-bool hasAvx2() {
-    static const bool v = __builtin_cpu_supports("avx2");
-    return v;
-}
-
 template <bool kAdd>
 void dispatch(const float* pattern, int period, unsigned char* data, size_t step, Rect region) {
     if (region.empty() || !data) return;
-    if (hasAvx2())
-        impl::avx2::apply<kAdd>(pattern, period, data, step, region);
+    if (impl::cpuHasAvx2())
+        impl::avx2::arithConstant(kAdd, pattern, period, data, step, region);
     else
-        impl::ref::apply<kAdd>(pattern, period, data, step, region);
+        impl::ref::arithConstant(kAdd, pattern, period, data, step, region);
 }
 
 }  // namespace
