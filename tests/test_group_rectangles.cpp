@@ -121,6 +121,28 @@ TEST(GroupRectangles, Containment) {
     }
 }
 
+// The containment margin round(width * tolerance) rounds ties to even:
+// 10 * 0.25 = 2.5 gives 2, 14 * 0.25 = 3.5 gives 4.
+TEST(GroupRectangles, ContainmentMarginRoundsToEven) {
+    struct Case {
+        Rect outer, inner;
+        bool inner_dropped;
+    };
+    const Case cases[] = {
+        {{0, 0, 10, 10}, {-2, 0, 4, 4}, true},
+        {{0, 0, 10, 10}, {-3, 0, 4, 4}, false},
+        {{0, 0, 14, 14}, {-4, 0, 4, 4}, true},
+        {{0, 0, 14, 14}, {0, 0, 4, 18}, true},
+        {{0, 0, 14, 14}, {0, 0, 4, 19}, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "outer width " << c.outer.width << " inner x " << c.inner.x);
+        Rects rects = concat({repeat(c.inner, 2), repeat(c.outer, 2)});
+        kv::groupRectangles(rects, 1, 0.25);
+        EXPECT_EQ(rects, c.inner_dropped ? Rects{c.outer} : (Rects{c.inner, c.outer}));
+    }
+}
+
 // C contains A and A contains B, but C does not contain B: B is dropped by A
 // although A is dropped itself.
 TEST(GroupRectangles, ContainmentByDroppedCluster) {
