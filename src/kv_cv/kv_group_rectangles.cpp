@@ -63,7 +63,7 @@ inline int64_t roundToInt(double v) { return static_cast<int64_t>(std::llrint(v)
 static int32_t partition(const std::vector<Rect>& rects, std::vector<int32_t>& class_ids, double tolerance) {
     const int32_t n = static_cast<int32_t>(rects.size());
     std::vector<Node> node_storage(size_t(n), Node{-1, 0});
-    std::vector<Edges> edge_storage(size_t(n));
+    std::vector<Edges> edge_storage(static_cast<size_t>(n));
     Node* nodes = node_storage.data();
     Edges* edges = edge_storage.data();
     for (int32_t i = 0; i < n; ++i) {
