@@ -58,6 +58,17 @@ void scaleRowX(const ScaleRowXArgs& args, uint8_t* dst) {
     scalePixelsX<T, S, CH>(args, dst, 0, args.dst_width);
 }
 
+#define KV_SCALE_ROW_X(T)                                                   \
+    template void scaleRowX<T, uint8_t, 1>(const ScaleRowXArgs&, uint8_t*); \
+    template void scaleRowX<T, uint8_t, 2>(const ScaleRowXArgs&, uint8_t*); \
+    template void scaleRowX<T, uint8_t, 3>(const ScaleRowXArgs&, uint8_t*); \
+    template void scaleRowX<T, uint8_t, 4>(const ScaleRowXArgs&, uint8_t*); \
+    template void scaleRowX<T, uint16_t, 1>(const ScaleRowXArgs&, uint8_t*); \
+    template void scaleRowX<T, uint32_t, 1>(const ScaleRowXArgs&, uint8_t*);
+KV_SCALE_ROW_X(signed char)
+KV_SCALE_ROW_X(short)
+#undef KV_SCALE_ROW_X
+
 }  // namespace ref
 
 namespace avx2 {
@@ -82,6 +93,9 @@ bool pairSumsFit(const ScaleData<T>& table) {
         if (!rowFits(b.innerCapacity + r)) return false;
     return true;
 }
+
+template bool pairSumsFit<signed char>(const ScaleData<signed char>&);
+template bool pairSumsFit<short>(const ScaleData<short>&);
 
 }  // namespace avx2
 
