@@ -15,7 +15,9 @@ namespace kv {
 // interpolated independently; YUYV is moved as 3-byte units and UYVY as
 // 4-byte units, as the other scalers do, and where those units would pass the
 // end of a row the last ones are clipped (bytes past the row are neither read
-// nor written). FRAME_GRAY_FLOAT_32 is interpolated as unsigned 32-bit
+// nor written; a one-pixel YUYV row of four bytes continues its single unit
+// into the fourth byte). Subsampled planes take the first entries of the
+// shared column table, clamped to their own width. FRAME_GRAY_FLOAT_32 is interpolated as unsigned 32-bit
 // integers. Vertically, planes 1 and 2 of planar and semi-planar formats blend
 // window rows r and r + 2, so with a window of two rows (every format without
 // vertical chroma subsampling, or a source two rows high) they take the upper

@@ -9,12 +9,14 @@
 namespace kv {
 
 // Formats: 1, 4, 11, 12, 14, 16 to 20 as single planes of 1-, 2-, 3- or
-// 4-byte units (YUYV moves as 3-byte units and UYVY as 4-byte units; where
-// those units would pass the end of a row the last ones are clipped: no byte
-// outside a row is read or written), and the planar formats 5 to 10, 13 and
-// 15. Another format fails at the first produce() that has to remap columns;
-// a height-only change copies rows whatever the format. Source dimensions
-// must stay below 32768.
+// 4-byte units, and the planar formats 5 to 10, 13 and 15. YUYV moves as
+// 3-byte units and UYVY as 4-byte units; where those units would pass the end
+// of a row the last ones are clipped (no byte outside a row is read or
+// written), and a one-pixel YUYV row of four bytes continues its single unit
+// into the fourth byte. Subsampled planes take the first entries of the
+// shared column table, clamped to their own width. Another format fails at
+// the first produce() that has to remap columns; a height-only change copies
+// rows whatever the format. Source dimensions must stay below 32768.
 class KV_CV_API ScalerNearestNeighbor : public IRowProducer {
 public:
     ScalerNearestNeighbor();

@@ -39,9 +39,11 @@ struct GatherPlan {
 // Builds the gather of `units` output units of `unit_bytes` bytes, unit x
 // taken from source unit min(xs[x], src_units - 1) (a subsampled plane reads
 // the shared table of plane 0, whose entries may pass its own width by one).
-// Only the first `n` output bytes are produced and source bytes are read at
-// min(index, src_bytes - 1): rows whose byte count is not a whole number of
-// units (packed 4:2:2 moved as 3- or 4-byte units) are clipped, never overrun.
+// The row has n output bytes; source bytes are read at min(index,
+// src_bytes - 1). Rows whose byte count is not `units` whole units (packed
+// 4:2:2 moved as 3- or 4-byte units) are clipped where the units pass the
+// row's end, and continue the last unit where they fall short of it, so a row
+// is written exactly and nothing outside it is read.
 void buildGatherPlan(GatherPlan& plan, const uint16_t* xs, int units, int unit_bytes, int n, int src_units,
                      int src_bytes);
 // Fills the vector plan of a gather whose `index` and `n` are set.

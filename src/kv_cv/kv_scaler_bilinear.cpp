@@ -30,14 +30,15 @@ constexpr int kMaxLerpChunks = 8;
 
 void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, int channels, int n, int src_elems,
                    bool bytes8) {
-    plan.n = std::min(n, units * channels);
-    plan.left.resize(size_t(plan.n));
-    plan.right.resize(size_t(plan.n));
-    plan.fx.resize(size_t(plan.n));
+    plan.n = n;
+    plan.left.resize(size_t(n));
+    plan.right.resize(size_t(n));
+    plan.fx.resize(size_t(n));
     bool gather_only = true;
-    for (int e = 0; e < plan.n; ++e) {
-        const int32_t p = xs[e / channels];
-        const int c = e % channels;
+    for (int e = 0; e < n; ++e) {
+        const int unit = std::min(e / channels, units - 1);
+        const int32_t p = xs[unit];
+        const int c = e - unit * channels;
         const int sx = std::min(p >> kBilinearShift, src_units - 1);
         const int l = std::min(sx * channels + c, src_elems - 1);
         const int r = sx < src_units - 1 ? std::min((sx + 1) * channels + c, src_elems - 1) : l;

@@ -56,11 +56,12 @@ void planGatherBlocks(GatherPlan& plan, int src_bytes) {
 
 void buildGatherPlan(GatherPlan& plan, const uint16_t* xs, int units, int unit_bytes, int n, int src_units,
                      int src_bytes) {
-    plan.n = std::min(n, units * unit_bytes);
-    plan.index.resize(size_t(plan.n));
-    for (int e = 0; e < plan.n; ++e) {
-        const int x = std::min(int(xs[e / unit_bytes]), src_units - 1);
-        plan.index[size_t(e)] = std::min(x * unit_bytes + e % unit_bytes, src_bytes - 1);
+    plan.n = n;
+    plan.index.resize(size_t(n));
+    for (int e = 0; e < n; ++e) {
+        const int unit = std::min(e / unit_bytes, units - 1);
+        const int x = std::min(int(xs[unit]), src_units - 1);
+        plan.index[size_t(e)] = std::min(x * unit_bytes + e - unit * unit_bytes, src_bytes - 1);
     }
     planGatherBlocks(plan, src_bytes);
 }
