@@ -413,11 +413,13 @@ std::vector<RowCase> rowCases(int bytes) {
 template <typename T, typename Kernel>
 void compareLerp(int bytes, Kernel ref_kernel, Kernel vec_kernel) {
     std::mt19937 rng(11);
+    int vector_plans = 0;
     for (const RowCase& rc : rowCases(bytes)) {
         kv::impl::LerpPlan plan;
         const auto xs = positions(rc.src_units, rc.dst_units);
         kv::impl::buildLerpPlan(plan, xs.data(), rc.dst_units, rc.src_units, rc.channels, rc.n, rc.src_elems,
                                 bytes == 1);
+        vector_plans += plan.chunks > 0 || plan.gather.chunks > 0 || plan.wide >= 8;
         std::vector<T> src(size_t(rc.src_elems));
         for (auto& v : src) v = T(rng());
         std::vector<T> a(size_t(rc.n) + 16, T(0x5A)), b(size_t(rc.n) + 16, T(0x5A));
@@ -427,6 +429,7 @@ void compareLerp(int bytes, Kernel ref_kernel, Kernel vec_kernel) {
                         << " src elems " << rc.src_elems << " n " << rc.n;
         for (size_t i = size_t(rc.n); i < b.size(); ++i) ASSERT_EQ(b[i], T(0x5A)) << "write past the row";
     }
+    EXPECT_GT(vector_plans, 500);  // the vector path, not only the fallback
 }
 
 TEST(BilinearKernels, LerpRowsVectorMatchesReference) {
