@@ -105,24 +105,45 @@ void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, 
     plan.chunks = chunks;
 }
 
+namespace {
+// Caller rows of 16- and 32-bit samples may sit at any byte address (a
+// wrapped frame's pitch is the caller's), so samples move through memcpy.
+template <typename T>
+inline uint64_t load(const T* p, int i) {
+    T v;
+    std::memcpy(&v, p + i, sizeof v);
+    return v;
+}
+template <typename T>
+inline void store(T* p, int i, uint64_t v) {
+    const T t = T(v);
+    std::memcpy(p + i, &t, sizeof t);
+}
+
+template <typename T>
+void lerpElems(const LerpPlan& plan, const T* src, T* dst, int from) {
+    const int32_t* left = plan.left.data();
+    const int32_t* right = plan.right.data();
+    const uint16_t* fx = plan.fx.data();
+    for (int e = from; e < plan.n; ++e) {
+        const uint64_t f = fx[e];
+        store(dst, e, (load(src, left[e]) * (65536 - f) + load(src, right[e]) * f) >> kBilinearShift);
+    }
+}
+}  // namespace
+
 namespace ref {
 
 namespace {
 template <typename T>
 void lerpRow(const LerpPlan& plan, const T* src, T* dst) {
-    const int32_t* left = plan.left.data();
-    const int32_t* right = plan.right.data();
-    const uint16_t* fx = plan.fx.data();
-    for (int e = 0; e < plan.n; ++e) {
-        const uint64_t f = fx[e];
-        dst[e] = T((uint64_t(src[left[e]]) * (65536 - f) + uint64_t(src[right[e]]) * f) >> kBilinearShift);
-    }
+    lerpElems(plan, src, dst, 0);
 }
 
 template <typename T>
 void blendRow(const T* a, const T* b, T* dst, int n, uint32_t fy) {
     const uint64_t w1 = fy, w0 = 65536 - w1;
-    for (int i = 0; i < n; ++i) dst[i] = T((uint64_t(a[i]) * w0 + uint64_t(b[i]) * w1) >> kBilinearShift);
+    for (int i = 0; i < n; ++i) store(dst, i, (load(a, i) * w0 + load(b, i) * w1) >> kBilinearShift);
 }
 }  // namespace
 
@@ -267,7 +288,6 @@ void lerpRow16(const LerpPlan& plan, const uint16_t* src, uint16_t* dst) {
     // Eight elements per step through 32-bit gathers. A gather also reads the
     // sample after its index, so the leading `wide` elements (whose indices
     // leave room for that) run here and the rest in the scalar tail.
-    const int n = plan.n;
     const int limit = plan.wide;
     const int32_t* left = plan.left.data();
     const int32_t* right = plan.right.data();
@@ -287,10 +307,7 @@ void lerpRow16(const LerpPlan& plan, const uint16_t* src, uint16_t* dst) {
         const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi32(v, v), 0x08);
         _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + e), _mm256_castsi256_si128(packed));
     }
-    for (; e < n; ++e) {
-        const uint64_t f = plan.fx[size_t(e)];
-        dst[e] = uint16_t((uint64_t(src[left[e]]) * (65536 - f) + uint64_t(src[right[e]]) * f) >> kBilinearShift);
-    }
+    lerpElems(plan, src, dst, e);
 }
 
 void lerpRow32(const LerpPlan& plan, const uint32_t* src, uint32_t* dst) {
@@ -316,10 +333,7 @@ void lerpRow32(const LerpPlan& plan, const uint32_t* src, uint32_t* dst) {
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + e),
                             _mm256_blend_epi32(even, _mm256_slli_epi64(odd, 32), 0xAA));
     }
-    for (; e < n; ++e) {
-        const uint64_t f = plan.fx[size_t(e)];
-        dst[e] = uint32_t((uint64_t(src[left[e]]) * (65536 - f) + uint64_t(src[right[e]]) * f) >> kBilinearShift);
-    }
+    lerpElems(plan, src, dst, e);
 }
 
 void blendRow8(const uint8_t* a, const uint8_t* b, uint8_t* dst, int n, uint32_t fy) {
