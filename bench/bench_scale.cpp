@@ -51,7 +51,6 @@ void runKv(benchmark::State& state, kv::FrameFormat format, kv::Size src_size, k
 
 void runOpenCv(benchmark::State& state, kv::FrameFormat format, kv::Size src_size, kv::Size dst_size,
                int interpolation) {
-    cv::setNumThreads(1);
     kv::Frame src = makeFrame(format, src_size);
     kv::Frame dst(format, dst_size);
     const int planes = int(src.layout().planes);
@@ -101,6 +100,7 @@ const Case kCases[] = {
 };
 
 const int kRegistered = [] {
+    cv::setNumThreads(1);
     for (const Case& c : kCases) {
         const std::string name = c.name;
         benchmark::RegisterBenchmark((name + "/kv").c_str(), [c](benchmark::State& s) {
