@@ -141,6 +141,20 @@ void RowWindow::_update() {
         }
     } else {
         while (_pulled < _start_row) {
+            // Rows jumped over are skipped without produce, except that a
+            // subsampled plane row beginning on the row just above the window
+            // is still needed by the window's first row: produce that plane
+            // alone into the slot the first row will read.
+            if (_pulled == _start_row - 1) {
+                RowData dst;
+                bool shared = false;
+                for (uint32_t p = 0; p < _layout.planes; ++p)
+                    if (_mask[p] != 0 && (_pulled & _mask[p]) == 0) {
+                        dst.plane[p] = _plane_buffers[p].data() + uint64_t(_ring_pos[p]) * _row_pitch[p];
+                        shared = true;
+                    }
+                if (shared) _producer->produce(dst);
+            }
             _producer->next();
             ++_pulled;
         }

@@ -1,0 +1,122 @@
+// Row kernels of the nearest-neighbour and bilinear scalers: byte gathers,
+// horizontal 16.16 interpolation and two-row vertical blends. Each kernel has
+// a plain reference in kv::impl::ref and an AVX2 version in kv::impl::avx2
+// with the same signature and bit-identical results; objects pick one set per
+// reuse() through scaleRowKernels().
+//
+// Plans are built once per size pair (in reuse) and hold everything a kernel
+// needs, so rows run without allocation or branching on the format. The
+// reference kernels read only the per-element index and fraction tables; the
+// vector kernels read the block tables, which cover every output element with
+// 16-element blocks (the last block overlaps its predecessor when the width is
+// not a multiple of 16), so nothing is read or written outside a row's bytes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "kv_cv/kv_impl_cpu.h"
+
+namespace kv {
+namespace impl {
+
+// The fixed-point fraction width of bilinear positions (one = 65536).
+constexpr int kBilinearShift = 16;
+
+// dst[e] = src[index[e]] for the n output bytes of a row.
+struct GatherPlan {
+    int32_t n = 0;
+    std::vector<int32_t> index;  // source byte per output byte
+    // Vector plan: `chunks` 16-byte source loads per 16-byte output block,
+    // chunk k of block b starting at base[b] + 16 k; 0 when there is none.
+    int32_t chunks = 0;
+    std::vector<int32_t> base;
+    std::vector<int32_t> start;  // first output byte of each block
+    std::vector<uint8_t> mask;   // blocks x chunks x 16 pshufb selectors (0x80: another chunk)
+};
+
+// Builds the gather of `units` output units of `unit_bytes` bytes, unit x
+// taken from source unit min(xs[x], src_units - 1) (a subsampled plane reads
+// the shared table of plane 0, whose entries may pass its own width by one).
+// The row has n output bytes; source bytes are read at min(index,
+// src_bytes - 1). Rows whose byte count is not `units` whole units (packed
+// 4:2:2 moved as 3- or 4-byte units) are clipped where the units pass the
+// row's end, and continue the last unit where they fall short of it, so a row
+// is written exactly and nothing outside it is read.
+void buildGatherPlan(GatherPlan& plan, const uint16_t* xs, int units, int unit_bytes, int n, int src_units,
+                     int src_bytes);
+// Fills the vector plan of a gather whose `index` and `n` are set.
+void planGatherBlocks(GatherPlan& plan, int src_bytes);
+
+// Horizontal 16.16 interpolation of one row of n elements (samples of one
+// type): dst[e] = (src[left[e]] * (65536 - fx[e]) + src[right[e]] * fx[e]) >> 16.
+struct LerpPlan {
+    int32_t n = 0;
+    std::vector<int32_t> left, right;  // source element indices
+    std::vector<uint16_t> fx;
+    int32_t wide = 0;                  // leading elements whose indices are below the last source sample
+    bool gather_only = false;          // every fraction is 0: the row is a gather of `left`
+    GatherPlan gather;                 // that gather, for 8-bit samples
+    // Vector plan for 8-bit samples: `chunks` 16-byte loads per block, and per
+    // block and chunk 32 selector bytes for the left and 32 for the right
+    // samples, each picking one byte into the low half of a 16-bit lane.
+    int32_t chunks = 0;
+    std::vector<int32_t> base;
+    std::vector<int32_t> start;
+    std::vector<uint8_t> mask;
+};
+
+// Builds the interpolation of `units` output units of `channels` samples from
+// a source row of `src_units` units, with positions xs (16.16, clamped at 0;
+// integer parts past the row are clamped to its last unit). The right
+// neighbour of the last source unit is the unit itself. n and
+// src_elems clip the row as for buildGatherPlan; `bytes8` asks for the 8-bit
+// vector plan.
+void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, int channels, int n, int src_elems,
+                   bool bytes8);
+
+// out = (a * (65536 - fy) + b * fy) >> 16 per sample; the shift truncates.
+using BlendRow8 = void (*)(const uint8_t* a, const uint8_t* b, uint8_t* dst, int n, uint32_t fy);
+using BlendRow16 = void (*)(const uint16_t* a, const uint16_t* b, uint16_t* dst, int n, uint32_t fy);
+using BlendRow32 = void (*)(const uint32_t* a, const uint32_t* b, uint32_t* dst, int n, uint32_t fy);
+using LerpRow8 = void (*)(const LerpPlan& plan, const uint8_t* src, uint8_t* dst);
+using LerpRow16 = void (*)(const LerpPlan& plan, const uint16_t* src, uint16_t* dst);
+using LerpRow32 = void (*)(const LerpPlan& plan, const uint32_t* src, uint32_t* dst);
+using GatherRow = void (*)(const GatherPlan& plan, const uint8_t* src, uint8_t* dst);
+
+struct ScaleRowKernels {
+    GatherRow gatherRow;
+    LerpRow8 lerpRow8;
+    LerpRow16 lerpRow16;
+    LerpRow32 lerpRow32;
+    BlendRow8 blendRow8;
+    BlendRow16 blendRow16;
+    BlendRow32 blendRow32;
+};
+
+// The kernel set for activeIsa().
+const ScaleRowKernels& scaleRowKernels();
+
+namespace ref {
+void gatherRow(const GatherPlan& plan, const uint8_t* src, uint8_t* dst);
+void lerpRow8(const LerpPlan& plan, const uint8_t* src, uint8_t* dst);
+void lerpRow16(const LerpPlan& plan, const uint16_t* src, uint16_t* dst);
+void lerpRow32(const LerpPlan& plan, const uint32_t* src, uint32_t* dst);
+void blendRow8(const uint8_t* a, const uint8_t* b, uint8_t* dst, int n, uint32_t fy);
+void blendRow16(const uint16_t* a, const uint16_t* b, uint16_t* dst, int n, uint32_t fy);
+void blendRow32(const uint32_t* a, const uint32_t* b, uint32_t* dst, int n, uint32_t fy);
+}  // namespace ref
+
+namespace avx2 {
+void gatherRow(const GatherPlan& plan, const uint8_t* src, uint8_t* dst);
+void lerpRow8(const LerpPlan& plan, const uint8_t* src, uint8_t* dst);
+void lerpRow16(const LerpPlan& plan, const uint16_t* src, uint16_t* dst);
+void lerpRow32(const LerpPlan& plan, const uint32_t* src, uint32_t* dst);
+void blendRow8(const uint8_t* a, const uint8_t* b, uint8_t* dst, int n, uint32_t fy);
+void blendRow16(const uint16_t* a, const uint16_t* b, uint16_t* dst, int n, uint32_t fy);
+void blendRow32(const uint32_t* a, const uint32_t* b, uint32_t* dst, int n, uint32_t fy);
+}  // namespace avx2
+
+}  // namespace impl
+}  // namespace kv

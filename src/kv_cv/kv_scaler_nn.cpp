@@ -1,0 +1,273 @@
+// ScalerNearestNeighbor and the byte-gather row kernels it runs on (the
+// bilinear scalers use the same gather when every fraction is zero).
+#include "kv_cv/kv_scaler_nn.h"
+
+#include <immintrin.h>
+
+#include <algorithm>
+
+#include "kv_core/kv_exception.h"
+#include "kv_cv/kv_impl_scale_rows.h"
+#include "kv_cv/kv_row_window.h"
+
+#define KV_SOURCE_FILE "src/kv_cv/kv_scaler_nn"
+
+namespace kv {
+namespace impl {
+
+namespace {
+// More source chunks per 16 output bytes than this (reductions beyond about
+// 1/7) make the block gather slower than the plain loop.
+constexpr int kMaxGatherChunks = 8;
+}  // namespace
+
+void planGatherBlocks(GatherPlan& plan, int src_bytes) {
+    plan.chunks = 0;
+    plan.base.clear();
+    plan.start.clear();
+    plan.mask.clear();
+    const int n = plan.n;
+    if (n < 16) return;
+    const int blocks = (n + 15) / 16;
+    int chunks = 1;
+    for (int b = 0; b < blocks; ++b) {
+        const int e0 = std::min(16 * b, n - 16);
+        const auto mm = std::minmax_element(plan.index.begin() + e0, plan.index.begin() + e0 + 16);
+        chunks = std::max(chunks, (*mm.second - *mm.first) / 16 + 1);
+    }
+    if (chunks > kMaxGatherChunks || src_bytes < 16 * chunks) return;
+    plan.base.resize(size_t(blocks));
+    plan.start.resize(size_t(blocks));
+    plan.mask.assign(size_t(blocks) * size_t(chunks) * 16, 0x80);
+    for (int b = 0; b < blocks; ++b) {
+        const int e0 = std::min(16 * b, n - 16);
+        const int lo = *std::min_element(plan.index.begin() + e0, plan.index.begin() + e0 + 16);
+        const int base = std::min(lo, src_bytes - 16 * chunks);
+        plan.base[size_t(b)] = base;
+        plan.start[size_t(b)] = e0;
+        uint8_t* m = plan.mask.data() + size_t(b) * size_t(chunks) * 16;
+        for (int j = 0; j < 16; ++j) {
+            const int rel = plan.index[size_t(e0 + j)] - base;
+            m[(rel / 16) * 16 + j] = uint8_t(rel % 16);
+        }
+    }
+    plan.chunks = chunks;
+}
+
+void buildGatherPlan(GatherPlan& plan, const uint16_t* xs, int units, int unit_bytes, int n, int src_units,
+                     int src_bytes) {
+    plan.n = n;
+    plan.index.resize(size_t(n));
+    for (int e = 0; e < n; ++e) {
+        const int unit = std::min(e / unit_bytes, units - 1);
+        const int x = std::min(int(xs[unit]), src_units - 1);
+        plan.index[size_t(e)] = std::min(x * unit_bytes + e - unit * unit_bytes, src_bytes - 1);
+    }
+    planGatherBlocks(plan, src_bytes);
+}
+
+namespace ref {
+
+void gatherRow(const GatherPlan& plan, const uint8_t* src, uint8_t* dst) {
+    const int32_t* index = plan.index.data();
+    for (int e = 0; e < plan.n; ++e) dst[e] = src[index[e]];
+}
+
+}  // namespace ref
+
+#pragma GCC push_options
+#pragma GCC target("avx2")
+namespace avx2 {
+
+namespace {
+
+// One 16-byte block per iteration: K unaligned chunk loads, each shuffled by
+// its selector (bytes of other chunks read 0x80 and give 0), ORed together.
+template <int K>
+void gatherBlocks(const GatherPlan& plan, const uint8_t* src, uint8_t* dst) {
+    const size_t blocks = plan.base.size();
+    const int32_t* base = plan.base.data();
+    const int32_t* start = plan.start.data();
+    const uint8_t* m = plan.mask.data();
+    for (size_t b = 0; b < blocks; ++b, m += 16 * K) {
+        const uint8_t* s = src + base[b];
+        __m128i r = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s)),
+                                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(m)));
+        for (int k = 1; k < K; ++k)
+            r = _mm_or_si128(r, _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16 * k)),
+                                                 _mm_loadu_si128(reinterpret_cast<const __m128i*>(m + 16 * k))));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + start[b]), r);
+    }
+}
+
+}  // namespace
+
+void gatherRow(const GatherPlan& plan, const uint8_t* src, uint8_t* dst) {
+    switch (plan.chunks) {
+        case 1: gatherBlocks<1>(plan, src, dst); break;
+        case 2: gatherBlocks<2>(plan, src, dst); break;
+        case 3: gatherBlocks<3>(plan, src, dst); break;
+        case 4: gatherBlocks<4>(plan, src, dst); break;
+        case 5: gatherBlocks<5>(plan, src, dst); break;
+        case 6: gatherBlocks<6>(plan, src, dst); break;
+        case 7: gatherBlocks<7>(plan, src, dst); break;
+        case 8: gatherBlocks<8>(plan, src, dst); break;
+        default: ref::gatherRow(plan, src, dst); break;
+    }
+}
+
+}  // namespace avx2
+#pragma GCC pop_options
+
+}  // namespace impl
+
+namespace {
+
+constexpr const char* kReuse = "kv::ScalerNearestNeighbor::Impl::reuse";
+
+// Bytes per gathered unit of each plane; 0 planes means unsupported.
+struct NnFormat {
+    int planes = 0;
+    int unit[3] = {0, 0, 0};
+};
+
+NnFormat nnFormat(FrameFormat f) {
+    switch (f) {
+        case FRAME_GRAY_8: return {1, {1}};
+        case FRAME_BGR_8:
+        case FRAME_YUYV:
+        case FRAME_YUV444:
+        case FRAME_C3_8: return {1, {3}};
+        case FRAME_UYVY:
+        case FRAME_C4_8: return {1, {4}};
+        case FRAME_C2_8:
+        case FRAME_GRAY_16: return {1, {2}};
+        case FRAME_GRAY_FLOAT_32: return {1, {4}};
+        case FRAME_BGR_8_PLANAR:
+        case FRAME_I420:
+        case FRAME_YV12:
+        case FRAME_YV16:
+        case FRAME_YUV444_PLANAR: return {3, {1, 1, 1}};
+        case FRAME_NV12:
+        case FRAME_NV21:
+        case FRAME_NV16: return {2, {1, 2}};
+        default: return {};
+    }
+}
+
+}  // namespace
+
+class ScalerNearestNeighbor::Impl {
+public:
+    template <typename Source>
+    void reuse(Source& src, const FrameLayout& src_layout, Size dst_size);
+    void _reuse(const FrameLayout& src_layout, Size dst_size);
+    void produce(RowData& dst);
+    bool next();
+    void advanceTo(int target) {
+        while (window.startRow() < target && window.next()) {
+        }
+    }
+
+    FrameLayout out_layout;
+    RowWindow window;
+    std::vector<uint16_t> _src_xs;
+    std::vector<uint16_t> _src_ys;
+    int32_t row = 0;
+    Size src_size;
+
+    // Gather plans per plane, rebuilt when format or sizes change.
+    FrameFormat plan_format = FRAME_UNDEFINED;
+    Size plan_src, plan_dst;
+    NnFormat format;
+    impl::GatherPlan plans[3];
+    const impl::ScaleRowKernels* kernels = nullptr;
+};
+
+void ScalerNearestNeighbor::Impl::_reuse(const FrameLayout& src_layout, Size dst_size) {
+    const Size src_size = src_layout.size;
+    if (!(this->src_size == src_size && out_layout.size == dst_size)) {
+        // Positions of output pixel centres in 16.16 source pixels; 32-bit
+        // wrapping arithmetic (sources wider than 32767 overflow).
+        auto build = [](std::vector<uint16_t>& table, int src, int dst) {
+            const int32_t step = int32_t(uint32_t(src) << 16) / dst;
+            uint32_t position = uint32_t(step / 2);
+            table.resize(size_t(dst));
+            for (int i = 0; i < dst; ++i) {
+                table[size_t(i)] = uint16_t(int32_t(position) >> 16);
+                position += uint32_t(step);
+            }
+        };
+        build(_src_xs, src_size.width, dst_size.width);
+        KV_ASSERT(_src_xs[dst_size.width - 1] < src_size.width, "kv::ScalerNearestNeighbor::Impl::_reuse");
+        build(_src_ys, src_size.height, dst_size.height);
+        KV_ASSERT(_src_ys[dst_size.height - 1] < src_size.height, "kv::ScalerNearestNeighbor::Impl::_reuse");
+    }
+    out_layout = FrameLayout(src_layout.format, dst_size, 64);
+    row = 0;
+    this->src_size = src_size;
+
+    if (plan_format != src_layout.format || plan_src != src_size || plan_dst != dst_size) {
+        format = nnFormat(src_layout.format);
+        for (int p = 0; p < format.planes; ++p) {
+            const FramePlane& sp = src_layout.plane[p];
+            const FramePlane& dp = out_layout.plane[p];
+            impl::buildGatherPlan(plans[p], _src_xs.data(), dp.size.width, format.unit[p], int(dp.row_bytes),
+                                  sp.size.width, int(sp.row_bytes));
+        }
+        plan_format = src_layout.format;
+        plan_src = src_size;
+        plan_dst = dst_size;
+    }
+    kernels = &impl::scaleRowKernels();
+}
+
+template <typename Source>
+void ScalerNearestNeighbor::Impl::reuse(Source& src, const FrameLayout& src_layout, Size dst_size) {
+    _reuse(src_layout, dst_size);
+    window.reuse(src, 1);
+    advanceTo(_src_ys[0]);
+}
+
+bool ScalerNearestNeighbor::Impl::next() {
+    if (row >= out_layout.size.height - 1) return false;
+    ++row;
+    advanceTo(_src_ys[size_t(row)]);
+    return true;
+}
+
+void ScalerNearestNeighbor::Impl::produce(RowData& dst) {
+    const RowData& src = window.rowData(0);
+    if (out_layout.plane[0].size.width == src_size.width) {
+        copyRowData(out_layout, src, dst);
+        return;
+    }
+    if (format.planes == 0)
+        KV_THROW(KV_STATUS_NOT_SUPPORTED, "kv::ScalerNearestNeighbor::Impl::produce",
+                 "Failure in ScalerNearestNeighbor::produce(...) : unsupported frame format.");
+    kernels->gatherRow(plans[0], src.plane[0], dst.plane[0]);
+    for (int p = 1; p < format.planes; ++p)
+        if (dst.plane[p]) kernels->gatherRow(plans[p], src.plane[p], dst.plane[p]);
+}
+
+ScalerNearestNeighbor::ScalerNearestNeighbor() : _impl(new Impl) {}
+ScalerNearestNeighbor::~ScalerNearestNeighbor() = default;
+
+void ScalerNearestNeighbor::reuse(const Frame& src_frame, Size dst_size) {
+    KV_ASSERT(src_frame.initialized(), kReuse);
+    KV_ASSERT(!dst_size.empty(), kReuse);
+    _impl->reuse(src_frame, src_frame.layout(), dst_size);
+}
+
+void ScalerNearestNeighbor::reuse(IRowProducer& src_producer, Size dst_size) {
+    KV_ASSERT(!src_producer.layout().size.empty(), kReuse);
+    KV_ASSERT(!dst_size.empty(), kReuse);
+    _impl->reuse(src_producer, src_producer.layout(), dst_size);
+}
+
+bool ScalerNearestNeighbor::initialized() const { return _impl->window.initialized(); }
+const FrameLayout& ScalerNearestNeighbor::layout() { return _impl->out_layout; }
+void ScalerNearestNeighbor::produce(RowData& dst) { _impl->produce(dst); }
+bool ScalerNearestNeighbor::next() { return _impl->next(); }
+
+}  // namespace kv
