@@ -2,7 +2,8 @@
 // Which serves what was chosen by measurement at 1920x1080 on one thread:
 // libyuv for YUV (it averages 2x2 chroma blocks; OpenCV's BGR to I420 takes
 // one pixel per block), channel swaps, plane splits and merges and 1-byte
-// rotation; OpenCV for resizing and affine warps; our kernels
+// rotation; OpenCV for bilinear and area resizing and affine warps; plain
+// loops for nearest resizing; our kernels
 // (kv_impl_fast_kernels) for gray, byte/float, half/float and 3-byte rotation,
 // where they beat both libraries.
 #include "kv_cv/kv_impl_fast_adapter.h"
@@ -10,6 +11,7 @@
 #include <libyuv.h>
 
 #include <algorithm>
+#include <cstring>
 #include <mutex>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
@@ -192,18 +194,49 @@ void halfToFloat(const uint16_t* src, size_t count, float* dst) { kernels().half
 
 void floatToHalf(const float* src, size_t count, uint16_t* dst) { kernels().floatToHalfRow(src, dst, count); }
 
+namespace {
+
+// Nearest neighbour in 16.16 fixed point: destination pixel i samples source
+// index floor((i + 0.5) * src / dst), the source pixel under its centre
+// (OpenCV 4.6's INTER_NEAREST_EXACT breaks exact ties towards the lower
+// index instead, so it is not used). N is the pixel size in bytes.
+template <int N>
+void nearestRow(const uint8_t* src, uint8_t* dst, int dst_width, int64_t step, size_t pixel) {
+    int64_t pos = step / 2;
+    for (int i = 0; i < dst_width; ++i, pos += step)
+        std::memcpy(dst + size_t(i) * (N ? N : pixel), src + size_t(pos >> 16) * (N ? N : pixel), N ? N : pixel);
+}
+
+void resizeNearest(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst, size_t dst_step,
+                   int dst_width, int dst_height, size_t pixel) {
+    using RowFn = void (*)(const uint8_t*, uint8_t*, int, int64_t, size_t);
+    const RowFn row = pixel == 1 ? nearestRow<1>
+                      : pixel == 2 ? nearestRow<2>
+                      : pixel == 3 ? nearestRow<3>
+                      : pixel == 4 ? nearestRow<4>
+                      : pixel == 12 ? nearestRow<12>
+                                    : nearestRow<0>;
+    const int64_t step_x = (int64_t(src_width) << 16) / dst_width;
+    const int64_t step_y = (int64_t(src_height) << 16) / dst_height;
+    int64_t pos_y = step_y / 2;
+    for (int y = 0; y < dst_height; ++y, pos_y += step_y)
+        row(src + size_t(pos_y >> 16) * src_step, dst + size_t(y) * dst_step, dst_width, step_x, pixel);
+}
+
+}  // namespace
+
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method) {
+    if (method == Interpolation::kNearest) {
+        resizeNearest(static_cast<const uint8_t*>(src), src_step, src_width, src_height, static_cast<uint8_t*>(dst),
+                      dst_step, dst_width, dst_height, size_t(channels) * (is_float ? 4 : 1));
+        return;
+    }
     pinOpenCvToCaller();
     const int type = CV_MAKETYPE(is_float ? CV_32F : CV_8U, channels);
     const cv::Mat s(src_height, src_width, type, const_cast<void*>(src), src_step);
     cv::Mat d(dst_height, dst_width, type, dst, dst_step);
-    // INTER_NEAREST_EXACT samples at pixel centres (INTER_NEAREST floors the
-    // scaled corner coordinate and drifts left and up).
-    const int interpolation = method == Interpolation::kNearest    ? cv::INTER_NEAREST_EXACT
-                              : method == Interpolation::kBilinear ? cv::INTER_LINEAR
-                                                                   : cv::INTER_AREA;
-    cv::resize(s, d, d.size(), 0, 0, interpolation);
+    cv::resize(s, d, d.size(), 0, 0, method == Interpolation::kBilinear ? cv::INTER_LINEAR : cv::INTER_AREA);
 }
 
 bool warpAffinePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst,

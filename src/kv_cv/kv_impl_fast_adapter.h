@@ -80,7 +80,8 @@ void floatToHalf(const float* src, size_t count, uint16_t* dst);
 
 // --- Geometry -----------------------------------------------------------------
 // Resizes a plane of 1 to 4 channels of bytes or floats. Nearest samples the
-// pixel under each destination pixel centre; bilinear and area are centre-aligned.
+// source at floor((i + 0.5) * src / dst) in 16.16 fixed point, as the
+// module's own nearest scaler does; bilinear and area are centre-aligned.
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method);
 // Warps a plane of 1 to 4 channels of bytes or floats by `matrix` (2x3 row-major, source to
