@@ -451,6 +451,20 @@ TEST(CvBackendSimdColor, OddBgrTo420WritesEveryLumaAndChromaSample) {
     }
 }
 
+TEST(CvBackendSimdColor, SemiPlanarToRgbEqualsPlanarToRgb) {
+    // NV12/NV21 convert in one pass; they must give the bytes of the planar route.
+    for (FrameFormat nv : {FRAME_NV12, FRAME_NV21})
+        for (FrameFormat out : {FRAME_BGR_8, FRAME_RGB_8}) {
+            const Frame src = kvtest::randomFrame(nv, Size(70, 34), 12);
+            Frame planar(FRAME_I420, Size(70, 34)), direct(out, Size(70, 34)), via(out, Size(70, 34));
+            CvBackendSimd b;
+            b.colorCvt(src, planar, Rect());
+            b.colorCvt(planar, via, Rect());
+            b.colorCvt(src, direct, Rect());
+            EXPECT_TRUE(kvtest::framesEqual(via, direct)) << toString(nv) << " -> " << toString(out);
+        }
+}
+
 TEST(CvBackendSimdColor, EqualFormatsCopyTheRegion) {
     Frame src = kvtest::randomFrame(FRAME_NV12, Size(10, 8), 3);
     Frame dst(FRAME_NV12, Size(4, 4));

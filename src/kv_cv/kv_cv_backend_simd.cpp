@@ -267,10 +267,10 @@ void CvBackendSimd::colorCvt(const Frame& src, Frame& dst, Rect src_roi) {
                 return;
             }
             if (isRgb8(df)) {
-                _temp2.reuse(FRAME_I420, Size(w, h), cpu, 0);
-                fast::splitPairs(data(s, 1), step(s, 1), data(_temp2, nv12 ? 1 : 2), step(_temp2, nv12 ? 1 : 2),
-                                 data(_temp2, nv12 ? 2 : 1), step(_temp2, nv12 ? 2 : 1), w / 2, h / 2);
-                yuvToRgb(fast::i420ToRgb, s, _temp2, 1, 2, dst);
+                // One pass over the pairs: the same arithmetic as deinterleaving
+                // into 4:2:0 planes and converting those, without the copy.
+                fast::nv12ToRgb(df == FRAME_RGB_8 ? fast::RgbOrder::kRgb : fast::RgbOrder::kBgr, !nv12, data(s, 0),
+                                step(s, 0), data(s, 1), step(s, 1), data(dst, 0), step(dst, 0), w, h);
                 return;
             }
             if (df == FRAME_I420) {

@@ -98,6 +98,14 @@ void i420ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u
         libyuv::I420ToRAW(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
 }
 
+void nv12ToRgb(RgbOrder order, bool vu, const uint8_t* y, size_t y_step, const uint8_t* uv, size_t uv_step,
+               uint8_t* dst, size_t dst_step, int width, int height) {
+    using Fn = int (*)(const uint8_t*, int, const uint8_t*, int, uint8_t*, int, int, int);
+    const Fn fn = order == RgbOrder::kBgr ? (vu ? libyuv::NV21ToRGB24 : libyuv::NV12ToRGB24)
+                                          : (vu ? libyuv::NV21ToRAW : libyuv::NV12ToRAW);
+    fn(y, pitch(y_step), uv, pitch(uv_step), dst, pitch(dst_step), width, height);
+}
+
 void i422ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
                size_t v_step, uint8_t* dst, size_t dst_step, int width, int height) {
     if (order == RgbOrder::kBgr)

@@ -41,6 +41,10 @@ void bgrToI422(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, u
 // for 4:2:2.
 void i420ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
                size_t v_step, uint8_t* dst, size_t dst_step, int width, int height);
+// Semi-planar 4:2:0: chroma pairs U, V (or V, U with `vu`), (width / 2) x
+// (height / 2) pairs; the same arithmetic as i420ToRgb.
+void nv12ToRgb(RgbOrder order, bool vu, const uint8_t* y, size_t y_step, const uint8_t* uv, size_t uv_step,
+               uint8_t* dst, size_t dst_step, int width, int height);
 void i422ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
                size_t v_step, uint8_t* dst, size_t dst_step, int width, int height);
 void i444ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
