@@ -1,0 +1,480 @@
+// CvBackendSimd: every ICvBackend operation as one or a few whole-plane calls
+// into the fast adapter (libyuv, OpenCV, the module's AVX2 kernels).
+#include "kv_cv/kv_cv_backend_simd.h"
+
+#include <algorithm>
+
+#include "kv_core/kv_exception.h"
+#include "kv_cv/kv_cv_helpers.h"
+#include "kv_cv/kv_impl_fast_adapter.h"
+
+#define KV_SOURCE_FILE "src/kv_cv/kv_cv_backend_simd"
+
+namespace kv {
+
+namespace fast = impl::fast;
+
+namespace {
+
+constexpr const char* kColorCvt = "kv::CvBackendSimd::colorCvt";
+constexpr const char* kEvenText = "src_region.width() % 2 == 0 && src_region.height() % 2 == 0";
+
+bool given(const Rect& r) { return r.width >= 1 && r.height >= 1; }
+Frame regionOf(const Frame& f, const Rect& r) { return given(r) ? getRegion(f, r) : f; }
+
+// Plane access on frames that live in CPU memory.
+uint8_t* data(Frame& f, int p) { return f.planeCpuData(size_t(p)); }
+size_t step(const Frame& f, int p) { return f.layout().plane[p].step; }
+const FramePlane& plane(const Frame& f, int p) { return f.layout().plane[p]; }
+bool continuous(const Frame& f, int p) { return plane(f, p).step == plane(f, p).row_bytes; }
+
+// Byte plane -> float plane (or back), one run over the plane when both are
+// continuous; `per_row` values per row.
+void toFloat(Frame& s, int sp, Frame& d, int dp, size_t per_row, int rows) {
+    if (continuous(s, sp) && continuous(d, dp))
+        fast::u8ToF32(data(s, sp), 0, reinterpret_cast<float*>(data(d, dp)), 0, per_row * size_t(rows), 1);
+    else
+        fast::u8ToF32(data(s, sp), step(s, sp), reinterpret_cast<float*>(data(d, dp)), step(d, dp), per_row, rows);
+}
+
+void toByte(Frame& s, int sp, Frame& d, int dp, size_t per_row, int rows) {
+    if (continuous(s, sp) && continuous(d, dp))
+        fast::f32ToU8(reinterpret_cast<const float*>(data(s, sp)), 0, data(d, dp), 0, per_row * size_t(rows), 1);
+    else
+        fast::f32ToU8(reinterpret_cast<const float*>(data(s, sp)), step(s, sp), data(d, dp), step(d, dp), per_row,
+                      rows);
+}
+
+void copyY(Frame& s, Frame& d) {
+    fast::copyPlane(data(s, 0), step(s, 0), data(d, 0), step(d, 0), s.size().width, s.size().height);
+}
+
+void split3(Frame& s, Frame& d) {
+    fast::splitPlanes3(data(s, 0), step(s, 0), data(d, 0), step(d, 0), data(d, 1), step(d, 1), data(d, 2), step(d, 2),
+                       s.size().width, s.size().height);
+}
+
+void merge3(Frame& s, Frame& d) {
+    fast::mergePlanes3(data(s, 0), step(s, 0), data(s, 1), step(s, 1), data(s, 2), step(s, 2), data(d, 0), step(d, 0),
+                       s.size().width, s.size().height);
+}
+
+// YUV planes (y, u, v) of a planar frame, or of a temporary holding the
+// deinterleaved chroma, to 3-byte pixels.
+using YuvToRgbFn = void (*)(fast::RgbOrder, const uint8_t*, size_t, const uint8_t*, size_t, const uint8_t*, size_t,
+                            uint8_t*, size_t, int, int);
+
+void yuvToRgb(YuvToRgbFn fn, Frame& y, Frame& uv, int u_plane, int v_plane, Frame& d) {
+    const fast::RgbOrder order = d.format() == FRAME_RGB_8 ? fast::RgbOrder::kRgb : fast::RgbOrder::kBgr;
+    fn(order, data(y, 0), step(y, 0), data(uv, u_plane), step(uv, u_plane), data(uv, v_plane), step(uv, v_plane),
+       data(d, 0), step(d, 0), y.size().width, y.size().height);
+}
+
+bool isRgb8(FrameFormat f) { return f == FRAME_RGB_8 || f == FRAME_BGR_8; }
+
+}  // namespace
+
+CvBackendSimd::CvBackendSimd() = default;
+CvBackendSimd::CvBackendSimd(const CvBackendSimd& other) = default;
+CvBackendSimd& CvBackendSimd::operator=(const CvBackendSimd& other) = default;
+CvBackendSimd::~CvBackendSimd() = default;
+
+void CvBackendSimd::roiToYuv444(Frame& src, const Rect& rect) {
+    _temp.reuse(FRAME_YUV444_PLANAR, rect.size(), DeviceContext::cpuContext(), 0);
+    Frame r = getRegion(src, rect);
+    fast::bgrToYuv444(data(r, 0), step(r, 0), data(_temp, 0), step(_temp, 0), data(_temp, 1), step(_temp, 1),
+                      data(_temp, 2), step(_temp, 2), rect.width, rect.height);
+}
+
+void CvBackendSimd::_oddStripTo420(Frame& src, const Rect& rect, Frame& dst, bool interleaved) {
+    roiToYuv444(src, rect);
+    fast::copyPlane(data(_temp, 0), step(_temp, 0), dst.rowCpuData(0, rect.y) + rect.x, step(dst, 0), rect.width,
+                    rect.height);
+    // The strip is one pixel wide or high: each chroma sample averages the
+    // two 4:4:4 samples it covers along the strip (one at an odd end).
+    const bool column = rect.width == 1;
+    const int length = column ? rect.height : rect.width;
+    const int cx = rect.x / 2, cy = rect.y / 2;
+    for (int k = 0; k < (length + 1) / 2; ++k) {
+        const int i0 = 2 * k, i1 = std::min(2 * k + 1, length - 1);
+        auto sample = [&](int p, int i) -> int {
+            return column ? _temp.rowCpuData(p, i)[0] : _temp.rowCpuData(p, 0)[i];
+        };
+        const uint8_t u = uint8_t((sample(1, i0) + sample(1, i1) + 1) >> 1);
+        const uint8_t v = uint8_t((sample(2, i0) + sample(2, i1) + 1) >> 1);
+        const int x = column ? cx : cx + k, y = column ? cy + k : cy;
+        if (interleaved) {
+            uint8_t* uv = dst.rowCpuData(1, y) + 2 * x;
+            uv[0] = u;
+            uv[1] = v;
+        } else {
+            dst.rowCpuData(1, y)[x] = u;
+            dst.rowCpuData(2, y)[x] = v;
+        }
+    }
+}
+
+void CvBackendSimd::_twoStep(const Frame& region, FrameFormat via, Frame& dst) {
+    _temp2.reuse(via, region.size(), DeviceContext::cpuContext(), 0);
+    colorCvt(region, _temp2, Rect());
+    colorCvt(_temp2, dst, Rect());
+}
+
+void CvBackendSimd::colorCvt(const Frame& src, Frame& dst, Rect src_roi) {
+    KV_ASSERT_LINE(src.initialized() && dst.initialized(), kColorCvt, 329);
+    KV_ASSERT_LINE(src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() == dst.deviceContext(),
+                   kColorCvt, 332);
+    // Only the region is used from here on: `src` may be one of our own
+    // temporaries, which roiToYuv444 and the two-step routes reuse.
+    Frame s = regionOf(src, src_roi);
+    KV_ASSERT_TEXT_LINE(s.size() == dst.size(), "src_region.size() == dst.size()", kColorCvt, 339);
+    const FrameFormat sf = s.format(), df = dst.format();
+    if (sf == df) {
+        s.copyTo(dst);
+        return;
+    }
+    const int w = s.size().width, h = s.size().height;
+    const bool even = w % 2 == 0 && h % 2 == 0;
+    const DeviceContext cpu = DeviceContext::cpuContext();
+
+    switch (sf) {
+        case FRAME_GRAY_8:
+            if (df == FRAME_BGR_8) {
+                fast::grayToBgr(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), w, h);
+                return;
+            }
+            if (df == FRAME_GRAY_FLOAT_32) {
+                toFloat(s, 0, dst, 0, size_t(w), h);
+                return;
+            }
+            break;
+        case FRAME_RGB_8:
+        case FRAME_BGR_8: {
+            const FrameFormat planar = sf == FRAME_RGB_8 ? FRAME_RGB_8_PLANAR : FRAME_BGR_8_PLANAR;
+            if (df == planar) {
+                split3(s, dst);
+                return;
+            }
+            if (isRgb8(df)) {
+                fast::swapRgb(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), w, h);
+                return;
+            }
+            if (df == FRAME_FLOAT_32_C3) {
+                toFloat(s, 0, dst, 0, size_t(w) * 3, h);
+                return;
+            }
+            if (df == FRAME_FLOAT_32_C3_PLANAR) {
+                _twoStep(s, planar, dst);
+                return;
+            }
+            if (sf == FRAME_RGB_8) break;
+            switch (df) {
+                case FRAME_GRAY_8:
+                    fast::bgrToGray(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), w, h);
+                    return;
+                case FRAME_I420:
+                case FRAME_NV12: {
+                    // The even part in one call, then the odd last column and row.
+                    const bool nv12 = df == FRAME_NV12;
+                    const int we = w & ~1, he = h & ~1;
+                    if (we > 0 && he > 0) {
+                        if (nv12) {
+                            _temp2.reuse(FRAME_I420, Size(we, he), cpu, 0);
+                            fast::bgrToI420(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(_temp2, 1),
+                                            step(_temp2, 1), data(_temp2, 2), step(_temp2, 2), we, he);
+                            fast::mergePairs(data(_temp2, 1), step(_temp2, 1), data(_temp2, 2), step(_temp2, 2),
+                                             data(dst, 1), step(dst, 1), we / 2, he / 2);
+                        } else {
+                            fast::bgrToI420(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(dst, 1),
+                                            step(dst, 1), data(dst, 2), step(dst, 2), we, he);
+                        }
+                    }
+                    if (w != we && he > 0) _oddStripTo420(s, Rect(we, 0, 1, he), dst, nv12);
+                    if (h != he) _oddStripTo420(s, Rect(0, he, w, 1), dst, nv12);
+                    return;
+                }
+                case FRAME_NV21:
+                    KV_ASSERT_TEXT_LINE(even, kEvenText, kColorCvt, 530);
+                    _temp2.reuse(FRAME_I420, Size(w, h), cpu, 0);
+                    fast::bgrToI420(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(_temp2, 1),
+                                    step(_temp2, 1), data(_temp2, 2), step(_temp2, 2), w, h);
+                    fast::mergePairs(data(_temp2, 2), step(_temp2, 2), data(_temp2, 1), step(_temp2, 1), data(dst, 1),
+                                     step(dst, 1), w / 2, h / 2);
+                    return;
+                case FRAME_NV16:
+                    KV_ASSERT_TEXT_LINE(even, kEvenText, kColorCvt, 563);
+                    // FRAME_YV16 holds V in plane 1 and U in plane 2.
+                    _temp2.reuse(FRAME_YV16, Size(w, h), cpu, 0);
+                    fast::bgrToI422(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(_temp2, 2),
+                                    step(_temp2, 2), data(_temp2, 1), step(_temp2, 1), w, h);
+                    fast::mergePairs(data(_temp2, 2), step(_temp2, 2), data(_temp2, 1), step(_temp2, 1), data(dst, 1),
+                                     step(dst, 1), w / 2, h);
+                    return;
+                case FRAME_YUV444_PLANAR:
+                    fast::bgrToYuv444(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(dst, 1), step(dst, 1),
+                                      data(dst, 2), step(dst, 2), w, h);
+                    return;
+                case FRAME_YUV444:
+                    _twoStep(s, FRAME_YUV444_PLANAR, dst);
+                    return;
+                default:
+                    break;
+            }
+            break;
+        }
+        case FRAME_RGB_8_PLANAR:
+        case FRAME_BGR_8_PLANAR: {
+            const FrameFormat packed = sf == FRAME_RGB_8_PLANAR ? FRAME_RGB_8 : FRAME_BGR_8;
+            if (df == packed) {
+                merge3(s, dst);
+                return;
+            }
+            if (df == FRAME_FLOAT_32_C3) {
+                _twoStep(s, packed, dst);
+                return;
+            }
+            if (df == FRAME_FLOAT_32_C3_PLANAR) {
+                for (int p = 0; p < 3; ++p) toFloat(s, p, dst, p, size_t(w), h);
+                return;
+            }
+            break;
+        }
+        case FRAME_I420:
+            KV_ASSERT_TEXT_LINE(even, kEvenText, kColorCvt, 845);
+            if (df == FRAME_GRAY_8) {
+                copyY(s, dst);
+                return;
+            }
+            if (isRgb8(df)) {
+                yuvToRgb(fast::i420ToRgb, s, s, 1, 2, dst);
+                return;
+            }
+            if (df == FRAME_NV12) {
+                copyY(s, dst);
+                fast::mergePairs(data(s, 1), step(s, 1), data(s, 2), step(s, 2), data(dst, 1), step(dst, 1), w / 2,
+                                 h / 2);
+                return;
+            }
+            break;
+        case FRAME_NV12:
+        case FRAME_NV21: {
+            KV_ASSERT_TEXT_LINE(even, kEvenText, kColorCvt, sf == FRAME_NV12 ? 910 : 1032);
+            // Planes of the pair bytes: (first, second) is (U, V) for NV12.
+            const bool nv12 = sf == FRAME_NV12;
+            const FrameFormat other = nv12 ? FRAME_NV21 : FRAME_NV12;
+            if (df == FRAME_GRAY_8) {
+                copyY(s, dst);
+                return;
+            }
+            if (isRgb8(df)) {
+                // One pass over the pairs: the same arithmetic as deinterleaving
+                // into 4:2:0 planes and converting those, without the copy.
+                fast::nv12ToRgb(df == FRAME_RGB_8 ? fast::RgbOrder::kRgb : fast::RgbOrder::kBgr, !nv12, data(s, 0),
+                                step(s, 0), data(s, 1), step(s, 1), data(dst, 0), step(dst, 0), w, h);
+                return;
+            }
+            if (df == FRAME_I420) {
+                copyY(s, dst);
+                fast::splitPairs(data(s, 1), step(s, 1), data(dst, nv12 ? 1 : 2), step(dst, nv12 ? 1 : 2),
+                                 data(dst, nv12 ? 2 : 1), step(dst, nv12 ? 2 : 1), w / 2, h / 2);
+                return;
+            }
+            if (df == other) {
+                copyY(s, dst);
+                fast::swapPairs(data(s, 1), step(s, 1), data(dst, 1), step(dst, 1), w / 2, h / 2);
+                return;
+            }
+            break;
+        }
+        case FRAME_NV16:
+            KV_ASSERT_TEXT_LINE(even, kEvenText, kColorCvt, 1138);
+            if (df == FRAME_GRAY_8) {
+                copyY(s, dst);
+                return;
+            }
+            if (isRgb8(df)) {
+                _temp2.reuse(FRAME_YV16, Size(w, h), cpu, 0);
+                fast::splitPairs(data(s, 1), step(s, 1), data(_temp2, 2), step(_temp2, 2), data(_temp2, 1),
+                                 step(_temp2, 1), w / 2, h);
+                yuvToRgb(fast::i422ToRgb, s, _temp2, 2, 1, dst);
+                return;
+            }
+            if (df == FRAME_YV16) {
+                copyY(s, dst);
+                fast::splitPairs(data(s, 1), step(s, 1), data(dst, 2), step(dst, 2), data(dst, 1), step(dst, 1), w / 2,
+                                 h);
+                return;
+            }
+            break;
+        case FRAME_YUV444:
+            if (df == FRAME_YUV444_PLANAR) {
+                split3(s, dst);
+                return;
+            }
+            if (df == FRAME_GRAY_8 || df == FRAME_BGR_8) {
+                _twoStep(s, FRAME_YUV444_PLANAR, dst);
+                return;
+            }
+            break;
+        case FRAME_YUV444_PLANAR:
+            if (df == FRAME_GRAY_8) {
+                copyY(s, dst);
+                return;
+            }
+            if (df == FRAME_BGR_8) {
+                yuvToRgb(fast::i444ToRgb, s, s, 1, 2, dst);
+                return;
+            }
+            if (df == FRAME_YUV444) {
+                merge3(s, dst);
+                return;
+            }
+            break;
+        case FRAME_FLOAT_32_C3:
+            if (isRgb8(df)) {
+                toByte(s, 0, dst, 0, size_t(w) * 3, h);
+                return;
+            }
+            if (df == FRAME_RGB_8_PLANAR || df == FRAME_BGR_8_PLANAR) {
+                _twoStep(s, df == FRAME_RGB_8_PLANAR ? FRAME_RGB_8 : FRAME_BGR_8, dst);
+                return;
+            }
+            break;
+        case FRAME_FLOAT_32_C3_PLANAR:
+            if (df == FRAME_RGB_8_PLANAR || df == FRAME_BGR_8_PLANAR) {
+                for (int p = 0; p < 3; ++p) toByte(s, p, dst, p, size_t(w), h);
+                return;
+            }
+            if (isRgb8(df)) {
+                _twoStep(s, df == FRAME_RGB_8 ? FRAME_RGB_8_PLANAR : FRAME_BGR_8_PLANAR, dst);
+                return;
+            }
+            break;
+        default:
+            break;
+    }
+    KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kColorCvt, 1389, "colorCvt: Unsupported conversion %s -> %s.",
+                  toString(sf), toString(df));
+}
+
+void CvBackendSimd::resize(const Frame& src, Frame& dst, Rect src_roi, Rect dst_roi) {
+    static constexpr const char* kFn = "kv::CvBackendSimd::resize";
+    KV_ASSERT_LINE(src.initialized() && src.format() == dst.format(), kFn, 1395);
+    KV_ASSERT_LINE(src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() == dst.deviceContext(),
+                   kFn, 1398);
+    const int bits_per_channel = src.layout().plane[0].bits_per_channel;
+    KV_ASSERT_LINE(bits_per_channel == 8 || bits_per_channel == 32, kFn, 1401);
+    Frame s = regionOf(src, src_roi);
+    Frame d = regionOf(dst, dst_roi);
+    fast::Interpolation method = _resize_method == ResizeNearestNeighbour ? fast::Interpolation::kNearest
+                                 : _resize_method == ResizeArea           ? fast::Interpolation::kArea
+                                                                          : fast::Interpolation::kBilinear;
+    if (d.size().width == 1 || d.size().height == 1) method = fast::Interpolation::kNearest;
+    for (uint32_t p = 0; p < s.layout().planes; ++p) {
+        const FramePlane& sp = plane(s, int(p));
+        const FramePlane& dp = plane(d, int(p));
+        fast::resizePlane(data(s, int(p)), sp.step, sp.size.width, sp.size.height, data(d, int(p)), dp.step,
+                          dp.size.width, dp.size.height, sp.channels, bits_per_channel == 32, method);
+    }
+}
+
+void CvBackendSimd::convert(const Frame& src, Frame& dst, Rect src_roi) {
+    static constexpr const char* kFn = "kv::CvBackendSimd::convert";
+    KV_ASSERT_LINE(src.initialized() && dst.initialized(), kFn, 1499);
+    KV_ASSERT_LINE(src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() == dst.deviceContext(),
+                   kFn, 1502);
+    const Frame s = regionOf(src, src_roi);
+    if (s.size() == dst.size()) {
+        colorCvt(s, dst, Rect());
+    } else if (s.format() == dst.format()) {
+        resize(s, dst, Rect(), Rect());
+    } else {
+        // Scale in the source format, then convert.
+        _temp.reuse(s.format(), dst.size(), DeviceContext::cpuContext(), 0);
+        resize(s, _temp, Rect(), Rect());
+        colorCvt(_temp, dst, Rect());
+    }
+}
+
+void CvBackendSimd::_arithmetic(Frame& src_dst, float value, Rect roi, bool multiply) {
+    const char* fn = multiply ? "kv::CvBackendSimd::mul" : "kv::CvBackendSimd::add";
+    if (multiply) {
+        KV_ASSERT(src_dst.initialized(), fn);
+        KV_ASSERT(src_dst.deviceContext() == DeviceContext::cpuContext(), fn);
+    } else {
+        KV_ASSERT_LINE(src_dst.initialized(), fn, 1528);
+        KV_ASSERT_LINE(src_dst.deviceContext() == DeviceContext::cpuContext(), fn, 1529);
+    }
+    Frame r = regionOf(src_dst, roi);
+    const FrameFormat f = r.format();
+    if (f != FRAME_FLOAT_32 && f != FRAME_FLOAT_32_C3 && f != FRAME_FLOAT_32_C3_PLANAR) {
+        if (multiply)
+            KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, fn, 1645, "mul: Unsupported src format %s.", toString(f));
+        KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, fn, 1581, "add: Unsupported src format %s.", toString(f));
+    }
+    for (uint32_t p = 0; p < r.layout().planes; ++p) {
+        const FramePlane& pl = plane(r, int(p));
+        auto* d = reinterpret_cast<float*>(data(r, int(p)));
+        const size_t per_row = size_t(pl.size.width) * pl.channels;
+        const bool one_run = continuous(r, int(p));
+        const size_t count = one_run ? per_row * size_t(pl.size.height) : per_row;
+        const int rows = one_run ? 1 : pl.size.height;
+        if (multiply)
+            fast::mulF32(d, pl.step, count, rows, value);
+        else
+            fast::addF32(d, pl.step, count, rows, value);
+    }
+}
+
+void CvBackendSimd::add(Frame& src_dst, float value, Rect roi) { _arithmetic(src_dst, value, roi, false); }
+
+void CvBackendSimd::mul(Frame& src_dst, float value, Rect roi) { _arithmetic(src_dst, value, roi, true); }
+
+void CvBackendSimd::warpAffine(const Frame& src, Frame& dst, const float matrix[2][3], Rect src_roi, bool flag) {
+    static constexpr const char* kFn = "kv::CvBackendSimd::warpAffine";
+    KV_ASSERT_LINE(src.initialized() && src.format() == dst.format(), kFn, 1653);
+    KV_ASSERT_LINE(src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() == dst.deviceContext(),
+                   kFn, 1656);
+    const bool bilinear = _warp_method != ResizeNearestNeighbour;
+    Frame s = regionOf(src, src_roi);
+    float m[6] = {matrix[0][0], matrix[0][1], matrix[0][2], matrix[1][0], matrix[1][1], matrix[1][2]};
+    if (flag) {
+        float inverse[6];
+        invertAffineTransform(m, inverse);
+        std::copy(inverse, inverse + 6, m);
+    }
+    for (uint32_t p = 0; p < s.layout().planes; ++p) {
+        const FramePlane& sp = plane(s, int(p));
+        const FramePlane& dp = plane(dst, int(p));
+        if (!fast::warpAffinePlane(data(s, int(p)), sp.step, sp.size.width, sp.size.height, data(dst, int(p)), dp.step,
+                                   dp.size.width, dp.size.height, sp.channels, sp.bits_per_channel == 32, m, bilinear))
+            KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kFn, 1747, "warpAffine: Can't create context.");
+    }
+}
+
+void CvBackendSimd::cropAndResize(const Frame& src, Tensor& dst, const std::vector<Rect>& first,
+                                  const std::vector<Rect>& second) {
+    crop_and_resize(*this, src, dst, first, second, 0.0f, 1.0f);
+}
+
+bool CvBackendSimd::setIntProperty(int id, int value) {
+    static constexpr const char* kFn = "kv::CvBackendSimd::setIntProperty";
+    static constexpr const char* kText = "value == ResizeBilinear || value == ResizeArea || value == ResizeNearestNeighbour";
+    if (id != kPropertyResizeMethod && id != kPropertyWarpInterpolation) return false;
+    // One unsigned comparison: negative values fail too.
+    KV_ASSERT_TEXT_LINE(uint32_t(value) <= uint32_t(ResizeArea), kText, kFn, id == kPropertyResizeMethod ? 1770 : 1776);
+    (id == kPropertyResizeMethod ? _resize_method : _warp_method) = value;
+    return true;
+}
+
+int CvBackendSimd::getIntProperty(int id) const {
+    if (id == kPropertyResizeMethod) return _resize_method;
+    if (id == kPropertyWarpInterpolation) return _warp_method;
+    return -1;
+}
+
+void CvBackendSimd::setDeviceContext(const DeviceContext&) {}
+
+DeviceContext CvBackendSimd::getDeviceContext() const { return DeviceContext::cpuContext(); }
+
+}  // namespace kv

@@ -1,0 +1,293 @@
+// The fast backend's facilities on libyuv, OpenCV and our own row kernels.
+// Which serves what was chosen by measurement at 1920x1080 on one thread:
+// libyuv for YUV (it averages 2x2 chroma blocks; OpenCV's BGR to I420 takes
+// one pixel per block), channel swaps, plane splits and merges and 1-byte
+// rotation; OpenCV for bilinear and area resizing and affine warps; plain
+// loops for nearest resizing; our kernels
+// (kv_impl_fast_kernels) for gray, byte/float, half/float and 3-byte rotation,
+// where they beat both libraries.
+#include "kv_cv/kv_impl_fast_adapter.h"
+
+#include <libyuv.h>
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "kv_cv/kv_impl_cpu.h"
+#include "kv_cv/kv_impl_fast_kernels.h"
+
+namespace kv {
+namespace impl {
+namespace fast {
+
+namespace {
+
+// See the header: OpenCV's thread count is process-wide; set it once.
+void pinOpenCvToCaller() {
+    static std::once_flag once;
+    std::call_once(once, [] { cv::setNumThreads(1); });
+}
+
+int pitch(size_t step) { return int(step); }
+
+const FastKernels& kernels() { return fastKernels(activeIsa()); }
+
+template <typename Row>
+void forRows(int height, Row row) {
+    for (int y = 0; y < height; ++y) row(y);
+}
+
+}  // namespace
+
+void bgrToI420(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step, uint8_t* v,
+               size_t v_step, int width, int height) {
+    // libyuv's "RGB24" is B, G, R in memory.
+    libyuv::RGB24ToI420(bgr, pitch(bgr_step), y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), width, height);
+}
+
+namespace {
+
+// BGR to 4:4:4 or 4:2:2 through 4-byte pixels in a stack strip: up to kStrip
+// pixels per call, as many whole rows as fit (or an even piece of one row).
+template <typename ArgbToYuv>
+void bgrThroughArgb(ArgbToYuv convert, int chroma_shift, const uint8_t* bgr, size_t bgr_step, uint8_t* y,
+                    size_t y_step, uint8_t* u, size_t u_step, uint8_t* v, size_t v_step, int width, int height) {
+    constexpr int kStrip = 4096;
+    alignas(64) uint8_t argb[kStrip * 4];
+    if (width <= kStrip) {
+        const int rows = kStrip / width;
+        for (int r = 0; r < height; r += rows) {
+            const int n = std::min(rows, height - r);
+            libyuv::RGB24ToARGB(bgr + size_t(r) * bgr_step, pitch(bgr_step), argb, width * 4, width, n);
+            convert(argb, width * 4, y + size_t(r) * y_step, pitch(y_step), u + size_t(r) * u_step, pitch(u_step),
+                    v + size_t(r) * v_step, pitch(v_step), width, n);
+        }
+        return;
+    }
+    for (int r = 0; r < height; ++r)
+        for (int x = 0; x < width; x += kStrip) {
+            const int n = std::min(kStrip, width - x);
+            const size_t cx = size_t(x) >> chroma_shift;
+            libyuv::RGB24ToARGB(bgr + size_t(r) * bgr_step + size_t(x) * 3, 0, argb, 0, n, 1);
+            convert(argb, 0, y + size_t(r) * y_step + x, 0, u + size_t(r) * u_step + cx, 0,
+                    v + size_t(r) * v_step + cx, 0, n, 1);
+        }
+}
+
+}  // namespace
+
+void bgrToYuv444(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step,
+                 uint8_t* v, size_t v_step, int width, int height) {
+    bgrThroughArgb(libyuv::ARGBToI444, 0, bgr, bgr_step, y, y_step, u, u_step, v, v_step, width, height);
+}
+
+void bgrToI422(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step, uint8_t* v,
+               size_t v_step, int width, int height) {
+    bgrThroughArgb(libyuv::ARGBToI422, 1, bgr, bgr_step, y, y_step, u, u_step, v, v_step, width, height);
+}
+
+// libyuv's "RGB24" output is B, G, R in memory and "RAW" is R, G, B.
+void i420ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
+               size_t v_step, uint8_t* dst, size_t dst_step, int width, int height) {
+    if (order == RgbOrder::kBgr)
+        libyuv::I420ToRGB24(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
+    else
+        libyuv::I420ToRAW(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
+}
+
+void nv12ToRgb(RgbOrder order, bool vu, const uint8_t* y, size_t y_step, const uint8_t* uv, size_t uv_step,
+               uint8_t* dst, size_t dst_step, int width, int height) {
+    using Fn = int (*)(const uint8_t*, int, const uint8_t*, int, uint8_t*, int, int, int);
+    const Fn fn = order == RgbOrder::kBgr ? (vu ? libyuv::NV21ToRGB24 : libyuv::NV12ToRGB24)
+                                          : (vu ? libyuv::NV21ToRAW : libyuv::NV12ToRAW);
+    fn(y, pitch(y_step), uv, pitch(uv_step), dst, pitch(dst_step), width, height);
+}
+
+void i422ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
+               size_t v_step, uint8_t* dst, size_t dst_step, int width, int height) {
+    if (order == RgbOrder::kBgr)
+        libyuv::I422ToRGB24(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
+    else
+        libyuv::I422ToRAW(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
+}
+
+void i444ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
+               size_t v_step, uint8_t* dst, size_t dst_step, int width, int height) {
+    if (order == RgbOrder::kBgr)
+        libyuv::I444ToRGB24(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
+    else
+        libyuv::I444ToRAW(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
+}
+
+void swapRgb(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int width, int height) {
+    libyuv::RAWToRGB24(src, pitch(src_step), dst, pitch(dst_step), width, height);
+}
+
+void splitPlanes3(const uint8_t* src, size_t src_step, uint8_t* d0, size_t s0, uint8_t* d1, size_t s1, uint8_t* d2,
+                  size_t s2, int width, int height) {
+    // libyuv names the planes r, g, b but moves byte k to plane k.
+    libyuv::SplitRGBPlane(src, pitch(src_step), d0, pitch(s0), d1, pitch(s1), d2, pitch(s2), width, height);
+}
+
+void mergePlanes3(const uint8_t* p0, size_t s0, const uint8_t* p1, size_t s1, const uint8_t* p2, size_t s2,
+                  uint8_t* dst, size_t dst_step, int width, int height) {
+    libyuv::MergeRGBPlane(p0, pitch(s0), p1, pitch(s1), p2, pitch(s2), dst, pitch(dst_step), width, height);
+}
+
+void splitPairs(const uint8_t* src, size_t src_step, uint8_t* d0, size_t s0, uint8_t* d1, size_t s1, int width,
+                int height) {
+    libyuv::SplitUVPlane(src, pitch(src_step), d0, pitch(s0), d1, pitch(s1), width, height);
+}
+
+void mergePairs(const uint8_t* p0, size_t s0, const uint8_t* p1, size_t s1, uint8_t* dst, size_t dst_step, int width,
+                int height) {
+    libyuv::MergeUVPlane(p0, pitch(s0), p1, pitch(s1), dst, pitch(dst_step), width, height);
+}
+
+void swapPairs(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int width, int height) {
+    libyuv::SwapUVPlane(src, pitch(src_step), dst, pitch(dst_step), width, height);
+}
+
+void copyPlane(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int width, int height) {
+    libyuv::CopyPlane(src, pitch(src_step), dst, pitch(dst_step), width, height);
+}
+
+void bgrToGray(const uint8_t* bgr, size_t bgr_step, uint8_t* gray, size_t gray_step, int width, int height) {
+    const BgrToGrayRowFn row = kernels().bgrToGrayRow;
+    forRows(height, [&](int y) { row(bgr + size_t(y) * bgr_step, gray + size_t(y) * gray_step, width); });
+}
+
+void grayToBgr(const uint8_t* gray, size_t gray_step, uint8_t* bgr, size_t bgr_step, int width, int height) {
+    const GrayToBgrRowFn row = kernels().grayToBgrRow;
+    forRows(height, [&](int y) { row(gray + size_t(y) * gray_step, bgr + size_t(y) * bgr_step, width); });
+}
+
+void u8ToF32(const uint8_t* src, size_t src_step, float* dst, size_t dst_step, size_t count, int height) {
+    const U8ToF32RowFn row = kernels().u8ToF32Row;
+    auto* d = reinterpret_cast<uint8_t*>(dst);
+    forRows(height, [&](int y) {
+        row(src + size_t(y) * src_step, reinterpret_cast<float*>(d + size_t(y) * dst_step), count);
+    });
+}
+
+void f32ToU8(const float* src, size_t src_step, uint8_t* dst, size_t dst_step, size_t count, int height) {
+    const F32ToU8RowFn row = kernels().f32ToU8Row;
+    const auto* s = reinterpret_cast<const uint8_t*>(src);
+    forRows(height, [&](int y) {
+        row(reinterpret_cast<const float*>(s + size_t(y) * src_step), dst + size_t(y) * dst_step, count);
+    });
+}
+
+// One IEEE operation per element; the compiler vectorises these loops.
+void addF32(float* data, size_t step, size_t count, int height, float value) {
+    auto* d = reinterpret_cast<uint8_t*>(data);
+    forRows(height, [&](int y) {
+        float* row = reinterpret_cast<float*>(d + size_t(y) * step);
+        for (size_t i = 0; i < count; ++i) row[i] += value;
+    });
+}
+
+void mulF32(float* data, size_t step, size_t count, int height, float value) {
+    auto* d = reinterpret_cast<uint8_t*>(data);
+    forRows(height, [&](int y) {
+        float* row = reinterpret_cast<float*>(d + size_t(y) * step);
+        for (size_t i = 0; i < count; ++i) row[i] *= value;
+    });
+}
+
+void halfToFloat(const uint16_t* src, size_t count, float* dst) { kernels().halfToFloatRow(src, dst, count); }
+
+void floatToHalf(const float* src, size_t count, uint16_t* dst) { kernels().floatToHalfRow(src, dst, count); }
+
+namespace {
+
+// Nearest neighbour in 16.16 fixed point: destination pixel i samples source
+// index floor((i + 0.5) * src / dst), the source pixel under its centre
+// (OpenCV 4.6's INTER_NEAREST_EXACT breaks exact ties towards the lower
+// index instead, so it is not used). N is the pixel size in bytes.
+template <int N>
+void nearestRow(const uint8_t* src, uint8_t* dst, int dst_width, int64_t step, size_t pixel) {
+    int64_t pos = step / 2;
+    for (int i = 0; i < dst_width; ++i, pos += step)
+        std::memcpy(dst + size_t(i) * (N ? N : pixel), src + size_t(pos >> 16) * (N ? N : pixel), N ? N : pixel);
+}
+
+void resizeNearest(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst, size_t dst_step,
+                   int dst_width, int dst_height, size_t pixel) {
+    using RowFn = void (*)(const uint8_t*, uint8_t*, int, int64_t, size_t);
+    const RowFn row = pixel == 1 ? nearestRow<1>
+                      : pixel == 2 ? nearestRow<2>
+                      : pixel == 3 ? nearestRow<3>
+                      : pixel == 4 ? nearestRow<4>
+                      : pixel == 12 ? nearestRow<12>
+                                    : nearestRow<0>;
+    const int64_t step_x = (int64_t(src_width) << 16) / dst_width;
+    const int64_t step_y = (int64_t(src_height) << 16) / dst_height;
+    int64_t pos_y = step_y / 2;
+    for (int y = 0; y < dst_height; ++y, pos_y += step_y)
+        row(src + size_t(pos_y >> 16) * src_step, dst + size_t(y) * dst_step, dst_width, step_x, pixel);
+}
+
+}  // namespace
+
+void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
+                 int dst_width, int dst_height, int channels, bool is_float, Interpolation method) {
+    if (method == Interpolation::kNearest) {
+        resizeNearest(static_cast<const uint8_t*>(src), src_step, src_width, src_height, static_cast<uint8_t*>(dst),
+                      dst_step, dst_width, dst_height, size_t(channels) * (is_float ? 4 : 1));
+        return;
+    }
+    pinOpenCvToCaller();
+    const int type = CV_MAKETYPE(is_float ? CV_32F : CV_8U, channels);
+    const cv::Mat s(src_height, src_width, type, const_cast<void*>(src), src_step);
+    cv::Mat d(dst_height, dst_width, type, dst, dst_step);
+    cv::resize(s, d, d.size(), 0, 0, method == Interpolation::kBilinear ? cv::INTER_LINEAR : cv::INTER_AREA);
+}
+
+bool warpAffinePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst,
+                     size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
+                     const float matrix[6], bool bilinear) {
+    // Only an exactly singular matrix (or a NaN determinant) has no inverse.
+    const float det = matrix[0] * matrix[4] - matrix[1] * matrix[3];
+    if (!(det != 0.f) || det != det) return false;
+    pinOpenCvToCaller();
+    const int type = CV_MAKETYPE(is_float ? CV_32F : CV_8U, channels);
+    const cv::Mat s(src_height, src_width, type, const_cast<void*>(src), src_step);
+    cv::Mat d(dst_height, dst_width, type, dst, dst_step);
+    const cv::Matx23f m(matrix[0], matrix[1], matrix[2], matrix[3], matrix[4], matrix[5]);
+    cv::warpAffine(s, d, m, d.size(), bilinear ? cv::INTER_LINEAR : cv::INTER_NEAREST, cv::BORDER_CONSTANT,
+                   cv::Scalar::all(0));
+    return true;
+}
+
+void rotatePlane(const uint8_t* src, size_t src_step, int width, int height, int pixel_bytes, int code, uint8_t* dst,
+                 size_t dst_step) {
+    if (pixel_bytes == 1) {
+        // libyuv's angles are clockwise.
+        const libyuv::RotationMode mode = code == 1 ? libyuv::kRotate270
+                                          : code == 2 ? libyuv::kRotate180
+                                                      : libyuv::kRotate90;
+        libyuv::RotatePlane(src, pitch(src_step), dst, pitch(dst_step), width, height, mode);
+        return;
+    }
+    if (pixel_bytes == 3) {
+        kernels().rotate3(src, src_step, width, height, code, dst, dst_step);
+        return;
+    }
+    pinOpenCvToCaller();
+    const int type = CV_MAKETYPE(CV_8U, pixel_bytes);
+    const cv::Mat s(height, width, type, const_cast<uint8_t*>(src), src_step);
+    const bool turn = code != 2;
+    cv::Mat d(turn ? width : height, turn ? height : width, type, dst, dst_step);
+    cv::rotate(s, d,
+               code == 1   ? cv::ROTATE_90_COUNTERCLOCKWISE
+               : code == 2 ? cv::ROTATE_180
+                           : cv::ROTATE_90_CLOCKWISE);
+}
+
+}  // namespace fast
+}  // namespace impl
+}  // namespace kv

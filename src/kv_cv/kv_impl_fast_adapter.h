@@ -1,0 +1,105 @@
+// The fast backend's window onto libyuv and OpenCV: each facility the fast
+// backend and the frame helpers need, as one small function over plane
+// pointers, sizes in pixels and row pitches in bytes. This is the only file
+// pair of the library that sees a libyuv or OpenCV header, and this header
+// includes neither.
+//
+// Conventions shared by every function:
+// - YUV is BT.601 limited range (Y 16..235, chroma 16..240 about 128), the
+//   convention of the module's own integer kernels; 4:2:0 chroma from BGR is
+//   the average of each 2x2 block.
+// - Sizes are at least 1 and planes do not overlap; nothing is read or
+//   written outside width x height of a plane.
+// - Threads: the module starts none. OpenCV runs its calls on its own pool
+//   unless told otherwise, and its thread count is process-wide, so the first
+//   call into the adapter sets OpenCV's thread count to 1 (once). An
+//   application that raises it again afterwards makes OpenCV spread this
+//   library's calls over its pool too; results do not change.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kv {
+namespace impl {
+namespace fast {
+
+enum class RgbOrder { kBgr, kRgb };
+enum class Interpolation { kNearest, kBilinear, kArea };
+
+// --- YUV ---------------------------------------------------------------------
+// Width and height even.
+void bgrToI420(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step, uint8_t* v,
+               size_t v_step, int width, int height);
+void bgrToYuv444(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step,
+                 uint8_t* v, size_t v_step, int width, int height);
+// Chroma planes of (width / 2) x height; width even.
+void bgrToI422(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step, uint8_t* v,
+               size_t v_step, int width, int height);
+// Chroma planes of (width / 2) x (height / 2) (4:2:0), (width / 2) x height
+// (4:2:2) or full size (4:4:4); width and height even for 4:2:0, width even
+// for 4:2:2.
+void i420ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
+               size_t v_step, uint8_t* dst, size_t dst_step, int width, int height);
+// Semi-planar 4:2:0: chroma pairs U, V (or V, U with `vu`), (width / 2) x
+// (height / 2) pairs; the same arithmetic as i420ToRgb.
+void nv12ToRgb(RgbOrder order, bool vu, const uint8_t* y, size_t y_step, const uint8_t* uv, size_t uv_step,
+               uint8_t* dst, size_t dst_step, int width, int height);
+void i422ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
+               size_t v_step, uint8_t* dst, size_t dst_step, int width, int height);
+void i444ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
+               size_t v_step, uint8_t* dst, size_t dst_step, int width, int height);
+
+// --- Channel moves (exact) ----------------------------------------------------
+// Swaps bytes 0 and 2 of every 3-byte pixel.
+void swapRgb(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int width, int height);
+// 3-byte pixels <-> three planes, byte k to plane k.
+void splitPlanes3(const uint8_t* src, size_t src_step, uint8_t* d0, size_t s0, uint8_t* d1, size_t s1, uint8_t* d2,
+                  size_t s2, int width, int height);
+void mergePlanes3(const uint8_t* p0, size_t s0, const uint8_t* p1, size_t s1, const uint8_t* p2, size_t s2,
+                  uint8_t* dst, size_t dst_step, int width, int height);
+// 2-byte pairs <-> two planes; `width` counts pairs.
+void splitPairs(const uint8_t* src, size_t src_step, uint8_t* d0, size_t s0, uint8_t* d1, size_t s1, int width,
+                int height);
+void mergePairs(const uint8_t* p0, size_t s0, const uint8_t* p1, size_t s1, uint8_t* dst, size_t dst_step, int width,
+                int height);
+void swapPairs(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int width, int height);
+// `width` in bytes.
+void copyPlane(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int width, int height);
+
+// --- Gray and float ------------------------------------------------------------
+// Gray = BT.601 luma weights on full-range bytes, rounded (1.14 fixed point).
+void bgrToGray(const uint8_t* bgr, size_t bgr_step, uint8_t* gray, size_t gray_step, int width, int height);
+void grayToBgr(const uint8_t* gray, size_t gray_step, uint8_t* bgr, size_t bgr_step, int width, int height);
+// `count` values per row: byte v -> float v; float -> byte clamped to 0..255
+// and rounded half to even.
+void u8ToF32(const uint8_t* src, size_t src_step, float* dst, size_t dst_step, size_t count, int height);
+void f32ToU8(const float* src, size_t src_step, uint8_t* dst, size_t dst_step, size_t count, int height);
+// In place over `count` floats per row.
+void addF32(float* data, size_t step, size_t count, int height, float value);
+void mulF32(float* data, size_t step, size_t count, int height, float value);
+// IEEE half <-> single precision, round to nearest even.
+void halfToFloat(const uint16_t* src, size_t count, float* dst);
+void floatToHalf(const float* src, size_t count, uint16_t* dst);
+
+// --- Geometry -----------------------------------------------------------------
+// Resizes a plane of 1 to 4 channels of bytes or floats. Nearest samples the
+// source at floor((i + 0.5) * src / dst) in 16.16 fixed point, as the
+// module's own nearest scaler does; bilinear and area are centre-aligned.
+void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
+                 int dst_width, int dst_height, int channels, bool is_float, Interpolation method);
+// Warps a plane of 1 to 4 channels of bytes or floats by `matrix` (2x3 row-major, source to
+// destination); destination pixels that map outside the source become 0.
+// Returns false, writing nothing, when the matrix is singular.
+bool warpAffinePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst,
+                     size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
+                     const float matrix[6], bool bilinear);
+// Rotates a plane of `pixel_bytes`-byte pixels (1 to 4; width x height is the
+// source size): code 1 is 90 degrees counter-clockwise, 2 is 180 degrees, 3
+// is 270 degrees counter-clockwise.
+void rotatePlane(const uint8_t* src, size_t src_step, int width, int height, int pixel_bytes, int code, uint8_t* dst,
+                 size_t dst_step);
+
+}  // namespace fast
+}  // namespace impl
+}  // namespace kv

@@ -1,0 +1,303 @@
+// Reference and AVX2 row kernels of the fast backend's adapter. The AVX2
+// kernels run whole vectors on the bulk of a row and hand the tail to the
+// reference, so every width gives the reference's bytes and no load or store
+// leaves the row.
+#include "kv_cv/kv_impl_fast_kernels.h"
+
+#include <immintrin.h>
+
+#include <cmath>
+#include <cstring>
+
+namespace kv {
+namespace impl {
+
+namespace ref {
+
+void bgrToGrayRow(const uint8_t* bgr, uint8_t* gray, int width) {
+    for (int x = 0; x < width; ++x, bgr += 3)
+        gray[x] = uint8_t((kGrayB * bgr[0] + kGrayG * bgr[1] + kGrayR * bgr[2] + (1 << (kGrayShift - 1))) >>
+                          kGrayShift);
+}
+
+void grayToBgrRow(const uint8_t* gray, uint8_t* bgr, int width) {
+    for (int x = 0; x < width; ++x, bgr += 3) bgr[0] = bgr[1] = bgr[2] = gray[x];
+}
+
+void u8ToF32Row(const uint8_t* src, float* dst, size_t count) {
+    for (size_t i = 0; i < count; ++i) dst[i] = float(src[i]);
+}
+
+void f32ToU8Row(const float* src, uint8_t* dst, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        // Written as the vector max/min behave: a NaN compares false and gives 0.
+        float v = src[i] > 0.f ? src[i] : 0.f;
+        v = v < 255.f ? v : 255.f;
+        dst[i] = uint8_t(std::lrint(v));  // current rounding mode: nearest even
+    }
+}
+
+namespace {
+
+uint32_t floatBits(float f) {
+    uint32_t u;
+    std::memcpy(&u, &f, 4);
+    return u;
+}
+
+float bitsFloat(uint32_t u) {
+    float f;
+    std::memcpy(&f, &u, 4);
+    return f;
+}
+
+}  // namespace
+
+void halfToFloatRow(const uint16_t* src, float* dst, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        const uint32_t h = src[i];
+        const uint32_t sign = (h & 0x8000u) << 16;
+        const uint32_t exp = (h >> 10) & 0x1f, mant = h & 0x3ff;
+        uint32_t bits;
+        if (exp == 0)  // zero or subnormal: mant * 2^-24 is exact in float
+            bits = sign | floatBits(float(mant) * (1.f / 16777216.f));
+        else if (exp == 31)  // infinity, or NaN made quiet
+            bits = sign | 0x7f800000u | (mant << 13) | (mant ? 0x400000u : 0u);
+        else
+            bits = sign | ((exp + 112) << 23) | (mant << 13);
+        dst[i] = bitsFloat(bits);
+    }
+}
+
+void floatToHalfRow(const float* src, uint16_t* dst, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        const uint32_t x = floatBits(src[i]);
+        const uint32_t sign = (x >> 16) & 0x8000u, ax = x & 0x7fffffffu;
+        uint32_t h;
+        if (ax > 0x7f800000u)  // NaN: quiet, top mantissa bits kept
+            h = 0x7e00u | ((ax >> 13) & 0x3ffu);
+        else if (ax >= 0x477ff000u)  // 65520 and up round to infinity
+            h = 0x7c00u;
+        else if (ax < 0x38800000u)  // below 2^-14: subnormal half, m * 2^-24
+            h = uint32_t(std::lrint(bitsFloat(ax) * 16777216.f));  // exact scaling, rounds to even
+        else  // normal: rebias the exponent, round the 13 dropped bits to even
+            h = (ax - 0x38000000u + 0xfffu + ((ax >> 13) & 1u)) >> 13;
+        dst[i] = uint16_t(sign | h);
+    }
+}
+
+// Rotates the source pixels [x0, x1) x [y0, y1) into their places.
+static void rotate3Rect(const uint8_t* src, size_t src_step, int width, int height, int code, uint8_t* dst,
+                        size_t dst_step, int x0, int x1, int y0, int y1) {
+    for (int y = y0; y < y1; ++y) {
+        const uint8_t* s = src + size_t(y) * src_step;
+        for (int x = x0; x < x1; ++x) {
+            int dx, dy;
+            if (code == 1) {
+                dy = width - 1 - x; dx = y;
+            } else if (code == 2) {
+                dy = height - 1 - y; dx = width - 1 - x;
+            } else {
+                dy = x; dx = height - 1 - y;
+            }
+            std::memcpy(dst + size_t(dy) * dst_step + size_t(dx) * 3, s + size_t(x) * 3, 3);
+        }
+    }
+}
+
+void rotate3(const uint8_t* src, size_t src_step, int width, int height, int code, uint8_t* dst, size_t dst_step) {
+    rotate3Rect(src, src_step, width, height, code, dst, dst_step, 0, width, 0, height);
+}
+
+}  // namespace ref
+
+#pragma GCC push_options
+#pragma GCC target("avx2,f16c")
+namespace avx2 {
+
+namespace {
+
+// Eight 3-byte pixels (exactly 24 bytes read) -> eight dwords, 4th byte 0.
+inline __m256i load8Pixels3(const uint8_t* p) {
+    const __m256i v = _mm256_inserti128_si256(
+        _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))),
+        _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8)), 1);
+    // Lane 0 holds pixels 0..3 at byte 0, lane 1 pixels 4..7 at byte 4.
+    const __m256i ctrl = _mm256_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1,  //
+                                          4, 5, 6, -1, 7, 8, 9, -1, 10, 11, 12, -1, 13, 14, 15, -1);
+    return _mm256_shuffle_epi8(v, ctrl);
+}
+
+// Eight dwords -> their low three bytes, 24 bytes written.
+inline void store8Pixels3(uint8_t* p, __m256i v) {
+    const __m256i ctrl = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1,  //
+                                          0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+    const __m256i packed = _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(v, ctrl),
+                                                       _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_castsi256_si128(packed));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(p + 16), _mm256_extracti128_si256(packed, 1));
+}
+
+inline void transpose8x8(__m256i r[8]) {
+    const __m256i t0 = _mm256_unpacklo_epi32(r[0], r[1]), t1 = _mm256_unpackhi_epi32(r[0], r[1]);
+    const __m256i t2 = _mm256_unpacklo_epi32(r[2], r[3]), t3 = _mm256_unpackhi_epi32(r[2], r[3]);
+    const __m256i t4 = _mm256_unpacklo_epi32(r[4], r[5]), t5 = _mm256_unpackhi_epi32(r[4], r[5]);
+    const __m256i t6 = _mm256_unpacklo_epi32(r[6], r[7]), t7 = _mm256_unpackhi_epi32(r[6], r[7]);
+    const __m256i u0 = _mm256_unpacklo_epi64(t0, t2), u1 = _mm256_unpackhi_epi64(t0, t2);
+    const __m256i u2 = _mm256_unpacklo_epi64(t1, t3), u3 = _mm256_unpackhi_epi64(t1, t3);
+    const __m256i u4 = _mm256_unpacklo_epi64(t4, t6), u5 = _mm256_unpackhi_epi64(t4, t6);
+    const __m256i u6 = _mm256_unpacklo_epi64(t5, t7), u7 = _mm256_unpackhi_epi64(t5, t7);
+    r[0] = _mm256_permute2x128_si256(u0, u4, 0x20);
+    r[1] = _mm256_permute2x128_si256(u1, u5, 0x20);
+    r[2] = _mm256_permute2x128_si256(u2, u6, 0x20);
+    r[3] = _mm256_permute2x128_si256(u3, u7, 0x20);
+    r[4] = _mm256_permute2x128_si256(u0, u4, 0x31);
+    r[5] = _mm256_permute2x128_si256(u1, u5, 0x31);
+    r[6] = _mm256_permute2x128_si256(u2, u6, 0x31);
+    r[7] = _mm256_permute2x128_si256(u3, u7, 0x31);
+}
+
+// Eight gray values (dwords, lane 0 pixels 0..3, lane 1 pixels 4..7) of the
+// eight pixels at `p`.
+inline __m256i gray8(const uint8_t* p) {
+    const __m256i v = _mm256_inserti128_si256(
+        _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))),
+        _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8)), 1);
+    const __m256i ctrl_bg = _mm256_setr_epi8(0, -1, 1, -1, 3, -1, 4, -1, 6, -1, 7, -1, 9, -1, 10, -1,  //
+                                             4, -1, 5, -1, 7, -1, 8, -1, 10, -1, 11, -1, 13, -1, 14, -1);
+    const __m256i ctrl_r = _mm256_setr_epi8(2, -1, -1, -1, 5, -1, -1, -1, 8, -1, -1, -1, 11, -1, -1, -1,  //
+                                            6, -1, -1, -1, 9, -1, -1, -1, 12, -1, -1, -1, 15, -1, -1, -1);
+    // (R, 1) pairs carry the rounding term through the second multiply-add.
+    const __m256i r1 = _mm256_or_si256(_mm256_shuffle_epi8(v, ctrl_r), _mm256_set1_epi32(1 << 16));
+    const __m256i bg = _mm256_shuffle_epi8(v, ctrl_bg);
+    const __m256i sum = _mm256_add_epi32(_mm256_madd_epi16(bg, _mm256_set1_epi32(kGrayB | (kGrayG << 16))),
+                                         _mm256_madd_epi16(r1, _mm256_set1_epi32(kGrayR | ((1 << (kGrayShift - 1)) << 16))));
+    return _mm256_srli_epi32(sum, kGrayShift);
+}
+
+}  // namespace
+
+void bgrToGrayRow(const uint8_t* bgr, uint8_t* gray, int width) {
+    int x = 0;
+    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    for (; x + 16 <= width; x += 16) {
+        const __m256i a = gray8(bgr + 3 * x), b = gray8(bgr + 3 * x + 24);
+        const __m256i w = _mm256_packus_epi32(a, b);  // lane 0: 0..3, 8..11; lane 1: 4..7, 12..15
+        const __m256i bytes = _mm256_permutevar8x32_epi32(_mm256_packus_epi16(w, w), order);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(gray + x), _mm256_castsi256_si128(bytes));
+    }
+    ref::bgrToGrayRow(bgr + 3 * x, gray + x, width - x);
+}
+
+void grayToBgrRow(const uint8_t* gray, uint8_t* bgr, int width) {
+    int x = 0;
+    const __m128i c0 = _mm_setr_epi8(0, 0, 0, 1, 1, 1, 2, 2, 2, 3, 3, 3, 4, 4, 4, 5);
+    const __m128i c1 = _mm_setr_epi8(5, 5, 6, 6, 6, 7, 7, 7, 8, 8, 8, 9, 9, 9, 10, 10);
+    const __m128i c2 = _mm_setr_epi8(10, 11, 11, 11, 12, 12, 12, 13, 13, 13, 14, 14, 14, 15, 15, 15);
+    for (; x + 16 <= width; x += 16) {
+        const __m128i g = _mm_loadu_si128(reinterpret_cast<const __m128i*>(gray + x));
+        __m128i* d = reinterpret_cast<__m128i*>(bgr + 3 * x);
+        _mm_storeu_si128(d, _mm_shuffle_epi8(g, c0));
+        _mm_storeu_si128(d + 1, _mm_shuffle_epi8(g, c1));
+        _mm_storeu_si128(d + 2, _mm_shuffle_epi8(g, c2));
+    }
+    ref::grayToBgrRow(gray + x, bgr + 3 * x, width - x);
+}
+
+void u8ToF32Row(const uint8_t* src, float* dst, size_t count) {
+    size_t i = 0;
+    for (; i + 32 <= count; i += 32)
+        for (int k = 0; k < 4; ++k) {
+            const __m128i b = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src + i + 8 * k));
+            _mm256_storeu_ps(dst + i + 8 * k, _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(b)));
+        }
+    ref::u8ToF32Row(src + i, dst + i, count - i);
+}
+
+void f32ToU8Row(const float* src, uint8_t* dst, size_t count) {
+    size_t i = 0;
+    const __m256 zero = _mm256_setzero_ps(), top = _mm256_set1_ps(255.f);
+    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    for (; i + 32 <= count; i += 32) {
+        __m256i q[4];
+        for (int k = 0; k < 4; ++k) {
+            // max(x, 0) returns 0 for a NaN x (the second operand wins when unordered).
+            const __m256 v = _mm256_min_ps(_mm256_max_ps(_mm256_loadu_ps(src + i + 8 * k), zero), top);
+            q[k] = _mm256_cvtps_epi32(v);
+        }
+        const __m256i w = _mm256_packus_epi16(_mm256_packs_epi32(q[0], q[1]), _mm256_packs_epi32(q[2], q[3]));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i), _mm256_permutevar8x32_epi32(w, order));
+    }
+    ref::f32ToU8Row(src + i, dst + i, count - i);
+}
+
+void halfToFloatRow(const uint16_t* src, float* dst, size_t count) {
+    size_t i = 0;
+    for (; i + 8 <= count; i += 8)
+        _mm256_storeu_ps(dst + i, _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i))));
+    ref::halfToFloatRow(src + i, dst + i, count - i);
+}
+
+void floatToHalfRow(const float* src, uint16_t* dst, size_t count) {
+    size_t i = 0;
+    for (; i + 8 <= count; i += 8)
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i),
+                         _mm256_cvtps_ph(_mm256_loadu_ps(src + i), _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC));
+    ref::floatToHalfRow(src + i, dst + i, count - i);
+}
+
+void rotate3(const uint8_t* src, size_t src_step, int width, int height, int code, uint8_t* dst, size_t dst_step) {
+    const int w8 = width & ~7, h8 = height & ~7;
+    if (code == 2) {
+        const __m256i reverse = _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0);
+        for (int y = 0; y < height; ++y) {
+            const uint8_t* s = src + size_t(y) * src_step;
+            uint8_t* d = dst + size_t(height - 1 - y) * dst_step;
+            for (int x = 0; x < w8; x += 8)
+                store8Pixels3(d + size_t(width - 8 - x) * 3,
+                              _mm256_permutevar8x32_epi32(load8Pixels3(s + size_t(x) * 3), reverse));
+        }
+        ref::rotate3Rect(src, src_step, width, height, code, dst, dst_step, w8, width, 0, height);
+        return;
+    }
+    for (int y0 = 0; y0 < h8; y0 += 8) {
+        for (int x0 = 0; x0 < w8; x0 += 8) {
+            __m256i r[8];
+            // For 90 degrees clockwise the rows go in reverse so that each
+            // transposed column comes out in destination order.
+            for (int i = 0; i < 8; ++i) {
+                const int y = code == 1 ? y0 + i : y0 + 7 - i;
+                r[i] = load8Pixels3(src + size_t(y) * src_step + size_t(x0) * 3);
+            }
+            transpose8x8(r);
+            for (int j = 0; j < 8; ++j) {
+                const int x = x0 + j;
+                uint8_t* d = code == 1 ? dst + size_t(width - 1 - x) * dst_step + size_t(y0) * 3
+                                       : dst + size_t(x) * dst_step + size_t(height - 8 - y0) * 3;
+                store8Pixels3(d, r[j]);
+            }
+        }
+    }
+    ref::rotate3Rect(src, src_step, width, height, code, dst, dst_step, w8, width, 0, height);
+    ref::rotate3Rect(src, src_step, width, height, code, dst, dst_step, 0, w8, h8, height);
+}
+
+}  // namespace avx2
+#pragma GCC pop_options
+
+namespace {
+
+constexpr FastKernels kRef{ref::bgrToGrayRow,   ref::grayToBgrRow,   ref::u8ToF32Row, ref::f32ToU8Row,
+                           ref::halfToFloatRow, ref::floatToHalfRow, ref::rotate3};
+constexpr FastKernels kAvx2{avx2::bgrToGrayRow,   avx2::grayToBgrRow,   avx2::u8ToF32Row, avx2::f32ToU8Row,
+                            avx2::halfToFloatRow, avx2::floatToHalfRow, avx2::rotate3};
+
+}  // namespace
+
+const FastKernels& fastKernels(Isa isa) {
+    static const bool f16c = __builtin_cpu_supports("f16c");
+    return isa == Isa::kAvx2 && f16c ? kAvx2 : kRef;
+}
+
+}  // namespace impl
+}  // namespace kv

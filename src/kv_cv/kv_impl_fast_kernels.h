@@ -1,0 +1,76 @@
+// Row kernels of the fast backend's adapter where a loop of our own beats the
+// third-party call: BGR to gray, gray to BGR, byte <-> float, half <-> float,
+// and rotation of 3-byte pixels. Each kernel has a plain reference in
+// kv::impl::ref that defines the result and an AVX2 twin in kv::impl::avx2
+// with the same signature and bit-identical output. Kernels accept any width
+// of at least 1 and never touch memory outside the given rows.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "kv_cv/kv_impl_cpu.h"
+
+namespace kv {
+namespace impl {
+
+// Gray weights of BT.601 luma on full-range bytes in 1.14 fixed point:
+// 0.114 * 16384 = 1867.8 -> 1868, 0.587 * 16384 = 9617.4 -> 9617,
+// 0.299 * 16384 = 4898.8 -> 4899 (sum 16384, so white stays 255).
+constexpr int kGrayShift = 14;
+constexpr int kGrayB = 1868;
+constexpr int kGrayG = 9617;
+constexpr int kGrayR = 4899;
+
+// Row kernels; `width` in pixels, `count` in elements.
+using BgrToGrayRowFn = void (*)(const uint8_t* bgr, uint8_t* gray, int width);
+using GrayToBgrRowFn = void (*)(const uint8_t* gray, uint8_t* bgr, int width);
+// v -> float(v).
+using U8ToF32RowFn = void (*)(const uint8_t* src, float* dst, size_t count);
+// Clamps to 0..255 (NaN gives 0) and rounds half to even.
+using F32ToU8RowFn = void (*)(const float* src, uint8_t* dst, size_t count);
+// IEEE binary16 <-> binary32; float to half rounds to nearest even, NaNs stay
+// NaN with the quiet bit set and the top mantissa bits kept.
+using HalfToFloatRowFn = void (*)(const uint16_t* src, float* dst, size_t count);
+using FloatToHalfRowFn = void (*)(const float* src, uint16_t* dst, size_t count);
+// Rotates a plane of 3-byte pixels; `code` 1: 90 degrees counter-clockwise,
+// 2: 180 degrees, 3: 270 degrees counter-clockwise. `width` x `height` is the
+// source size; the destination is height x width for codes 1 and 3.
+using Rotate3Fn = void (*)(const uint8_t* src, size_t src_step, int width, int height, int code, uint8_t* dst,
+                           size_t dst_step);
+
+struct FastKernels {
+    BgrToGrayRowFn bgrToGrayRow;
+    GrayToBgrRowFn grayToBgrRow;
+    U8ToF32RowFn u8ToF32Row;
+    F32ToU8RowFn f32ToU8Row;
+    HalfToFloatRowFn halfToFloatRow;
+    FloatToHalfRowFn floatToHalfRow;
+    Rotate3Fn rotate3;
+};
+
+// The kernel set for `isa` (AVX2 needs F16C too, which every AVX2 processor has).
+const FastKernels& fastKernels(Isa isa);
+
+namespace ref {
+void bgrToGrayRow(const uint8_t* bgr, uint8_t* gray, int width);
+void grayToBgrRow(const uint8_t* gray, uint8_t* bgr, int width);
+void u8ToF32Row(const uint8_t* src, float* dst, size_t count);
+void f32ToU8Row(const float* src, uint8_t* dst, size_t count);
+void halfToFloatRow(const uint16_t* src, float* dst, size_t count);
+void floatToHalfRow(const float* src, uint16_t* dst, size_t count);
+void rotate3(const uint8_t* src, size_t src_step, int width, int height, int code, uint8_t* dst, size_t dst_step);
+}  // namespace ref
+
+namespace avx2 {
+void bgrToGrayRow(const uint8_t* bgr, uint8_t* gray, int width);
+void grayToBgrRow(const uint8_t* gray, uint8_t* bgr, int width);
+void u8ToF32Row(const uint8_t* src, float* dst, size_t count);
+void f32ToU8Row(const float* src, uint8_t* dst, size_t count);
+void halfToFloatRow(const uint16_t* src, float* dst, size_t count);
+void floatToHalfRow(const float* src, uint16_t* dst, size_t count);
+void rotate3(const uint8_t* src, size_t src_step, int width, int height, int code, uint8_t* dst, size_t dst_step);
+}  // namespace avx2
+
+}  // namespace impl
+}  // namespace kv

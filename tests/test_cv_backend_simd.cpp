@@ -1,0 +1,957 @@
+// CvBackendSimd: every supported colour pair against a per-pixel oracle (float
+// BT.601 formulas, exact channel moves), at even and odd sizes, from regions
+// and into wrapped destinations whose row padding must stay untouched; the
+// resize, warp and arithmetic semantics; every assertion with its text and
+// line; and the adapter's own kernels, AVX2 against reference, bit for bit.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "kv_cv/kv_cv_backend_simd.h"
+#include "kv_cv/kv_cv_helpers.h"
+#include "kv_cv/kv_impl_cpu.h"
+#include "kv_cv/kv_impl_fast_kernels.h"
+#include "test_util.h"
+
+using namespace kv;
+
+namespace {
+
+const char* const kSimdFile = "src/kv_cv/kv_cv_backend_simd";
+
+// Expects a kv::Exception with this status, message, function and line.
+#define EXPECT_SIMD_THROW(stmt, status_value, message_text, function_name, line_value)     \
+    do {                                                                                  \
+        try {                                                                             \
+            stmt;                                                                         \
+            ADD_FAILURE() << "no exception from " #stmt;                                  \
+        } catch (const kv::Exception& e_) {                                               \
+            EXPECT_EQ(int(e_.status()), int(status_value));                               \
+            EXPECT_EQ(e_.message(), std::string(message_text));                           \
+            EXPECT_EQ(e_.function(), std::string(function_name));                         \
+            EXPECT_EQ(e_.file(), std::string(kSimdFile));                                 \
+            EXPECT_EQ(e_.line(), line_value);                                             \
+        }                                                                                 \
+    } while (0)
+
+// Runs the body once per instruction set the processor has, restoring AVX2.
+struct IsaScope {
+    explicit IsaScope(impl::Isa isa) { impl::setMaxIsaForTesting(isa); }
+    ~IsaScope() { impl::setMaxIsaForTesting(impl::Isa::kAvx2); }
+};
+
+std::vector<impl::Isa> availableIsas() {
+    std::vector<impl::Isa> v{impl::Isa::kScalar};
+    if (impl::detectedIsa() == impl::Isa::kAvx2) v.push_back(impl::Isa::kAvx2);
+    return v;
+}
+
+// A frame over caller memory with `pad` sentinel bytes after every row (pad 0
+// gives a continuous frame); pads() reports whether any sentinel changed.
+class Wrapped {
+public:
+    static constexpr uint8_t kSentinel = 0x5a;
+
+    Wrapped(FrameFormat format, Size size, size_t pad, uint8_t fill) {
+        const FrameLayout l(format, size, 1);
+        void* planes[FrameLayout::kMaxPlanes] = {};
+        size_t steps[FrameLayout::kMaxPlanes] = {};
+        size_t total = 0;
+        for (uint32_t p = 0; p < l.planes; ++p) total += (l.plane[p].row_bytes + pad) * size_t(l.plane[p].size.height);
+        _bytes.assign(total + 64, kSentinel);
+        size_t offset = 0;
+        for (uint32_t p = 0; p < l.planes; ++p) {
+            steps[p] = l.plane[p].row_bytes + pad;
+            planes[p] = _bytes.data() + offset;
+            for (int y = 0; y < l.plane[p].size.height; ++y)
+                std::memset(_bytes.data() + offset + steps[p] * size_t(y), fill, l.plane[p].row_bytes);
+            offset += steps[p] * size_t(l.plane[p].size.height);
+        }
+        frame = Frame::wrap(format, size, planes, steps);
+        _layout = l;
+        _pad = pad;
+        _end = offset;
+    }
+
+    ::testing::AssertionResult sentinelsIntact() const {
+        size_t offset = 0;
+        for (uint32_t p = 0; p < _layout.planes; ++p) {
+            const size_t step = _layout.plane[p].row_bytes + _pad;
+            for (int y = 0; y < _layout.plane[p].size.height; ++y)
+                for (size_t i = _layout.plane[p].row_bytes; i < step; ++i)
+                    if (_bytes[offset + step * size_t(y) + i] != kSentinel)
+                        return ::testing::AssertionFailure() << "plane " << p << " row " << y << " pad byte " << i;
+            offset += step * size_t(_layout.plane[p].size.height);
+        }
+        for (size_t i = _end; i < _bytes.size(); ++i)
+            if (_bytes[i] != kSentinel) return ::testing::AssertionFailure() << "byte past the frame at " << i;
+        return ::testing::AssertionSuccess();
+    }
+
+    Frame frame;
+
+private:
+    std::vector<uint8_t> _bytes;
+    FrameLayout _layout;
+    size_t _pad = 0;
+    size_t _end = 0;
+};
+
+// ---- Per-pixel oracle ----------------------------------------------------------
+
+bool isYuv(FrameFormat f) { return f >= FRAME_I420 && f <= FRAME_YUV444_PLANAR; }
+bool isFloat(FrameFormat f) { return f == FRAME_GRAY_FLOAT_32 || f == FRAME_FLOAT_32_C3 || f == FRAME_FLOAT_32_C3_PLANAR; }
+bool isGray(FrameFormat f) { return f == FRAME_GRAY_8 || f == FRAME_GRAY_FLOAT_32; }
+// +1: R first; -1: B first; 0: the float formats, which keep the order of the
+// frame they were made from.
+int rgbOrder(FrameFormat f) {
+    if (f == FRAME_RGB_8 || f == FRAME_RGB_8_PLANAR) return 1;
+    if (f == FRAME_BGR_8 || f == FRAME_BGR_8_PLANAR) return -1;
+    return 0;
+}
+
+struct Px {
+    double c[3];
+};
+
+double sampleAt(const Frame& f, int p, int x, int y, int channel) {
+    const FramePlane& pl = f.layout().plane[p];
+    const uint8_t* row = f.rowCpuData(size_t(p), y);
+    if (pl.bits_per_channel == 32) return reinterpret_cast<const float*>(row)[x * pl.channels + channel];
+    return row[x * pl.channels + channel];
+}
+
+// Channels as stored: interleaved bytes 0..2 or planes 0..2; gray repeated.
+Px readRaw(const Frame& f, int x, int y) {
+    const FrameLayout& l = f.layout();
+    Px px{};
+    for (int k = 0; k < 3; ++k)
+        px.c[k] = isGray(f.format()) ? sampleAt(f, 0, x, y, 0) : l.planes == 3 ? sampleAt(f, k, x, y, 0)
+                                                                                : sampleAt(f, 0, x, y, k);
+    return px;
+}
+
+// (Y, U, V) of pixel (x, y), chroma from the sample that covers it.
+Px readYuv(const Frame& f, int x, int y) {
+    auto b = [&](int p, int bx, int by) { return double(f.rowCpuData(size_t(p), by)[bx]); };
+    const double luma = f.format() == FRAME_YUV444 ? b(0, 3 * x, y) : b(0, x, y);
+    switch (f.format()) {
+        case FRAME_I420: return {{luma, b(1, x / 2, y / 2), b(2, x / 2, y / 2)}};
+        case FRAME_NV12: return {{luma, b(1, x / 2 * 2, y / 2), b(1, x / 2 * 2 + 1, y / 2)}};
+        case FRAME_NV21: return {{luma, b(1, x / 2 * 2 + 1, y / 2), b(1, x / 2 * 2, y / 2)}};
+        case FRAME_NV16: return {{luma, b(1, x / 2 * 2, y), b(1, x / 2 * 2 + 1, y)}};
+        case FRAME_YV16: return {{luma, b(2, x / 2, y), b(1, x / 2, y)}};
+        case FRAME_YUV444: return {{luma, b(0, 3 * x + 1, y), b(0, 3 * x + 2, y)}};
+        case FRAME_YUV444_PLANAR: return {{luma, b(1, x, y), b(2, x, y)}};
+        default: return {};
+    }
+}
+
+// BT.601 limited range from full-range R, G, B.
+Px rgbToYuv(double r, double g, double b) {
+    return {{16 + (65.481 * r + 128.553 * g + 24.966 * b) / 255, 128 + (-37.797 * r - 74.203 * g + 112.0 * b) / 255,
+             128 + (112.0 * r - 93.786 * g - 18.214 * b) / 255}};
+}
+
+Px yuvToRgb(double y, double u, double v) {
+    auto clamp = [](double x) { return std::min(255.0, std::max(0.0, x)); };
+    const double c = 1.164383 * (y - 16);
+    return {{clamp(c + 1.596027 * (v - 128)), clamp(c - 0.391762 * (u - 128) - 0.812968 * (v - 128)),
+             clamp(c + 2.017232 * (u - 128))}};
+}
+
+// R, G, B of a pixel of an RGB-like source, given the order to assume for floats.
+Px rgbOf(const Frame& f, int x, int y, int order) {
+    Px raw = readRaw(f, x, y);
+    if (order < 0) std::swap(raw.c[0], raw.c[2]);
+    return raw;
+}
+
+double toByte(double v) { return std::nearbyint(std::min(255.0, std::max(0.0, v))); }
+
+// Largest difference between dst and what the pair should give; `planes`
+// checks the chroma of subsampled YUV destinations against the mean of the
+// pixels each sample covers.
+double oracleError(const Frame& src, const Frame& dst) {
+    const FrameFormat sf = src.format(), df = dst.format();
+    const int w = dst.size().width, h = dst.size().height;
+    double worst = 0;
+    auto note = [&](double e) { worst = std::max(worst, std::fabs(e)); };
+    const int so = rgbOrder(sf) ? rgbOrder(sf) : rgbOrder(df), dord = rgbOrder(df) ? rgbOrder(df) : rgbOrder(sf);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            if (!isYuv(sf) && !isYuv(df)) {
+                if (df == FRAME_GRAY_8) {  // from BGR
+                    const Px s = rgbOf(src, x, y, -1);
+                    note(sampleAt(dst, 0, x, y, 0) - (0.299 * s.c[0] + 0.587 * s.c[1] + 0.114 * s.c[2]));
+                    continue;
+                }
+                Px s = readRaw(src, x, y);
+                if (so != dord) std::swap(s.c[0], s.c[2]);
+                const Px d = readRaw(dst, x, y);
+                for (int k = 0; k < (df == FRAME_GRAY_FLOAT_32 ? 1 : 3); ++k)
+                    note(d.c[k] - (isFloat(sf) && !isFloat(df) ? toByte(s.c[k]) : s.c[k]));
+            } else if (!isYuv(sf)) {  // BGR to YUV: luma per pixel here, chroma below
+                const Px s = rgbOf(src, x, y, -1);
+                note(readYuv(dst, x, y).c[0] - rgbToYuv(s.c[0], s.c[1], s.c[2]).c[0]);
+            } else if (df == FRAME_GRAY_8) {
+                note(sampleAt(dst, 0, x, y, 0) - readYuv(src, x, y).c[0]);
+            } else if (isYuv(df)) {
+                const Px s = readYuv(src, x, y), d = readYuv(dst, x, y);
+                for (int k = 0; k < 3; ++k) note(d.c[k] - s.c[k]);
+            } else {
+                const Px s = readYuv(src, x, y);
+                const Px e = yuvToRgb(s.c[0], s.c[1], s.c[2]);
+                const Px d = rgbOf(dst, x, y, rgbOrder(df));
+                for (int k = 0; k < 3; ++k) note(d.c[k] - e.c[k]);
+            }
+        }
+    if (!isYuv(sf) && isYuv(df)) {
+        // Chroma of each destination sample against the mean over its block.
+        const int bx = (df == FRAME_YUV444 || df == FRAME_YUV444_PLANAR) ? 1 : 2;
+        const int by = (df == FRAME_I420 || df == FRAME_NV12 || df == FRAME_NV21) ? 2 : 1;
+        for (int y = 0; y < h; y += by)
+            for (int x = 0; x < w; x += bx) {
+                double u = 0, v = 0;
+                int n = 0;
+                for (int yy = y; yy < std::min(h, y + by); ++yy)
+                    for (int xx = x; xx < std::min(w, x + bx); ++xx, ++n) {
+                        const Px s = rgbOf(src, xx, yy, -1);
+                        const Px e = rgbToYuv(s.c[0], s.c[1], s.c[2]);
+                        u += e.c[1];
+                        v += e.c[2];
+                    }
+                const Px d = readYuv(dst, x, y);
+                note(d.c[1] - u / n);
+                note(d.c[2] - v / n);
+            }
+    }
+    return worst;
+}
+
+struct Pair {
+    FrameFormat src, dst;
+    bool odd_ok;   // odd region sizes allowed
+    double tol;    // largest allowed difference from the oracle
+};
+
+// Every supported pair. Tolerances: exact for channel moves, copies and
+// byte/float; 0.5 + rounding for gray; YUV within the fixed-point error of
+// the integer BT.601 coefficients.
+const Pair kPairs[] = {
+    {FRAME_GRAY_8, FRAME_BGR_8, true, 0},
+    {FRAME_GRAY_8, FRAME_GRAY_FLOAT_32, true, 0},
+    {FRAME_RGB_8, FRAME_RGB_8_PLANAR, true, 0},
+    {FRAME_RGB_8, FRAME_BGR_8, true, 0},
+    {FRAME_RGB_8, FRAME_FLOAT_32_C3, true, 0},
+    {FRAME_RGB_8, FRAME_FLOAT_32_C3_PLANAR, true, 0},
+    {FRAME_RGB_8_PLANAR, FRAME_RGB_8, true, 0},
+    {FRAME_RGB_8_PLANAR, FRAME_FLOAT_32_C3, true, 0},
+    {FRAME_RGB_8_PLANAR, FRAME_FLOAT_32_C3_PLANAR, true, 0},
+    {FRAME_BGR_8, FRAME_GRAY_8, true, 0.51},
+    {FRAME_BGR_8, FRAME_RGB_8, true, 0},
+    {FRAME_BGR_8, FRAME_BGR_8_PLANAR, true, 0},
+    {FRAME_BGR_8, FRAME_I420, true, 1.5},
+    {FRAME_BGR_8, FRAME_NV12, true, 1.5},
+    {FRAME_BGR_8, FRAME_NV21, false, 1.5},
+    {FRAME_BGR_8, FRAME_NV16, false, 1.5},
+    {FRAME_BGR_8, FRAME_YUV444_PLANAR, true, 1.5},
+    {FRAME_BGR_8, FRAME_YUV444, true, 1.5},
+    {FRAME_BGR_8, FRAME_FLOAT_32_C3, true, 0},
+    {FRAME_BGR_8, FRAME_FLOAT_32_C3_PLANAR, true, 0},
+    {FRAME_BGR_8_PLANAR, FRAME_BGR_8, true, 0},
+    {FRAME_BGR_8_PLANAR, FRAME_FLOAT_32_C3, true, 0},
+    {FRAME_BGR_8_PLANAR, FRAME_FLOAT_32_C3_PLANAR, true, 0},
+    {FRAME_I420, FRAME_GRAY_8, false, 0},
+    {FRAME_I420, FRAME_RGB_8, false, 3},
+    {FRAME_I420, FRAME_BGR_8, false, 3},
+    {FRAME_I420, FRAME_NV12, false, 0},
+    {FRAME_NV12, FRAME_GRAY_8, false, 0},
+    {FRAME_NV12, FRAME_RGB_8, false, 3},
+    {FRAME_NV12, FRAME_BGR_8, false, 3},
+    {FRAME_NV12, FRAME_I420, false, 0},
+    {FRAME_NV12, FRAME_NV21, false, 0},
+    {FRAME_NV21, FRAME_GRAY_8, false, 0},
+    {FRAME_NV21, FRAME_RGB_8, false, 3},
+    {FRAME_NV21, FRAME_BGR_8, false, 3},
+    {FRAME_NV21, FRAME_I420, false, 0},
+    {FRAME_NV21, FRAME_NV12, false, 0},
+    {FRAME_NV16, FRAME_GRAY_8, false, 0},
+    {FRAME_NV16, FRAME_RGB_8, false, 3},
+    {FRAME_NV16, FRAME_BGR_8, false, 3},
+    {FRAME_NV16, FRAME_YV16, false, 0},
+    {FRAME_YUV444, FRAME_YUV444_PLANAR, true, 0},
+    {FRAME_YUV444, FRAME_GRAY_8, true, 0},
+    {FRAME_YUV444, FRAME_BGR_8, true, 3},
+    {FRAME_YUV444_PLANAR, FRAME_GRAY_8, true, 0},
+    {FRAME_YUV444_PLANAR, FRAME_BGR_8, true, 3},
+    {FRAME_YUV444_PLANAR, FRAME_YUV444, true, 0},
+    {FRAME_FLOAT_32_C3, FRAME_RGB_8, true, 0},
+    {FRAME_FLOAT_32_C3, FRAME_BGR_8, true, 0},
+    {FRAME_FLOAT_32_C3, FRAME_RGB_8_PLANAR, true, 0},
+    {FRAME_FLOAT_32_C3, FRAME_BGR_8_PLANAR, true, 0},
+    {FRAME_FLOAT_32_C3_PLANAR, FRAME_RGB_8_PLANAR, true, 0},
+    {FRAME_FLOAT_32_C3_PLANAR, FRAME_BGR_8_PLANAR, true, 0},
+    {FRAME_FLOAT_32_C3_PLANAR, FRAME_RGB_8, true, 0},
+    {FRAME_FLOAT_32_C3_PLANAR, FRAME_BGR_8, true, 0},
+};
+
+// Float sources get exact halves and out-of-range values too, so rounding and
+// clamping are exercised.
+void fillSource(Frame& f, uint32_t seed) {
+    kvtest::fillRandom(f, seed);
+    if (!isFloat(f.format())) return;
+    std::mt19937 rng(seed);
+    const FrameLayout& l = f.layout();
+    for (uint32_t p = 0; p < l.planes; ++p)
+        for (int y = 0; y < l.plane[p].size.height; ++y) {
+            float* row = reinterpret_cast<float*>(f.rowCpuData(p, y));
+            for (uint64_t i = 0; i < l.plane[p].row_bytes / 4; ++i)
+                row[i] = float(int(rng() % 640) - 160) / 2.f;  // -80 .. 239.5 with halves
+            if (y % 3 == 0) row[0] = 300.f;
+        }
+}
+
+std::string pairName(const Pair& p, Size s) {
+    return std::string(toString(p.src)) + " -> " + toString(p.dst) + " " + std::to_string(s.width) + "x" +
+           std::to_string(s.height);
+}
+
+}  // namespace
+
+// ---- Colour conversion ------------------------------------------------------------
+
+TEST(CvBackendSimdColor, EveryPairMatchesTheOracleFromRegionsIntoPaddedFrames) {
+    const Size even_sizes[] = {{8, 6}, {36, 18}};
+    const Size odd_sizes[] = {{5, 3}, {1, 1}, {35, 17}, {2, 3}, {3, 2}};
+    for (const Pair& pair : kPairs) {
+        std::vector<Size> sizes(std::begin(even_sizes), std::end(even_sizes));
+        if (pair.odd_ok) sizes.insert(sizes.end(), std::begin(odd_sizes), std::end(odd_sizes));
+        double worst = 0;
+        for (const Size size : sizes) {
+            SCOPED_TRACE(pairName(pair, size));
+            // The source is a region at an even offset of a larger frame.
+            Frame big(pair.src, Size(size.width + 6, size.height + 4));
+            fillSource(big, uint32_t(size.width * 131 + pair.src * 7 + pair.dst));
+            const Rect roi(4, 2, size.width, size.height);
+            const Frame region = getRegion(big, roi);
+            Frame results[2];
+            for (impl::Isa isa : availableIsas()) {
+                IsaScope scope(isa);
+                // Two destinations prefilled differently must come out equal:
+                // every byte of the destination is written.
+                for (int k = 0; k < 2; ++k) {
+                    Wrapped dst(pair.dst, size, 12, k ? 0xff : 0x00);
+                    CvBackendSimd backend;
+                    backend.colorCvt(big, dst.frame, roi);
+                    EXPECT_TRUE(dst.sentinelsIntact());
+                    if (k == 0) {
+                        results[0] = Frame(pair.dst, size);
+                        dst.frame.copyTo(results[0]);
+                    } else {
+                        EXPECT_TRUE(kvtest::framesEqual(results[0], dst.frame)) << impl::isaName(isa);
+                    }
+                }
+                if (isa == impl::Isa::kScalar) {
+                    results[1] = results[0];
+                    results[0] = Frame();
+                } else {
+                    EXPECT_TRUE(kvtest::framesEqual(results[1], results[0])) << "scalar vs avx2";
+                }
+            }
+            const Frame& out = results[1];
+            const double err = oracleError(region, out);
+            worst = std::max(worst, err);
+            EXPECT_LE(err, pair.tol);
+        }
+        RecordProperty(pairName(pair, Size()), std::to_string(worst));
+    }
+}
+
+TEST(CvBackendSimdColor, ContinuousFramesConvertAsOneRun) {
+    // Wrapped with no row padding: the per-element conversions take the
+    // whole-plane path; the result must match the padded path.
+    const FrameFormat cases[][2] = {{FRAME_BGR_8, FRAME_FLOAT_32_C3},        {FRAME_FLOAT_32_C3, FRAME_RGB_8},
+                                    {FRAME_GRAY_8, FRAME_GRAY_FLOAT_32},     {FRAME_RGB_8_PLANAR, FRAME_FLOAT_32_C3_PLANAR},
+                                    {FRAME_FLOAT_32_C3_PLANAR, FRAME_BGR_8_PLANAR}};
+    for (const auto& c : cases) {
+        const Size size(13, 5);
+        Wrapped src(c[0], size, 0, 0);
+        fillSource(src.frame, 7);
+        Wrapped dst(c[1], size, 0, 0);
+        Frame padded(c[1], size);
+        CvBackendSimd backend;
+        backend.colorCvt(src.frame, dst.frame, Rect());
+        backend.colorCvt(src.frame, padded, Rect());
+        EXPECT_TRUE(kvtest::framesEqual(dst.frame, padded)) << toString(c[0]) << " -> " << toString(c[1]);
+        EXPECT_TRUE(dst.sentinelsIntact());
+    }
+}
+
+TEST(CvBackendSimdColor, KnownValues) {
+    CvBackendSimd backend;
+    // Black and white through BT.601 limited range and back.
+    Frame bgr(FRAME_BGR_8, Size(2, 2));
+    bgr.setZero();
+    std::memset(bgr.rowCpuData(0, 1), 255, 6);
+    Frame i420(FRAME_I420, Size(2, 2));
+    backend.colorCvt(bgr, i420, Rect());
+    EXPECT_EQ(i420.rowCpuData(0, 0)[0], 16);
+    EXPECT_EQ(i420.rowCpuData(0, 1)[0], 235);
+    EXPECT_EQ(i420.rowCpuData(1, 0)[0], 128);
+    EXPECT_EQ(i420.rowCpuData(2, 0)[0], 128);
+    Frame back(FRAME_BGR_8, Size(2, 2));
+    backend.colorCvt(i420, back, Rect());
+    EXPECT_EQ(back.rowCpuData(0, 0)[0], 0);
+    EXPECT_EQ(back.rowCpuData(0, 1)[0], 255);
+
+    // Gray of white is 255 and of pure red 76 (0.299 * 255 = 76.2).
+    Frame gray(FRAME_GRAY_8, Size(2, 2));
+    bgr.rowCpuData(0, 0)[2] = 255;
+    backend.colorCvt(bgr, gray, Rect());
+    EXPECT_EQ(gray.rowCpuData(0, 0)[0], 76);
+    EXPECT_EQ(gray.rowCpuData(0, 1)[0], 255);
+
+    // 255 becomes 255.0; 300.0 becomes 255, -3 becomes 0, halves go to even.
+    Frame f(FRAME_FLOAT_32_C3, Size(2, 1));
+    backend.colorCvt(back, f, Rect(0, 1, 2, 1));
+    EXPECT_EQ(reinterpret_cast<const float*>(f.rowCpuData(0, 0))[0], 255.f);
+    const float values[6] = {300.f, -3.f, 2.5f, 3.5f, 254.5f, std::nanf("")};
+    std::memcpy(f.rowCpuData(0, 0), values, sizeof(values));
+    Frame bytes(FRAME_BGR_8, Size(2, 1));
+    backend.colorCvt(f, bytes, Rect());
+    const uint8_t expected[6] = {255, 0, 2, 4, 254, 0};
+    EXPECT_EQ(0, std::memcmp(bytes.rowCpuData(0, 0), expected, 6));
+}
+
+TEST(CvBackendSimdColor, OddBgrTo420WritesEveryLumaAndChromaSample) {
+    // 5x3: 15 Y values and 3x2 chroma samples, the last column and row
+    // through the 4:4:4 strip. A flat colour gives the same chroma everywhere.
+    Frame bgr(FRAME_BGR_8, Size(5, 3));
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 5; ++x) {
+            uint8_t* p = bgr.rowCpuData(0, y) + 3 * x;
+            p[0] = 40; p[1] = 90; p[2] = 200;
+        }
+    for (FrameFormat f : {FRAME_I420, FRAME_NV12}) {
+        Frame out(f, Size(5, 3));
+        out.setZero();
+        CvBackendSimd().colorCvt(bgr, out, Rect());
+        const Px first = readYuv(out, 0, 0);
+        for (int y = 0; y < 3; ++y)
+            for (int x = 0; x < 5; ++x) {
+                const Px p = readYuv(out, x, y);
+                for (int k = 0; k < 3; ++k) EXPECT_EQ(p.c[k], first.c[k]) << toString(f) << " " << x << "," << y;
+            }
+    }
+}
+
+TEST(CvBackendSimdColor, SemiPlanarToRgbEqualsPlanarToRgb) {
+    // NV12/NV21 convert in one pass; they must give the bytes of the planar route.
+    for (FrameFormat nv : {FRAME_NV12, FRAME_NV21})
+        for (FrameFormat out : {FRAME_BGR_8, FRAME_RGB_8}) {
+            const Frame src = kvtest::randomFrame(nv, Size(70, 34), 12);
+            Frame planar(FRAME_I420, Size(70, 34)), direct(out, Size(70, 34)), via(out, Size(70, 34));
+            CvBackendSimd b;
+            b.colorCvt(src, planar, Rect());
+            b.colorCvt(planar, via, Rect());
+            b.colorCvt(src, direct, Rect());
+            EXPECT_TRUE(kvtest::framesEqual(via, direct)) << toString(nv) << " -> " << toString(out);
+        }
+}
+
+TEST(CvBackendSimdColor, EqualFormatsCopyTheRegion) {
+    Frame src = kvtest::randomFrame(FRAME_NV12, Size(10, 8), 3);
+    Frame dst(FRAME_NV12, Size(4, 4));
+    CvBackendSimd().colorCvt(src, dst, Rect(2, 4, 4, 4));
+    EXPECT_TRUE(kvtest::framesEqual(getRegion(src, Rect(2, 4, 4, 4)), dst));
+}
+
+TEST(CvBackendSimdColor, UnsupportedPairsThrow) {
+    const std::set<std::pair<int, int>> supported = [] {
+        std::set<std::pair<int, int>> s;
+        for (const Pair& p : kPairs) s.insert({p.src, p.dst});
+        return s;
+    }();
+    std::vector<FrameFormat> formats;
+    for (int f = 1; f <= 26; ++f)
+        if (f < 21 || f > 23) formats.push_back(FrameFormat(f));
+    CvBackendSimd backend;
+    int checked = 0;
+    for (FrameFormat s : formats)
+        for (FrameFormat d : formats) {
+            if (s == d || supported.count({s, d})) continue;
+            Frame src(s, Size(4, 2)), dst(d, Size(4, 2));
+            src.setZero();
+            const std::string msg =
+                std::string("colorCvt: Unsupported conversion ") + toString(s) + " -> " + toString(d) + ".";
+            EXPECT_SIMD_THROW(backend.colorCvt(src, dst, Rect()), 8, msg, "kv::CvBackendSimd::colorCvt", 1389);
+            ++checked;
+        }
+    EXPECT_GT(checked, 400);
+}
+
+TEST(CvBackendSimdColor, Assertions) {
+    CvBackendSimd b;
+    const char* fn = "kv::CvBackendSimd::colorCvt";
+    Frame bgr(FRAME_BGR_8, Size(4, 4)), gray(FRAME_GRAY_8, Size(4, 4));
+    bgr.setZero();
+    EXPECT_SIMD_THROW(b.colorCvt(Frame(), gray, Rect()), 2, "Assertion failed: src.initialized() && dst.initialized()",
+                      fn, 329);
+    Frame none;
+    EXPECT_SIMD_THROW(b.colorCvt(bgr, none, Rect()), 2, "Assertion failed: src.initialized() && dst.initialized()", fn,
+                      329);
+    std::vector<uint8_t> mem(16);
+    Frame gpu = Frame::wrap(FRAME_GRAY_8, Size(4, 4), mem.data(), 4, DeviceContext(KV_DEVICE_GPU, 0, nullptr));
+    EXPECT_SIMD_THROW(b.colorCvt(bgr, gpu, Rect()), 2,
+                      "Assertion failed: src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() == "
+                      "dst.deviceContext()",
+                      fn, 332);
+    EXPECT_SIMD_THROW(b.colorCvt(bgr, gray, Rect(0, 0, 2, 4)), 2, "Assertion failed: src_region.size() == dst.size()",
+                      fn, 339);
+    // Odd regions where the chroma is subsampled on either side.
+    const char* even = "Assertion failed: src_region.width() % 2 == 0 && src_region.height() % 2 == 0";
+    const struct {
+        FrameFormat src, dst;
+        int line;
+    } odd[] = {{FRAME_BGR_8, FRAME_NV21, 530}, {FRAME_BGR_8, FRAME_NV16, 563}, {FRAME_I420, FRAME_BGR_8, 845},
+               {FRAME_NV12, FRAME_GRAY_8, 910}, {FRAME_NV21, FRAME_I420, 1032}, {FRAME_NV16, FRAME_YV16, 1138},
+               {FRAME_I420, FRAME_YV12, 845}};
+    for (const auto& c : odd) {
+        Frame s(c.src, Size(5, 3)), d(c.dst, Size(5, 3));
+        s.setZero();
+        EXPECT_SIMD_THROW(b.colorCvt(s, d, Rect()), 2, even, fn, c.line);
+        Frame s2(c.src, Size(4, 3)), d2(c.dst, Size(4, 3));
+        s2.setZero();
+        EXPECT_SIMD_THROW(b.colorCvt(s2, d2, Rect()), 2, even, fn, c.line);
+    }
+}
+
+// ---- Resize ---------------------------------------------------------------------
+
+namespace {
+
+Frame ramp(FrameFormat f, Size size) {
+    Frame fr(f, size);
+    const FrameLayout& l = fr.layout();
+    for (uint32_t p = 0; p < l.planes; ++p)
+        for (int y = 0; y < l.plane[p].size.height; ++y)
+            for (int x = 0; x < l.plane[p].size.width * l.plane[p].channels; ++x) {
+                const int v = (x / l.plane[p].channels) * 10 + y * 3 + int(p) * 7 + x % l.plane[p].channels;
+                if (l.plane[p].bits_per_channel == 32)
+                    reinterpret_cast<float*>(fr.rowCpuData(p, y))[x] = float(v);
+                else
+                    fr.rowCpuData(p, y)[x] = uint8_t(v);
+            }
+    return fr;
+}
+
+}  // namespace
+
+TEST(CvBackendSimdResize, MethodsSampleCentreAligned) {
+    // 8x8 -> 4x4. Nearest takes the pixel under each destination centre
+    // (odd source indices), bilinear and area average each 2x2 block.
+    for (FrameFormat f : {FRAME_GRAY_8, FRAME_BGR_8, FRAME_FLOAT_32_C3, FRAME_BGR_8_PLANAR, FRAME_C4_8}) {
+        const Frame src = ramp(f, Size(8, 8));
+        const int ch = src.layout().plane[0].channels;
+        for (int method : {ResizeNearestNeighbour, ResizeBilinear, ResizeArea}) {
+            CvBackendSimd b;
+            b.setIntProperty(1, method);
+            Frame dst(f, Size(4, 4));
+            b.resize(src, dst, Rect(), Rect());
+            for (int y = 0; y < 4; ++y)
+                for (int x = 0; x < 4; ++x)
+                    for (int c = 0; c < ch; ++c) {
+                        const double got = sampleAt(dst, 0, x, y, c);
+                        const double expect =
+                            method == ResizeNearestNeighbour
+                                ? sampleAt(src, 0, 2 * x + 1, 2 * y + 1, c)
+                                : (sampleAt(src, 0, 2 * x, 2 * y, c) + sampleAt(src, 0, 2 * x + 1, 2 * y, c) +
+                                   sampleAt(src, 0, 2 * x, 2 * y + 1, c) + sampleAt(src, 0, 2 * x + 1, 2 * y + 1, c)) /
+                                      4;
+                        EXPECT_NEAR(got, expect, 0.51) << toString(f) << " method " << method << " " << x << "," << y;
+                    }
+        }
+    }
+}
+
+TEST(CvBackendSimdResize, OnePixelHighOrWideDestinationsUseNearest) {
+    const Frame src = ramp(FRAME_GRAY_8, Size(4, 4));
+    CvBackendSimd b;
+    ASSERT_TRUE(b.setIntProperty(1, ResizeArea));
+    Frame row(FRAME_GRAY_8, Size(4, 1)), col(FRAME_GRAY_8, Size(1, 4));
+    b.resize(src, row, Rect(), Rect());
+    b.resize(src, col, Rect(), Rect());
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(row.rowCpuData(0, 0)[i], src.rowCpuData(0, 2)[i]);  // centre of 4 rows: row 2
+        EXPECT_EQ(col.rowCpuData(0, i)[0], src.rowCpuData(0, i)[2]);
+    }
+}
+
+TEST(CvBackendSimdResize, EveryPlaneAndRegions) {
+    // Flat planes stay flat with every method, odd sizes included; only the
+    // destination region is written.
+    for (int method : {0, 1, 2})
+        for (Size to : {Size(7, 5), Size(20, 14), Size(3, 9)}) {
+            Frame src(FRAME_I420, Size(12, 10));
+            for (int p = 0; p < 3; ++p)
+                for (int y = 0; y < src.layout().plane[p].size.height; ++y)
+                    std::memset(src.rowCpuData(p, y), 50 + 60 * p, size_t(src.layout().plane[p].size.width));
+            Frame dst(FRAME_I420, Size(24, 20));
+            dst.setZero();
+            CvBackendSimd b;
+            b.setIntProperty(1, method);
+            const Rect dst_roi(2, 4, to.width, to.height);
+            b.resize(src, dst, Rect(0, 0, 12, 10), dst_roi);
+            for (int p = 0; p < 3; ++p) {
+                const int s = p ? 2 : 1;
+                for (int y = 0; y < dst.layout().plane[p].size.height; ++y)
+                    for (int x = 0; x < dst.layout().plane[p].size.width; ++x) {
+                        const Frame reg = getRegion(dst, dst_roi);
+                        const bool inside = x >= dst_roi.x / s && x < dst_roi.x / s + reg.layout().plane[p].size.width &&
+                                            y >= dst_roi.y / s && y < dst_roi.y / s + reg.layout().plane[p].size.height;
+                        EXPECT_EQ(dst.rowCpuData(p, y)[x], inside ? 50 + 60 * p : 0)
+                            << "method " << method << " plane " << p << " " << x << "," << y;
+                    }
+            }
+        }
+}
+
+TEST(CvBackendSimdResize, Assertions) {
+    CvBackendSimd b;
+    const char* fn = "kv::CvBackendSimd::resize";
+    Frame gray(FRAME_GRAY_8, Size(4, 4)), bgr(FRAME_BGR_8, Size(4, 4));
+    EXPECT_SIMD_THROW(b.resize(Frame(), gray, Rect(), Rect()), 2,
+                      "Assertion failed: src.initialized() && src.format() == dst.format()", fn, 1395);
+    EXPECT_SIMD_THROW(b.resize(bgr, gray, Rect(), Rect()), 2,
+                      "Assertion failed: src.initialized() && src.format() == dst.format()", fn, 1395);
+    std::vector<uint8_t> mem(16);
+    Frame gpu = Frame::wrap(FRAME_GRAY_8, Size(4, 4), mem.data(), 4, DeviceContext(KV_DEVICE_GPU, 1, nullptr));
+    EXPECT_SIMD_THROW(b.resize(gray, gpu, Rect(), Rect()), 2,
+                      "Assertion failed: src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() == "
+                      "dst.deviceContext()",
+                      fn, 1398);
+    Frame g16(FRAME_GRAY_16, Size(4, 4)), g16b(FRAME_GRAY_16, Size(2, 2));
+    EXPECT_SIMD_THROW(b.resize(g16, g16b, Rect(), Rect()), 2,
+                      "Assertion failed: bits_per_channel == 8 || bits_per_channel == 32", fn, 1401);
+}
+
+// ---- Convert --------------------------------------------------------------------
+
+TEST(CvBackendSimdConvert, ScalesFirstThenConverts) {
+    const Frame src = kvtest::randomFrame(FRAME_BGR_8, Size(20, 12), 11);
+    CvBackendSimd b, ref;
+    // Same size, other format: conversion only.
+    Frame gray(FRAME_GRAY_8, Size(8, 6)), gray_ref(FRAME_GRAY_8, Size(8, 6));
+    b.convert(src, gray, Rect(2, 2, 8, 6));
+    ref.colorCvt(src, gray_ref, Rect(2, 2, 8, 6));
+    EXPECT_TRUE(kvtest::framesEqual(gray, gray_ref));
+    // Same format, other size: resize only.
+    Frame small(FRAME_BGR_8, Size(7, 5)), small_ref(FRAME_BGR_8, Size(7, 5));
+    b.convert(src, small, Rect());
+    ref.resize(src, small_ref, Rect(), Rect());
+    EXPECT_TRUE(kvtest::framesEqual(small, small_ref));
+    // Both: resize in the source format, then convert (odd size through the strips).
+    Frame i420(FRAME_I420, Size(7, 5)), i420_ref(FRAME_I420, Size(7, 5));
+    b.convert(src, i420, Rect(0, 0, 16, 10));
+    Frame scaled(FRAME_BGR_8, Size(7, 5));
+    ref.resize(src, scaled, Rect(0, 0, 16, 10), Rect());
+    ref.colorCvt(scaled, i420_ref, Rect());
+    EXPECT_TRUE(kvtest::framesEqual(i420, i420_ref));
+}
+
+TEST(CvBackendSimdConvert, Assertions) {
+    CvBackendSimd b;
+    const char* fn = "kv::CvBackendSimd::convert";
+    Frame gray(FRAME_GRAY_8, Size(4, 4)), none;
+    EXPECT_SIMD_THROW(b.convert(gray, none, Rect()), 2,
+                      "Assertion failed: src.initialized() && dst.initialized()", fn, 1499);
+    std::vector<uint8_t> mem(16);
+    Frame gpu = Frame::wrap(FRAME_GRAY_8, Size(4, 4), mem.data(), 4, DeviceContext(KV_DEVICE_GPU, 0, nullptr));
+    EXPECT_SIMD_THROW(b.convert(gpu, gray, Rect()), 2,
+                      "Assertion failed: src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() == "
+                      "dst.deviceContext()",
+                      fn, 1502);
+}
+
+// ---- Arithmetic -----------------------------------------------------------------
+
+TEST(CvBackendSimdArithmetic, AddAndMulTouchOnlyTheRegion) {
+    for (FrameFormat f : {FRAME_FLOAT_32, FRAME_FLOAT_32_C3, FRAME_FLOAT_32_C3_PLANAR})
+        for (bool multiply : {false, true})
+            for (size_t pad : {size_t(0), size_t(8)})
+                for (Rect roi : {Rect(), Rect(3, 1, 9, 4), Rect(0, 0, 17, 0)}) {
+                    Wrapped w(f, Size(17, 6), pad, 0);
+                    fillSource(w.frame, 5);
+                    Frame before(f, Size(17, 6));
+                    w.frame.copyTo(before);
+                    CvBackendSimd b;
+                    multiply ? b.mul(w.frame, 1.5f, roi) : b.add(w.frame, -2.25f, roi);
+                    EXPECT_TRUE(w.sentinelsIntact());
+                    const Rect area = roi.empty() ? Rect(0, 0, 17, 6) : roi;
+                    const FrameLayout& l = w.frame.layout();
+                    for (uint32_t p = 0; p < l.planes; ++p)
+                        for (int y = 0; y < 6; ++y)
+                            for (int x = 0; x < 17 * l.plane[p].channels; ++x) {
+                                const float was = reinterpret_cast<const float*>(before.rowCpuData(p, y))[x];
+                                const float now = reinterpret_cast<const float*>(w.frame.rowCpuData(p, y))[x];
+                                const int px = x / l.plane[p].channels;
+                                const bool in = px >= area.x && px < area.x + area.width && y >= area.y &&
+                                                y < area.y + area.height;
+                                const float expect = !in ? was : multiply ? was * 1.5f : was + -2.25f;
+                                EXPECT_EQ(now, expect) << toString(f) << " " << x << "," << y;
+                            }
+                }
+}
+
+TEST(CvBackendSimdArithmetic, Errors) {
+    CvBackendSimd b;
+    Frame gray(FRAME_GRAY_8, Size(4, 4)), none;
+    EXPECT_SIMD_THROW(b.add(gray, 1.f, Rect()), 8, "add: Unsupported src format FRAME_GRAY_8.", "kv::CvBackendSimd::add",
+                      1581);
+    EXPECT_SIMD_THROW(b.mul(gray, 1.f, Rect()), 8, "mul: Unsupported src format FRAME_GRAY_8.", "kv::CvBackendSimd::mul",
+                      1645);
+    EXPECT_SIMD_THROW(b.add(none, 1.f, Rect()), 2, "Assertion failed: src_dst.initialized()", "kv::CvBackendSimd::add",
+                      1528);
+    std::vector<uint8_t> mem(64);
+    Frame gpu = Frame::wrap(FRAME_FLOAT_32, Size(4, 4), mem.data(), 16, DeviceContext(KV_DEVICE_GPU, 0, nullptr));
+    EXPECT_SIMD_THROW(b.add(gpu, 1.f, Rect()), 2,
+                      "Assertion failed: src_dst.deviceContext() == DeviceContext::cpuContext()",
+                      "kv::CvBackendSimd::add", 1529);
+    EXPECT_KV_THROW(b.mul(none, 1.f, Rect()), 2, "Assertion failed: src_dst.initialized()");
+    EXPECT_KV_THROW(b.mul(gpu, 1.f, Rect()), 2,
+                    "Assertion failed: src_dst.deviceContext() == DeviceContext::cpuContext()");
+}
+
+// ---- Warp -----------------------------------------------------------------------
+
+TEST(CvBackendSimdWarp, TranslationIdentityAndInverse) {
+    const Frame src = kvtest::randomFrame(FRAME_BGR_8, Size(9, 7), 21);
+    for (int method : {0, 1, 2}) {
+        CvBackendSimd b;
+        b.setIntProperty(2, method);
+        const float identity[2][3] = {{1, 0, 0}, {0, 1, 0}};
+        Frame same(FRAME_BGR_8, Size(9, 7));
+        b.warpAffine(src, same, identity, Rect(), true);
+        EXPECT_TRUE(kvtest::framesEqual(src, same));
+        // Forward map (x, y) -> (x + 2, y + 1); outside the source is zero.
+        const float shift[2][3] = {{1, 0, 2}, {0, 1, 1}};
+        const float back[2][3] = {{1, 0, -2}, {0, 1, -1}};
+        Frame moved(FRAME_BGR_8, Size(9, 7)), moved_inv(FRAME_BGR_8, Size(9, 7));
+        b.warpAffine(src, moved, shift, Rect(), false);
+        b.warpAffine(src, moved_inv, back, Rect(), true);
+        EXPECT_TRUE(kvtest::framesEqual(moved, moved_inv));
+        for (int y = 0; y < 7; ++y)
+            for (int x = 0; x < 9 * 3; ++x) {
+                const int sx = x / 3 - 2, sy = y - 1;
+                const int expect = sx >= 0 && sy >= 0 ? src.rowCpuData(0, sy)[sx * 3 + x % 3] : 0;
+                EXPECT_EQ(moved.rowCpuData(0, y)[x], expect) << method << " " << x << "," << y;
+            }
+    }
+}
+
+TEST(CvBackendSimdWarp, RegionAndPlanes) {
+    // The source region's origin is the matrix's origin; every plane is warped.
+    const Frame src = kvtest::randomFrame(FRAME_NV12, Size(12, 8), 4);
+    const float identity[2][3] = {{1, 0, 0}, {0, 1, 0}};
+    Frame dst(FRAME_NV12, Size(6, 4));
+    CvBackendSimd().warpAffine(src, dst, identity, Rect(4, 2, 6, 4), false);
+    EXPECT_TRUE(kvtest::framesEqual(getRegion(src, Rect(4, 2, 6, 4)), dst));
+}
+
+TEST(CvBackendSimdWarp, Errors) {
+    CvBackendSimd b;
+    const char* fn = "kv::CvBackendSimd::warpAffine";
+    Frame gray(FRAME_GRAY_8, Size(4, 4)), bgr(FRAME_BGR_8, Size(4, 4));
+    gray.setZero();
+    const float singular[2][3] = {{1, 2, 3}, {2, 4, 5}};
+    EXPECT_SIMD_THROW(b.warpAffine(gray, gray, singular, Rect(), false), 8, "warpAffine: Can't create context.", fn,
+                      1747);
+    EXPECT_SIMD_THROW(b.warpAffine(gray, gray, singular, Rect(), true), 8, "warpAffine: Can't create context.", fn,
+                      1747);
+    EXPECT_SIMD_THROW(b.warpAffine(gray, bgr, singular, Rect(), false), 2,
+                      "Assertion failed: src.initialized() && src.format() == dst.format()", fn, 1653);
+    std::vector<uint8_t> mem(16);
+    Frame gpu = Frame::wrap(FRAME_GRAY_8, Size(4, 4), mem.data(), 4, DeviceContext(KV_DEVICE_GPU, 0, nullptr));
+    EXPECT_SIMD_THROW(b.warpAffine(gray, gpu, singular, Rect(), false), 2,
+                      "Assertion failed: src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() == "
+                      "dst.deviceContext()",
+                      fn, 1656);
+}
+
+// ---- Properties -----------------------------------------------------------------
+
+TEST(CvBackendSimdProperties, ValuesAndChecks) {
+    CvBackendSimd b;
+    EXPECT_EQ(b.getIntProperty(1), ResizeBilinear);
+    EXPECT_EQ(b.getIntProperty(2), ResizeBilinear);
+    EXPECT_EQ(b.getIntProperty(3), -1);
+    EXPECT_TRUE(b.setIntProperty(1, ResizeArea));
+    EXPECT_TRUE(b.setIntProperty(2, ResizeNearestNeighbour));
+    EXPECT_FALSE(b.setIntProperty(3, 0));
+    EXPECT_EQ(b.getIntProperty(1), ResizeArea);
+    EXPECT_EQ(b.getIntProperty(2), ResizeNearestNeighbour);
+    const char* text = "Assertion failed: value == ResizeBilinear || value == ResizeArea || value == ResizeNearestNeighbour";
+    EXPECT_SIMD_THROW(b.setIntProperty(1, 3), 2, text, "kv::CvBackendSimd::setIntProperty", 1770);
+    EXPECT_SIMD_THROW(b.setIntProperty(2, -1), 2, text, "kv::CvBackendSimd::setIntProperty", 1776);
+    EXPECT_EQ(b.getIntProperty(1), ResizeArea);  // unchanged by the failures
+    CvBackendSimd copy(b);
+    EXPECT_EQ(copy.getIntProperty(2), ResizeNearestNeighbour);
+    CvBackendSimd assigned;
+    assigned = b;
+    EXPECT_EQ(assigned.getIntProperty(1), ResizeArea);
+    EXPECT_TRUE(b.getDeviceContext() == DeviceContext::cpuContext());
+    b.setDeviceContext(DeviceContext(KV_DEVICE_GPU, 3, nullptr));
+    EXPECT_TRUE(b.getDeviceContext() == DeviceContext::cpuContext());
+}
+
+// ---- Adapter kernels: AVX2 against the reference ------------------------------------
+
+class FastKernelTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (impl::detectedIsa() != impl::Isa::kAvx2) GTEST_SKIP() << "no AVX2";
+    }
+    const impl::FastKernels& ref = impl::fastKernels(impl::Isa::kScalar);
+    const impl::FastKernels& avx = impl::fastKernels(impl::Isa::kAvx2);
+};
+
+namespace {
+
+std::vector<int> kernelWidths() {
+    std::vector<int> w;
+    for (int i = 1; i <= 67; ++i) w.push_back(i);
+    w.push_back(1920);
+    w.push_back(1921);
+    return w;
+}
+
+// Runs `run(src, dst)` for both kernel sets on a source offset by one byte
+// and destinations with sentinels past `dst_bytes`; compares bit for bit.
+template <typename Run>
+void compareRows(size_t src_bytes, size_t dst_bytes, Run run, const std::string& what) {
+    std::mt19937 rng(uint32_t(src_bytes * 31 + dst_bytes));
+    std::vector<uint8_t> src(src_bytes + 1);
+    for (auto& b : src) b = uint8_t(rng());
+    std::vector<uint8_t> a(dst_bytes + 40, 0xcd), b(dst_bytes + 40, 0xcd);
+    run(false, src.data() + 1, a.data());
+    run(true, src.data() + 1, b.data());
+    for (size_t i = 0; i < a.size(); ++i) {
+        ASSERT_EQ(a[i], b[i]) << what << " first difference at byte " << i;
+        if (i >= dst_bytes) {
+            ASSERT_EQ(a[i], 0xcd) << what << " wrote past the row at " << i;
+        }
+    }
+}
+
+}  // namespace
+
+TEST_F(FastKernelTest, GrayRowsMatchReference) {
+    for (int w : kernelWidths()) {
+        compareRows(size_t(w) * 3, size_t(w), [&](bool v, const uint8_t* s, uint8_t* d) {
+            (v ? avx : ref).bgrToGrayRow(s, d, w);
+        }, "bgrToGray " + std::to_string(w));
+        compareRows(size_t(w), size_t(w) * 3, [&](bool v, const uint8_t* s, uint8_t* d) {
+            (v ? avx : ref).grayToBgrRow(s, d, w);
+        }, "grayToBgr " + std::to_string(w));
+    }
+    // Worst case for the 14-bit sum: all 255 must stay 255.
+    const std::vector<uint8_t> white(96 * 3, 255);
+    std::vector<uint8_t> g(96);
+    avx.bgrToGrayRow(white.data(), g.data(), 96);
+    EXPECT_EQ(g[0], 255);
+    EXPECT_EQ(g[95], 255);
+}
+
+TEST_F(FastKernelTest, ByteFloatRowsMatchReference) {
+    for (int n : kernelWidths()) {
+        compareRows(size_t(n), size_t(n) * 4, [&](bool v, const uint8_t* s, uint8_t* d) {
+            float tmp[2000];
+            (v ? avx : ref).u8ToF32Row(s, tmp, size_t(n));
+            std::memcpy(d, tmp, size_t(n) * 4);
+        }, "u8ToF32 " + std::to_string(n));
+        // Floats from -100 to 400 in quarter steps, plus specials.
+        std::vector<float> src(static_cast<size_t>(n));
+        std::mt19937 rng(static_cast<uint32_t>(n));
+        for (auto& f : src) f = float(int(rng() % 2000) - 400) / 4.f;
+        if (n > 3) {
+            src[0] = std::nanf("");
+            src[1] = -std::numeric_limits<float>::infinity();
+            src[2] = std::numeric_limits<float>::infinity();
+            src[3] = 254.5f;
+        }
+        std::vector<uint8_t> a(size_t(n) + 40, 0xcd), b(size_t(n) + 40, 0xcd);
+        ref.f32ToU8Row(src.data(), a.data(), size_t(n));
+        avx.f32ToU8Row(src.data(), b.data(), size_t(n));
+        EXPECT_EQ(a, b) << "f32ToU8 " << n;
+        for (size_t i = size_t(n); i < a.size(); ++i) ASSERT_EQ(b[i], 0xcd);
+    }
+}
+
+TEST_F(FastKernelTest, HalfFloatAllCodesMatchReferenceAndRoundTrip) {
+    std::vector<uint16_t> codes(65536);
+    for (size_t i = 0; i < codes.size(); ++i) codes[i] = uint16_t(i);
+    std::vector<float> fa(codes.size()), fb(codes.size());
+    ref.halfToFloatRow(codes.data(), fa.data(), codes.size());
+    avx.halfToFloatRow(codes.data(), fb.data(), codes.size());
+    EXPECT_EQ(0, std::memcmp(fa.data(), fb.data(), fa.size() * 4));
+    std::vector<uint16_t> ha(codes.size()), hb(codes.size());
+    ref.floatToHalfRow(fa.data(), ha.data(), codes.size());
+    avx.floatToHalfRow(fa.data(), hb.data(), codes.size());
+    EXPECT_EQ(ha, hb);
+    for (size_t i = 0; i < codes.size(); ++i) {
+        const bool nan = (i & 0x7c00) == 0x7c00 && (i & 0x3ff);
+        // Every value survives the round trip; NaNs come back quiet.
+        EXPECT_EQ(ha[i], nan ? uint16_t(i | 0x200) : uint16_t(i)) << std::hex << i;
+    }
+    // Arbitrary float bit patterns (every rounding case) and every tail length.
+    std::mt19937 rng(9);
+    std::vector<float> any(1 << 16);
+    for (auto& f : any) {
+        const uint32_t bits = rng();
+        std::memcpy(&f, &bits, 4);
+    }
+    ref.floatToHalfRow(any.data(), ha.data(), any.size());
+    avx.floatToHalfRow(any.data(), hb.data(), any.size());
+    EXPECT_EQ(ha, hb);
+    for (int n = 1; n <= 67; ++n) {
+        std::vector<uint16_t> a(size_t(n) + 8, 0xcdcd), b(size_t(n) + 8, 0xcdcd);
+        ref.floatToHalfRow(any.data() + 1, a.data(), size_t(n));
+        avx.floatToHalfRow(any.data() + 1, b.data(), size_t(n));
+        EXPECT_EQ(a, b);
+        EXPECT_EQ(b[size_t(n)], 0xcdcd);
+    }
+}
+
+TEST_F(FastKernelTest, Rotate3MatchesReference) {
+    for (int code : {1, 2, 3})
+        for (int w = 1; w <= 67; w += (w < 20 ? 1 : 7))
+            for (int h : {1, 2, 7, 8, 9, 17, 33}) {
+                const int dw = code == 2 ? w : h, dh = code == 2 ? h : w;
+                const size_t ss = size_t(w) * 3 + 5, ds = size_t(dw) * 3 + 7;
+                std::vector<uint8_t> src(ss * size_t(h) + 1);
+                std::mt19937 rng(uint32_t(w * 100 + h));
+                for (auto& b : src) b = uint8_t(rng());
+                std::vector<uint8_t> a(ds * size_t(dh), 0xcd), b(ds * size_t(dh), 0xcd);
+                ref.rotate3(src.data() + 1, ss, w, h, code, a.data(), ds);
+                avx.rotate3(src.data() + 1, ss, w, h, code, b.data(), ds);
+                ASSERT_EQ(a, b) << "code " << code << " " << w << "x" << h;
+                for (int y = 0; y < dh; ++y)
+                    for (size_t i = size_t(dw) * 3; i < ds; ++i) ASSERT_EQ(b[size_t(y) * ds + i], 0xcd);
+            }
+}
+
+TEST(FastKernelReference, HalfFloatKnownValues) {
+    const impl::FastKernels& ref = impl::fastKernels(impl::Isa::kScalar);
+    const float in[] = {1.f, -2.f, 65504.f, 65519.f, 65520.f, 5.9604645e-8f, 2.9802322e-8f, 8.9406967e-8f,
+                        1.f + 1.f / 2048, 1.f + 3.f / 2048, 0.f, -0.f};
+    const uint16_t out[] = {0x3c00, 0xc000, 0x7bff, 0x7bff, 0x7c00, 0x0001, 0x0000, 0x0002, 0x3c00, 0x3c02, 0, 0x8000};
+    uint16_t got[12];
+    ref.floatToHalfRow(in, got, 12);
+    for (int i = 0; i < 12; ++i) EXPECT_EQ(got[i], out[i]) << i;
+}
