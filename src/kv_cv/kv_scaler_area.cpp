@@ -180,54 +180,88 @@ namespace avx2 {
 
 namespace {
 
+// Byte shuffles gathering the taps of each value of a group: for a lane loaded
+// at the group's first byte, and for one loaded to end on the group's last byte.
+// Q = 4 puts a value's four taps in four bytes (summed by maddubs, then madd);
+// Q = 2 puts its two taps in two zero-extended words (summed by madd).
+template <int C, int Q>
+struct BoxMasks {
+    static constexpr int V = C == 3 ? 3 : 4;
+    static constexpr int B = V / C * Q * C;
+    alignas(16) int8_t m[2][16] = {};
+    constexpr BoxMasks() {
+        for (int v = 0; v < 4; ++v) {
+            const int j = v / C, c = v % C;
+            for (int t = 0; t < 4; ++t) {
+                int idx = -1;
+                if (v < V) {
+                    if (Q == 4) idx = (j * 4 + t) * C + c;
+                    else if (t % 2 == 0) idx = (j * 2 + t / 2) * C + c;
+                }
+                m[0][4 * v + t] = int8_t(idx < 0 ? -128 : idx);
+                m[1][4 * v + t] = int8_t(idx < 0 ? -128 : idx + 16 - B);
+            }
+        }
+    }
+};
+
 // Output = (weight_max * box sum of Q pixels) >> shift, for C-channel pixels.
-// Each 128-bit lane takes V output values (3 for C = 3, else 4) from its own
-// B source bytes; one step handles four lanes. Returns the values done.
+// Each 128-bit lane sums one group of K pixels (V = K * C values: 3 for C = 3,
+// else 4) from its own B source bytes; a step takes eight groups. The caller
+// guarantees weight_max * Q <= 1 << shift, so every result fits a byte and
+// (sum * weight_max) >> shift is the high half of sum * (weight_max << (16 - shift)).
+// Returns the values done.
 template <int C, int Q>
 int uniformBox(const uint8_t* src, uint8_t* dst, const AreaRowX& r) {
     constexpr int V = C == 3 ? 3 : 4;
-    constexpr int K = V / C;      // output pixels per lane
-    constexpr int B = K * Q * C;  // source bytes per lane
-    alignas(16) int8_t m[16];
-    for (int v = 0; v < 4; ++v) {
-        const int j = v / C, c = v % C;
-        for (int t = 0; t < 4; ++t) {
-            int idx = -128;
-            if (v < V) {
-                if (Q == 4) idx = (j * 4 + t) * C + c;
-                else if (t % 2 == 0) idx = (j * 2 + t / 2) * C + c;  // zero-extended words
-            }
-            m[4 * v + t] = int8_t(idx);
-        }
-    }
-    const __m128i m128 = _mm_load_si128(reinterpret_cast<const __m128i*>(m));
-    const __m256i mask = _mm256_broadcastsi128_si256(m128);
-    const __m256i ones = _mm256_set1_epi8(1);
-    const __m256i wm = _mm256_set1_epi16(int16_t(r.weight_max));
-    const __m256i low8 = _mm256_set1_epi32(0xFF);
-    const __m128i shift = _mm_cvtsi32_si128(r.shift);
-    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 0, 0, 0, 0);
-    const __m128i pack3 = _mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
-    auto lanes = [&](const uint8_t* p) {
+    constexpr int K = V / C;      // output pixels per group
+    constexpr int B = K * Q * C;  // source bytes per group
+    const int groups = std::min(r.dst_len / C / K, r.src_len / B);
+    if (groups < 8) return 0;
+    static constexpr BoxMasks<C, Q> m{};
+    const __m256i mask[2] = {_mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(m.m[0]))),
+                             _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(m.m[1])))};
+    const __m256i ones8 = _mm256_set1_epi8(1);
+    const __m256i ones16 = _mm256_set1_epi16(1);
+    const __m256i wm = _mm256_set1_epi16(int16_t(uint16_t(r.weight_max << (16 - r.shift))));
+    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    const __m256i pack3 = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0, 1, 2, 4, 5, 6,
+                                           8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+    const __m256i join3 = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);
+    // Sums of groups g and g + 1 (lane 0, lane 1), loaded `back` bytes early.
+    auto sums = [&](int g, int back, int which) {
+        const uint8_t* p = src + g * B - back;
         __m256i x = _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
         x = _mm256_inserti128_si256(x, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + B)), 1);
-        x = _mm256_shuffle_epi8(x, mask);
-        if (Q == 4) x = _mm256_maddubs_epi16(x, ones);
-        x = _mm256_madd_epi16(x, wm);
-        return _mm256_and_si256(_mm256_srl_epi32(x, shift), low8);
+        x = _mm256_shuffle_epi8(x, mask[which]);
+        if (Q == 4) x = _mm256_maddubs_epi16(x, ones8);
+        return _mm256_madd_epi16(x, ones16);
     };
-    int sb = 0, ob = 0;
-    for (; sb + 3 * B + 16 <= r.src_len && ob + 16 <= r.dst_len; sb += 4 * B, ob += 4 * V) {
-        const __m256i a = lanes(src + sb);
-        const __m256i b = lanes(src + sb + 2 * B);
-        __m256i p = _mm256_packus_epi32(a, b);  // lanes 0, 2 | 1, 3
-        p = _mm256_packus_epi16(p, p);
-        p = _mm256_permutevar8x32_epi32(p, order);
-        __m128i out = _mm256_castsi256_si128(p);
-        if (V == 3) out = _mm_shuffle_epi8(out, pack3);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + ob), out);
+    auto step = [&](int g, int back, int which) {
+        const __m256i lo = _mm256_mulhi_epu16(_mm256_packus_epi32(sums(g, back, which), sums(g + 2, back, which)), wm);
+        const __m256i hi = _mm256_mulhi_epu16(_mm256_packus_epi32(sums(g + 4, back, which), sums(g + 6, back, which)), wm);
+        // Lanes hold groups 0, 2, 4, 6 | 1, 3, 5, 7 as 4-byte values: restore the order.
+        __m256i out = _mm256_permutevar8x32_epi32(_mm256_packus_epi16(lo, hi), order);
+        uint8_t* d = dst + g * V;
+        if (V == 3) {
+            out = _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(out, pack3), join3);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(out));
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(d + 16), _mm256_extracti128_si256(out, 1));
+        } else {
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(d), out);
+        }
+    };
+    int g = 0;
+    for (; g + 8 <= groups && (g + 7) * B + 16 <= r.src_len; g += 8) step(g, 0, 0);
+    // Near the row's end each lane is loaded to end on its group's last byte;
+    // the last step may redo a few groups (same values) to stay inside the row.
+    while (g < groups) {
+        const int s = std::min(g, groups - 8);
+        if (s * B + B < 16) break;
+        step(s, 16 - B, 1);
+        g = s + 8;
     }
-    return ob;
+    return g * V;
 }
 
 using BoxFn = int (*)(const uint8_t*, uint8_t*, const AreaRowX&);
@@ -281,7 +315,7 @@ inline void maddRow(const uint8_t* a, uint32_t w, __m256i acc[4]) { maddRows(a, 
 
 void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin) {
     int o = o_begin;
-    if (o == 0 && taps.uniform_q && row.weight_max < 32768) {
+    if (o == 0 && taps.uniform_q && uint32_t(row.weight_max) * uint32_t(taps.uniform_q) <= (1u << row.shift)) {
         if (const BoxFn f = boxKernel(row.channels, taps.uniform_q)) o = f(src, dst, row);
     }
     if (o % 8 == 0 && taps.taps > 0) o = gatherTaps(src, dst, row, taps, o);
