@@ -1,0 +1,88 @@
+// Row kernels of the area scalers: the weight table, the horizontal combination
+// of one row and the vertical accumulation of rows. Each vector kernel sits
+// beside its scalar reference (same name and signature in impl::ref and
+// impl::avx2); the references define the result and the vector kernels match
+// them bit for bit.
+//
+// Rows are read only inside their bytes: a sample whose element index lies at
+// or past `src_len` counts as 0 and is never loaded. That covers the element
+// just past the last pixel that an enlargement weights with the table's small
+// deficit (the vertical pass likewise drops the row past the bottom edge), and
+// the 3- and 4-byte units that packed 4:2:2 rows are processed in, which reach
+// past the row's bytes; outputs are written up to `dst_len` elements only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace kv {
+namespace impl {
+
+struct AreaTableEntry {
+    uint16_t first;   // first source index of the output pixel
+    uint16_t weight;  // share of that first source pixel, in output-pixel units scaled by one
+};
+
+// The area table of dst + 1 entries (the last is the sentinel (src, weight_max)).
+// Returns weight_max.
+uint16_t buildAreaTable(int src, int dst, int shift, std::vector<AreaTableEntry>& table);
+
+// Source rows an output row may need (the window size before doubling for
+// subsampled chroma and before clamping to the source height).
+int areaRowsNeeded(int src, int dst, const std::vector<AreaTableEntry>& table, uint16_t weight_max);
+
+// Horizontal combination of one row of samples. The output values o in
+// [o_begin, dst_len) are pixel o / channels, channel o % channels; `src_len` is
+// the number of readable samples of the row.
+struct AreaRowX {
+    const AreaTableEntry* table;
+    int channels;
+    int src_len;
+    int dst_len;
+    uint32_t weight_max;
+    int shift;
+    bool reduce;  // dst < src
+};
+
+// Precomputed taps for the vector kernels of one plane: every output value is
+// sum over t < taps of s[offset[o] + t * channels] * weights[o * taps + t], with
+// every tap inside the row (taps past it carry weight 0 and a safe offset).
+// `uniform_q` is 2 or 4 when the table is a plain box of q pixels with equal
+// weights (then output = (weight_max * box sum) >> shift), else 0.
+struct AreaTaps {
+    int taps = 0;
+    int vec_values = 0;  // values [0, vec_values) are safe for 4-byte gathers
+    int uniform_q = 0;
+    std::vector<int32_t> offset;
+    std::vector<int32_t> weights;
+};
+void buildAreaTaps(const AreaRowX& row, AreaTaps& taps);
+
+// Vertical accumulation: dst[x] = (sum of rows[k][x] * weights[k]) >> shift
+// for x < len, truncated to the sample type; `acc` holds len elements (32-bit
+// for 8-bit samples, 64-bit otherwise) and is used by the scalar kernels.
+struct AreaRowsY {
+    const uint8_t* const* rows;
+    const uint32_t* weights;
+    int count;
+    int len;
+    int shift;
+};
+
+namespace ref {
+void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin);
+void areaRowX16(const uint16_t* src, uint16_t* dst, const AreaRowX& row, int o_begin);
+void areaRowX32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, int o_begin);
+void areaRowsY8(const AreaRowsY& rows, uint8_t* dst, uint32_t* acc, int x_begin);
+void areaRowsY16(const AreaRowsY& rows, uint16_t* dst, uint64_t* acc);
+void areaRowsY32(const AreaRowsY& rows, uint32_t* dst, uint64_t* acc);
+}  // namespace ref
+
+namespace avx2 {
+void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin);
+void areaRowsY8(const AreaRowsY& rows, uint8_t* dst, uint32_t* acc, int x_begin);
+}  // namespace avx2
+
+}  // namespace impl
+}  // namespace kv
