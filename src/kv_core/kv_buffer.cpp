@@ -7,7 +7,17 @@
 
 namespace kv {
 
-Buffer::~Buffer() { std::free(_data); }
+namespace {
+// Through the aligned operator new, so allocation counting and replacement see buffers too.
+uint8_t* allocateBytes(size_t bytes) {
+    return static_cast<uint8_t*>(::operator new(bytes, std::align_val_t(Buffer::kAlignment)));
+}
+void releaseBytes(uint8_t* p) {
+    if (p) ::operator delete(p, std::align_val_t(Buffer::kAlignment));
+}
+}  // namespace
+
+Buffer::~Buffer() { releaseBytes(_data); }
 
 Buffer::Buffer(Buffer&& other) noexcept
     : _data(other._data), _size(other._size), _capacity(other._capacity), _context(other._context) {
@@ -17,7 +27,7 @@ Buffer::Buffer(Buffer&& other) noexcept
 
 Buffer& Buffer::operator=(Buffer&& other) noexcept {
     if (this != &other) {
-        std::free(_data);
+        releaseBytes(_data);
         _data = other._data;
         _size = other._size;
         _capacity = other._capacity;
@@ -34,20 +44,19 @@ void Buffer::resize(size_t size, bool keep) {
         return;
     }
     const size_t bytes = (size + kSlack + kAlignment - 1) / kAlignment * kAlignment;
-    auto* data = static_cast<uint8_t*>(std::aligned_alloc(kAlignment, bytes));
-    if (!data) throw std::bad_alloc();
+    uint8_t* data = allocateBytes(bytes);
     // The slack is readable by kernels that load a vector past a row's end;
     // zero it so those loads read defined bytes.
     std::memset(data + size, 0, bytes - size);
     if (keep && _data) std::memcpy(data, _data, _size < size ? _size : size);
-    std::free(_data);
+    releaseBytes(_data);
     _data = data;
     _size = size;
     _capacity = size;
 }
 
 void Buffer::clear() {
-    std::free(_data);
+    releaseBytes(_data);
     _data = nullptr;
     _size = _capacity = 0;
 }
