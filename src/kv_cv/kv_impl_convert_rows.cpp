@@ -411,6 +411,20 @@ constexpr int32_t kWeightsV = weights4(-9, -47, 56, 0);
 
 constexpr int32_t kPackOrder[8] = {0, 4, 1, 5, 2, 6, 3, 7};
 
+// Lanes of 8 U then 8 V bytes to U, V pairs (NV12) or V, U pairs (NV21).
+struct alignas(32) PairMask {
+    int8_t m[32];
+};
+constexpr PairMask makePairMask(bool u_first) {
+    PairMask p{};
+    for (int i = 0; i < 32; ++i) p.m[i] = int8_t((i % 16) / 2 + ((i & 1) == (u_first ? 1 : 0) ? 8 : 0));
+    return p;
+}
+constexpr PairMask kPairsUvMask = makePairMask(true);
+constexpr PairMask kPairsVuMask = makePairMask(false);
+constexpr const int8_t* kPairsUv = kPairsUvMask.m;
+constexpr const int8_t* kPairsVu = kPairsVuMask.m;
+
 }  // namespace
 
 #pragma GCC push_options
@@ -481,8 +495,8 @@ inline void floatsFromBytes32(__m256i bytes32, uint8_t* d) {
 }
 
 // 4:2:0 luma of row 0 and chroma of the 2x2 blocks, 32 columns a step.
-// Chroma words hold half terms; their 2x2 sums give (S + 65536) >> 9 for
-// two rows and (S + 32768) >> 8 for one.
+// Chroma words hold half terms: a pixel's two-row sum stays within +-28560,
+// and the 2x2 sums give (S + 65536) >> 9 for two rows, (S + 32768) >> 8 for one.
 template <bool kTwoRows, bool kSemi>
 int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* u, uint8_t* v, bool u_first,
                     int width) {
@@ -492,10 +506,12 @@ int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* u
     const __m256i ones = _mm256_set1_epi16(1);
     const __m256i y_round = _mm256_set1_epi16(4096);
     const __m256i c_round = _mm256_set1_epi32(kTwoRows ? 65536 : 32768);
+    const __m256i uv_order = _mm256_setr_epi32(0, 4, 2, 6, 1, 5, 3, 7);
+    const __m256i pair_mask = maskOf(u_first ? kPairsUv : kPairsVu);
     const int shift = kTwoRows ? 9 : 8;
     int x = 0;
     for (; x + 32 <= width; x += 32) {
-        __m256i yw[2], uw[2], vw[2];
+        __m256i yw[2], uv[2];
         for (int h = 0; h < 2; ++h) {
             __m256i a0, b0;
             loadBgrg(s0 + 3 * (x + 16 * h), a0, b0);
@@ -510,23 +526,21 @@ int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* u
                 va = _mm256_add_epi16(va, _mm256_maddubs_epi16(a1, wv));
                 vb = _mm256_add_epi16(vb, _mm256_maddubs_epi16(b1, wv));
             }
-            // Column sums per pixel, then pixel pairs: samples 0,1,4,5 | 2,3,6,7.
-            const __m256i us = _mm256_hadd_epi32(_mm256_madd_epi16(ua, ones), _mm256_madd_epi16(ub, ones));
-            const __m256i vs = _mm256_hadd_epi32(_mm256_madd_epi16(va, ones), _mm256_madd_epi16(vb, ones));
-            uw[h] = _mm256_srai_epi32(_mm256_add_epi32(us, c_round), shift);
-            vw[h] = _mm256_srai_epi32(_mm256_add_epi32(vs, c_round), shift);
+            // Per-pixel sums, then pixel pairs: u 0,1 v 0,1 u 4,5 v 4,5 | u 2,3 v 2,3 u 6,7 v 6,7.
+            const __m256i sa = _mm256_madd_epi16(_mm256_hadd_epi16(ua, va), ones);
+            const __m256i sb = _mm256_madd_epi16(_mm256_hadd_epi16(ub, vb), ones);
+            const __m256i ca = _mm256_srai_epi32(_mm256_add_epi32(sa, c_round), shift);
+            const __m256i cb = _mm256_srai_epi32(_mm256_add_epi32(sb, c_round), shift);
+            // Words u 0..7 | v 0..7 of this half.
+            uv[h] = _mm256_permutevar8x32_epi32(_mm256_packs_epi32(ca, cb), uv_order);
         }
         storeu(y + x, packPixels(yw[0], yw[1]));
-        const __m256i u16 = _mm256_permutevar8x32_epi32(_mm256_packs_epi32(uw[0], uw[1]), packOrder());
-        const __m256i v16 = _mm256_permutevar8x32_epi32(_mm256_packs_epi32(vw[0], vw[1]), packOrder());
+        const __m256i planes = _mm256_packus_epi16(uv[0], uv[1]);  // u 0..15 | v 0..15
         if (kSemi) {
-            const __m256i uv = u_first ? _mm256_or_si256(u16, _mm256_slli_epi16(v16, 8))
-                                       : _mm256_or_si256(v16, _mm256_slli_epi16(u16, 8));
-            storeu(u + x, uv);  // u is the start of the pairs here
+            storeu(u + x, _mm256_shuffle_epi8(_mm256_permute4x64_epi64(planes, 0xD8), pair_mask));
         } else {
-            const __m256i uv = _mm256_permute4x64_epi64(_mm256_packus_epi16(u16, v16), 0xD8);
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(u + x / 2), _mm256_castsi256_si128(uv));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(v + x / 2), _mm256_extracti128_si256(uv, 1));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(u + x / 2), _mm256_castsi256_si128(planes));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(v + x / 2), _mm256_extracti128_si256(planes, 1));
         }
     }
     return x;
