@@ -72,11 +72,6 @@ private:
     const RowData* _window_rows[2] = {nullptr, nullptr};
     RowCopier _copier;
     Impl::ImplFormatConverter* _impl = nullptr;
-    // BGR to 4:2:0: the luma of the next row, computed with the chroma of the
-    // row pair, and the row it belongs to (-1 when none is held).
-    Buffer _luma_ahead;
-    int32_t _luma_ahead_row = -1;
-    bool _luma_ahead_kernel = false;
 };
 
 }  // namespace kv

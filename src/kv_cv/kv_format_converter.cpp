@@ -4,7 +4,6 @@
 #include "kv_cv/kv_format_converter.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "kv_core/kv_exception.h"
 #include "kv_impl_format_converter.h"
@@ -69,9 +68,6 @@ void FormatConverter::_reuseConverting(FrameFormat src_format, FrameFormat dst_f
         }
         _layout = FrameLayout(dst_format, src.size, 64);
         _row = 0;
-        _luma_ahead_row = -1;
-        _luma_ahead_kernel = src_format == FRAME_BGR_8 && dst_format >= FRAME_I420 && dst_format <= FRAME_NV21;
-        if (_luma_ahead_kernel) _luma_ahead.resize(size_t(src.size.width));
         _ready = _impl->ready();
     } catch (...) {
         _source_layout = nullptr;
@@ -99,23 +95,7 @@ void FormatConverter::produce(RowData& dst) {
     } else {
         for (int k = 0; k < ws; ++k) _window_rows[k] = &_window.rowData(k);
     }
-    const Impl::ConvertRowFn convert = _impl->convert();
-    if (!convert) return;
-    if (!_luma_ahead_kernel) {
-        convert(_window_rows, dst, _impl->width(), *_impl);
-        return;
-    }
-    // Rows without chroma take the luma computed with the previous row's chroma.
-    const Impl::YuvFormatInfo& di = _impl->dstInfo();
-    const bool chroma = dst.plane[di.uPlane] && dst.plane[di.vPlane];
-    if (!chroma && _luma_ahead_row == _row) {
-        std::memcpy(dst.plane[0], _luma_ahead.data(), size_t(_impl->width()));
-        return;
-    }
-    RowData out = dst;
-    out.plane[3] = chroma && _window_rows[1] ? _luma_ahead.data() : nullptr;
-    convert(_window_rows, out, _impl->width(), *_impl);
-    _luma_ahead_row = out.plane[3] ? _row + 1 : -1;
+    if (const Impl::ConvertRowFn convert = _impl->convert()) convert(_window_rows, dst, _impl->width(), *_impl);
 }
 
 bool FormatConverter::next() {

@@ -154,10 +154,9 @@ void bgrToYuv420PlanarRow(const RowData* const* rows, RowData& dst, int width,
     bgrToYSpan(s0, dst.plane[di.yPlane] + di.yOffset, di.yStep, 0, width);
     uint8_t* u = dst.plane[di.uPlane];
     uint8_t* v = dst.plane[di.vPlane];
-    if (!u || !v) return;
-    const uint8_t* s1 = rows[1] ? rows[1]->plane[0] : nullptr;
-    bgrToChroma420Span(s0, s1, u + di.uOffset, di.uStep, v + di.vOffset, di.vStep, 0, width);
-    if (s1 && dst.plane[3]) bgrToYSpan(s1, dst.plane[3], 1, 0, width);
+    if (u && v)
+        bgrToChroma420Span(s0, rows[1] ? rows[1]->plane[0] : nullptr, u + di.uOffset, di.uStep, v + di.vOffset,
+                           di.vStep, 0, width);
 }
 
 void bgrToYuv420SemiRow(const RowData* const* rows, RowData& dst, int width,
@@ -498,9 +497,9 @@ inline void floatsFromBytes32(__m256i bytes32, uint8_t* d) {
 // 4:2:0 luma of row 0 and chroma of the 2x2 blocks, 32 columns a step.
 // Chroma words hold half terms: a pixel's two-row sum stays within +-28560,
 // and the 2x2 sums give (S + 65536) >> 9 for two rows, (S + 32768) >> 8 for one.
-template <bool kTwoRows, bool kSemi, bool kLumaAhead>
-int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* y1, uint8_t* u, uint8_t* v,
-                    bool u_first, int width) {
+template <bool kTwoRows, bool kSemi>
+int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* u, uint8_t* v, bool u_first,
+                    int width) {
     const __m256i wy = _mm256_set1_epi32(kWeightsY);
     const __m256i wu = _mm256_set1_epi32(kWeightsU);
     const __m256i wv = _mm256_set1_epi32(kWeightsV);
@@ -512,7 +511,7 @@ int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* y
     const int shift = kTwoRows ? 9 : 8;
     int x = 0;
     for (; x + 32 <= width; x += 32) {
-        __m256i yw[2], yw1[2], uv[2];
+        __m256i yw[2], uv[2];
         for (int h = 0; h < 2; ++h) {
             __m256i a0, b0;
             loadBgrg(s0 + 3 * (x + 16 * h), a0, b0);
@@ -522,7 +521,6 @@ int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* y
             if (kTwoRows) {
                 __m256i a1, b1;
                 loadBgrg(s1 + 3 * (x + 16 * h), a1, b1);
-                if (kLumaAhead) yw1[h] = _mm256_srli_epi16(_mm256_add_epi16(weighted16(a1, b1, wy), y_round), 8);
                 ua = _mm256_add_epi16(ua, _mm256_maddubs_epi16(a1, wu));
                 ub = _mm256_add_epi16(ub, _mm256_maddubs_epi16(b1, wu));
                 va = _mm256_add_epi16(va, _mm256_maddubs_epi16(a1, wv));
@@ -537,7 +535,6 @@ int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* y
             uv[h] = _mm256_permutevar8x32_epi32(_mm256_packs_epi32(ca, cb), uv_order);
         }
         storeu(y + x, packPixels(yw[0], yw[1]));
-        if (kLumaAhead) storeu(y1 + x, packPixels(yw1[0], yw1[1]));
         const __m256i planes = _mm256_packus_epi16(uv[0], uv[1]);  // u 0..15 | v 0..15
         if (kSemi) {
             storeu(u + x, _mm256_shuffle_epi8(_mm256_permute4x64_epi64(planes, 0xD8), pair_mask));
@@ -580,17 +577,12 @@ void bgrToYuv420(const RowData* const* rows, RowData& dst, int width, const Impl
     v += di.vOffset;
     const bool u_first = di.uOffset < di.vOffset;
     uint8_t* pairs = u_first ? u : v;
-    uint8_t* first = kSemi ? pairs : u;
-    uint8_t* y1 = s1 ? dst.plane[3] : nullptr;
     int x;
-    if (y1)
-        x = bgrToYuv420Bulk<true, kSemi, true>(s0, s1, y, y1, first, v, u_first, width);
-    else if (s1)
-        x = bgrToYuv420Bulk<true, kSemi, false>(s0, s1, y, nullptr, first, v, u_first, width);
+    if (s1)
+        x = bgrToYuv420Bulk<true, kSemi>(s0, s1, y, kSemi ? pairs : u, v, u_first, width);
     else
-        x = bgrToYuv420Bulk<false, kSemi, false>(s0, s1, y, nullptr, first, v, u_first, width);
+        x = bgrToYuv420Bulk<false, kSemi>(s0, s1, y, kSemi ? pairs : u, v, u_first, width);
     bgrToYSpan(s0, y, 1, x, width);
-    if (y1) bgrToYSpan(s1, y1, 1, x, width);
     bgrToChroma420Span(s0, s1, u, di.uStep, v, di.vStep, x, width);
 }
 

@@ -11,12 +11,6 @@
 //   chroma = sum of the covered terms >> (8 + log2(terms))
 //   YUV to BGR: C = 297 (Y - 16); B = (516 (U - 128) + C) / 256;
 //   G = (C - 100 U - 207 V + 39296) / 256; R = (408 (V - 128) + C) / 256, clamped.
-//
-// Luma ahead: the BGR to 4:2:0 kernels read the next source row for chroma
-// anyway; when they write chroma, have that row and find a non-null slot 3
-// in the destination (never a plane of a 4:2:0 layout), they also write the
-// next row's Y there (packed, width bytes), so that their owner can deliver
-// the next row without converting it again.
 #pragma once
 
 #include "kv_impl_format_converter.h"
