@@ -1,0 +1,779 @@
+// Row kernels of the format converter: scalar references and their AVX2
+// versions. The scalar span helpers take a start column so that the vector
+// kernels finish their rows with exactly the reference code.
+#include "kv_impl_convert_rows.h"
+
+#include <immintrin.h>
+
+#include <cstring>
+
+namespace kv {
+namespace impl {
+
+namespace {
+
+using Impl::YuvFormatInfo;
+
+inline uint8_t grayOf(uint32_t b, uint32_t g, uint32_t r) { return uint8_t((76 * (r + 2 * g) + 28 * b) >> 8); }
+// g 0.587 * 219 = 128.6 -> 129; r uses 65 and no rounding term is added.
+inline uint8_t yOf(uint32_t b, uint32_t g, uint32_t r) { return uint8_t((25 * b + 129 * g + 65 * r + 4096) >> 8); }
+// Chroma terms carry their 128 offset scaled by 256; unsigned wrap-around in
+// the intermediate steps cancels out (every term is positive).
+inline uint32_t uTerm(uint32_t b, uint32_t g, uint32_t r) { return 112 * b - 74 * g - 38 * r + 32768; }
+inline uint32_t vTerm(uint32_t b, uint32_t g, uint32_t r) { return 112 * r - 94 * g - 18 * b + 32768; }
+
+inline uint8_t clamp255(int v) { return uint8_t(v < 0 ? 0 : (v > 255 ? 255 : v)); }
+
+// Float to int32 as the vector conversion does it: truncation toward zero,
+// and INT32_MIN for values outside the int32 range and NaN.
+inline int32_t truncToInt(float f) {
+    return (f > -2147483904.0f && f < 2147483648.0f) ? int32_t(f) : INT32_MIN;
+}
+
+inline float loadFloat(const uint8_t* p) {
+    float f;
+    std::memcpy(&f, p, sizeof f);
+    return f;
+}
+inline void storeFloat(uint8_t* p, float f) { std::memcpy(p, &f, sizeof f); }
+
+void bgrToGraySpan(const uint8_t* s, uint8_t* d, int x, int width) {
+    for (; x < width; ++x) d[x] = grayOf(s[3 * x], s[3 * x + 1], s[3 * x + 2]);
+}
+
+void bgrToYSpan(const uint8_t* s, uint8_t* y, int y_step, int x, int width) {
+    for (; x < width; ++x) y[x * y_step] = yOf(s[3 * x], s[3 * x + 1], s[3 * x + 2]);
+}
+
+// 4:2:0 chroma from columns x.. of one or two rows (x even). u and v point at
+// the sample of column 0.
+void bgrToChroma420Span(const uint8_t* s0, const uint8_t* s1, uint8_t* u, int u_step, uint8_t* v, int v_step,
+                        int x, int width) {
+    const int pair_shift = s1 ? 10 : 9;
+    for (; x + 1 < width; x += 2) {
+        const uint8_t* a = s0 + 3 * x;
+        uint32_t su = uTerm(a[0], a[1], a[2]) + uTerm(a[3], a[4], a[5]);
+        uint32_t sv = vTerm(a[0], a[1], a[2]) + vTerm(a[3], a[4], a[5]);
+        if (s1) {
+            const uint8_t* b = s1 + 3 * x;
+            su += uTerm(b[0], b[1], b[2]) + uTerm(b[3], b[4], b[5]);
+            sv += vTerm(b[0], b[1], b[2]) + vTerm(b[3], b[4], b[5]);
+        }
+        u[(x / 2) * u_step] = uint8_t(su >> pair_shift);
+        v[(x / 2) * v_step] = uint8_t(sv >> pair_shift);
+    }
+    if (x < width) {  // odd width: the last column alone
+        const uint8_t* a = s0 + 3 * x;
+        uint32_t su = uTerm(a[0], a[1], a[2]);
+        uint32_t sv = vTerm(a[0], a[1], a[2]);
+        if (s1) {
+            const uint8_t* b = s1 + 3 * x;
+            su += uTerm(b[0], b[1], b[2]);
+            sv += vTerm(b[0], b[1], b[2]);
+        }
+        u[(x / 2) * u_step] = uint8_t(su >> (pair_shift - 1));
+        v[(x / 2) * v_step] = uint8_t(sv >> (pair_shift - 1));
+    }
+}
+
+// YUV to BGR from column x on; y, u, v point at the samples of column 0.
+void yuvToBgrSpan(const uint8_t* y, int y_step, const uint8_t* u, int u_step, const uint8_t* v, int v_step,
+                  int x_sub, uint8_t* d, int x, int width) {
+    for (; x < width; ++x) {
+        const int c = (int(y[x * y_step]) - 16) * 297;
+        const int uu = u[(x / x_sub) * u_step];
+        const int vv = v[(x / x_sub) * v_step];
+        d[3 * x] = clamp255(((uu - 128) * 516 + c) / 256);
+        d[3 * x + 1] = clamp255((c - 100 * uu - 207 * vv + 39296) / 256);
+        d[3 * x + 2] = clamp255(((vv - 128) * 408 + c) / 256);
+    }
+}
+
+void bytesToFloatSpan(const uint8_t* s, uint8_t* d, int i, int n) {
+    for (; i < n; ++i) storeFloat(d + 4 * i, float(s[i]));
+}
+
+void floatToBytesSpan(const uint8_t* s, uint8_t* d, int i, int n) {
+    for (; i < n; ++i) d[i] = uint8_t(truncToInt(loadFloat(s + 4 * i)));
+}
+
+void swapRbSpan(const uint8_t* s, uint8_t* d, int x, int width) {
+    for (; x < width; ++x) {
+        const uint8_t a = s[3 * x], b = s[3 * x + 1], c = s[3 * x + 2];
+        d[3 * x] = c;
+        d[3 * x + 1] = b;
+        d[3 * x + 2] = a;
+    }
+}
+
+void interleave3Span(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2, uint8_t* d, int x, int width) {
+    for (; x < width; ++x) {
+        d[3 * x] = p0[x];
+        d[3 * x + 1] = p1[x];
+        d[3 * x + 2] = p2[x];
+    }
+}
+
+void deinterleave3Span(const uint8_t* s, uint8_t* p0, uint8_t* p1, uint8_t* p2, int x, int width) {
+    for (; x < width; ++x) {
+        p0[x] = s[3 * x];
+        p1[x] = s[3 * x + 1];
+        p2[x] = s[3 * x + 2];
+    }
+}
+
+void bytesToPlanarFloatSpan(const uint8_t* s, uint8_t* p0, uint8_t* p1, uint8_t* p2, int x, int width) {
+    for (; x < width; ++x) {
+        storeFloat(p0 + 4 * x, float(s[3 * x]));
+        storeFloat(p1 + 4 * x, float(s[3 * x + 1]));
+        storeFloat(p2 + 4 * x, float(s[3 * x + 2]));
+    }
+}
+
+// Packed 4:2:2 rows of odd width end with half a pair: its Y byte is 0.
+void zeroMissingY(const YuvFormatInfo& di, uint8_t* y, int width) {
+    if ((width & 1) && di.xSub == 2 && di.yPlane == di.uPlane && di.yStep == 2) y[width * di.yStep] = 0;
+}
+
+const uint8_t* srcSample(const RowData& row, int plane, int offset) { return row.plane[plane] + offset; }
+
+}  // namespace
+
+// ---- scalar references ------------------------------------------------------
+
+namespace ref {
+
+void bgrToGrayRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    bgrToGraySpan(rows[0]->plane[0], dst.plane[0], 0, width);
+}
+
+void bgrToYuv420PlanarRow(const RowData* const* rows, RowData& dst, int width,
+                          const Impl::ImplFormatConverter& conv) {
+    const YuvFormatInfo& di = conv.dstInfo();
+    const uint8_t* s0 = rows[0]->plane[0];
+    bgrToYSpan(s0, dst.plane[di.yPlane] + di.yOffset, di.yStep, 0, width);
+    uint8_t* u = dst.plane[di.uPlane];
+    uint8_t* v = dst.plane[di.vPlane];
+    if (u && v)
+        bgrToChroma420Span(s0, rows[1] ? rows[1]->plane[0] : nullptr, u + di.uOffset, di.uStep, v + di.vOffset,
+                           di.vStep, 0, width);
+}
+
+void bgrToYuv420SemiRow(const RowData* const* rows, RowData& dst, int width,
+                        const Impl::ImplFormatConverter& conv) {
+    bgrToYuv420PlanarRow(rows, dst, width, conv);  // the description places the samples
+}
+
+void yuv420PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width,
+                          const Impl::ImplFormatConverter& conv) {
+    yuvToBgrRow(rows, dst, width, conv);
+}
+
+void yuv420SemiToBgrRow(const RowData* const* rows, RowData& dst, int width,
+                        const Impl::ImplFormatConverter& conv) {
+    yuvToBgrRow(rows, dst, width, conv);
+}
+
+void bytesToFloatRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    bytesToFloatSpan(rows[0]->plane[0], dst.plane[0], 0, 3 * width);
+}
+
+void bytesToPlanarFloatRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    bytesToPlanarFloatSpan(rows[0]->plane[0], dst.plane[0], dst.plane[1], dst.plane[2], 0, width);
+}
+
+void floatToBytesRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    floatToBytesSpan(rows[0]->plane[0], dst.plane[0], 0, 3 * width);
+}
+
+void swapRbRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    swapRbSpan(rows[0]->plane[0], dst.plane[0], 0, width);
+}
+
+void interleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    const RowData& s = *rows[0];
+    interleave3Span(s.plane[0], s.plane[1], s.plane[2], dst.plane[0], 0, width);
+}
+
+void deinterleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    deinterleave3Span(rows[0]->plane[0], dst.plane[0], dst.plane[1], dst.plane[2], 0, width);
+}
+
+void grayToBgrRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    const uint8_t* s = rows[0]->plane[0];
+    uint8_t* d = dst.plane[0];
+    for (int x = 0; x < width; ++x) d[3 * x] = d[3 * x + 1] = d[3 * x + 2] = s[x];
+}
+
+void grayToYuvRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+    const YuvFormatInfo& di = conv.dstInfo();
+    const uint8_t* s = rows[0]->plane[0];
+    uint8_t* y = dst.plane[di.yPlane] + di.yOffset;
+    for (int x = 0; x < width; ++x) y[x * di.yStep] = s[x];
+    zeroMissingY(di, y, width);
+    uint8_t* u = dst.plane[di.uPlane];
+    uint8_t* v = dst.plane[di.vPlane];
+    if (!u || !v) return;
+    u += di.uOffset;
+    v += di.vOffset;
+    // Chroma of gray is written as 0, not as the neutral 128.
+    const int n = (width + di.xSub - 1) / di.xSub;
+    for (int i = 0; i < n; ++i) u[i * di.uStep] = v[i * di.vStep] = 0;
+}
+
+void bgrToYuv422Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+    const YuvFormatInfo& di = conv.dstInfo();
+    const uint8_t* s = rows[0]->plane[0];
+    uint8_t* y = dst.plane[di.yPlane] + di.yOffset;
+    bgrToYSpan(s, y, di.yStep, 0, width);
+    zeroMissingY(di, y, width);
+    uint8_t* u = dst.plane[di.uPlane];
+    uint8_t* v = dst.plane[di.vPlane];
+    if (!u || !v) return;
+    u += di.uOffset;
+    v += di.vOffset;
+    int x = 0;
+    for (; x + 1 < width; x += 2) {
+        const uint8_t* a = s + 3 * x;
+        u[(x / 2) * di.uStep] = uint8_t((uTerm(a[0], a[1], a[2]) + uTerm(a[3], a[4], a[5])) >> 9);
+        v[(x / 2) * di.vStep] = uint8_t((vTerm(a[0], a[1], a[2]) + vTerm(a[3], a[4], a[5])) >> 9);
+    }
+    if (x < width) {
+        const uint8_t* a = s + 3 * x;
+        u[(x / 2) * di.uStep] = uint8_t(uTerm(a[0], a[1], a[2]) >> 8);
+        v[(x / 2) * di.vStep] = uint8_t(vTerm(a[0], a[1], a[2]) >> 8);
+    }
+}
+
+void bgrToYuv444Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+    const YuvFormatInfo& di = conv.dstInfo();
+    const uint8_t* s = rows[0]->plane[0];
+    bgrToYSpan(s, dst.plane[di.yPlane] + di.yOffset, di.yStep, 0, width);
+    uint8_t* u = dst.plane[di.uPlane];
+    uint8_t* v = dst.plane[di.vPlane];
+    if (!u || !v) return;
+    u += di.uOffset;
+    v += di.vOffset;
+    for (int x = 0; x < width; ++x) {
+        const uint8_t* a = s + 3 * x;
+        u[x * di.uStep] = uint8_t(uTerm(a[0], a[1], a[2]) >> 8);
+        v[x * di.vStep] = uint8_t(vTerm(a[0], a[1], a[2]) >> 8);
+    }
+}
+
+void yuvToGrayRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+    const YuvFormatInfo& si = conv.srcInfo();
+    const uint8_t* y = srcSample(*rows[0], si.yPlane, si.yOffset);
+    uint8_t* d = dst.plane[0];
+    for (int x = 0; x < width; ++x) d[x] = y[x * si.yStep];
+}
+
+void yuvToBgrRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+    const YuvFormatInfo& si = conv.srcInfo();
+    const RowData& s = *rows[0];
+    yuvToBgrSpan(srcSample(s, si.yPlane, si.yOffset), si.yStep, srcSample(s, si.uPlane, si.uOffset), si.uStep,
+                 srcSample(s, si.vPlane, si.vOffset), si.vStep, si.xSub, dst.plane[0], 0, width);
+}
+
+void yuvToYuvRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+    const YuvFormatInfo& si = conv.srcInfo();
+    const YuvFormatInfo& di = conv.dstInfo();
+    const uint8_t* sy = srcSample(*rows[0], si.yPlane, si.yOffset);
+    uint8_t* dy = dst.plane[di.yPlane] + di.yOffset;
+    uint8_t* dv = dst.plane[di.vPlane];
+    uint8_t* du = dst.plane[di.uPlane];
+    if (!dv || !du) {
+        for (int x = 0; x < width; ++x) dy[x * di.yStep] = sy[x * si.yStep];
+        return;
+    }
+    dv += di.vOffset;
+    du += di.uOffset;
+    // Chroma cursors of the source rows this output row covers.
+    const uint8_t* cv[2] = {nullptr, nullptr};
+    const uint8_t* cu[2] = {nullptr, nullptr};
+    int gathered = 0;
+    for (int k = 0; k < di.ySub && k < 2 && rows[k]; ++k, ++gathered) {
+        cv[k] = srcSample(*rows[k], si.vPlane, si.vOffset);
+        cu[k] = srcSample(*rows[k], si.uPlane, si.uOffset);
+    }
+    // Counters instead of x % sub keep an empty description (sub 0) harmless.
+    uint32_t sum_v = 0, sum_u = 0, count = 0;
+    int src_phase = 0, dst_phase = 0;
+    for (int x = 0; x < width; ++x) {
+        dy[x * di.yStep] = sy[x * si.yStep];
+        for (int k = 0; k < gathered; ++k) {
+            sum_v += *cv[k];
+            sum_u += *cu[k];
+            ++count;
+        }
+        if (++src_phase == si.xSub) {
+            src_phase = 0;
+            for (int k = 0; k < gathered; ++k) {
+                cv[k] += si.vStep;
+                cu[k] += si.uStep;
+            }
+        }
+        if (++dst_phase == di.xSub && count) {
+            dst_phase = 0;
+            *dv = uint8_t(sum_v / count);
+            *du = uint8_t(sum_u / count);
+            dv += di.vStep;
+            du += di.uStep;
+            sum_v = sum_u = count = 0;
+        }
+    }
+    if (count) {  // an incomplete last group (odd width into 2:1 chroma)
+        *dv = uint8_t(sum_v / count);
+        *du = uint8_t(sum_u / count);
+    }
+    zeroMissingY(di, dy, width);
+}
+
+}  // namespace ref
+
+// ---- AVX2 -------------------------------------------------------------------
+
+namespace {
+
+// A byte permutation of 48 bytes held as three 16-byte lanes (one lane of each
+// of three registers), done with pshufb: output lane o collects from input
+// lane i the bytes mask[o][i] selects (-128 selects zero).
+struct alignas(32) Shuffle48 {
+    int8_t mask[3][3][32];
+    bool used[3][3];
+};
+
+template <typename F>
+constexpr Shuffle48 makeShuffle48(F source_of) {
+    Shuffle48 t{};
+    for (int o = 0; o < 3; ++o)
+        for (int i = 0; i < 3; ++i) {
+            t.used[o][i] = false;
+            for (int k = 0; k < 16; ++k) {
+                const int src = source_of(16 * o + k);
+                const bool here = src / 16 == i;
+                t.mask[o][i][k] = t.mask[o][i][k + 16] = here ? int8_t(src % 16) : int8_t(-128);
+                t.used[o][i] = t.used[o][i] || here;
+            }
+        }
+    return t;
+}
+
+// Pixel j/3, channel j%3 of 16 interleaved pixels.
+constexpr Shuffle48 kSwapRb = makeShuffle48([](int j) { return 3 * (j / 3) + 2 - j % 3; });
+constexpr Shuffle48 kDeinterleave = makeShuffle48([](int j) { return 3 * (j % 16) + j / 16; });
+constexpr Shuffle48 kInterleave = makeShuffle48([](int j) { return 16 * (j % 3) + j / 3; });
+// Interleave of channel registers that hold the even pixels in bytes 0..7 and
+// the odd pixels in bytes 8..15 of each lane (packus of even and odd words).
+constexpr Shuffle48 kInterleaveEvenOdd = makeShuffle48([](int j) {
+    const int q = j / 3;
+    return 16 * (j % 3) + ((q & 1) ? 8 + q / 2 : q / 2);
+});
+
+// Shuffle of four 3-byte pixels in a lane to B, G, R, G quadruples; the second
+// register of a 16-pixel group is loaded 4 bytes early in its upper lane so
+// that no load passes the end of the group.
+struct alignas(32) BgrgMasks {
+    int8_t first[32];
+    int8_t second[32];
+};
+
+constexpr BgrgMasks makeBgrgMasks() {
+    BgrgMasks m{};
+    const int order[4] = {0, 1, 2, 1};
+    for (int lane = 0; lane < 2; ++lane)
+        for (int i = 0; i < 16; ++i) {
+            const int base = 3 * (i / 4) + order[i % 4];
+            m.first[16 * lane + i] = int8_t(base);
+            m.second[16 * lane + i] = int8_t(base + (lane ? 4 : 0));
+        }
+    return m;
+}
+
+constexpr BgrgMasks kBgrg = makeBgrgMasks();
+
+constexpr int32_t weights4(int a, int b, int c, int d) {
+    return int32_t(uint32_t(uint8_t(a)) | uint32_t(uint8_t(b)) << 8 | uint32_t(uint8_t(c)) << 16 |
+                   uint32_t(uint8_t(d)) << 24);
+}
+
+// Weights on B, G, R, G for pmaddubsw. Each pair sum stays below 32768 so the
+// instruction never saturates:
+//   gray: 14, 76, 38 = half of 28, 152, 76 (the >> 8 becomes >> 7);
+//   Y: 129 G split as 66 + 63 ((B,G) <= 23205, (R,G) <= 32640; the sum wraps
+//   in 16 bits and is read back unsigned);
+//   U, V: half weights (56, -37, -19) and (-9, -47, 56), so that two rows of
+//   a pixel still fit 16 bits; the shifts drop by one accordingly.
+constexpr int32_t kWeightsGray = weights4(14, 76, 38, 0);
+constexpr int32_t kWeightsY = weights4(25, 66, 65, 63);
+constexpr int32_t kWeightsU = weights4(56, -37, -19, 0);
+constexpr int32_t kWeightsV = weights4(-9, -47, 56, 0);
+
+constexpr int32_t kPackOrder[8] = {0, 4, 1, 5, 2, 6, 3, 7};
+
+// Lanes of 8 U then 8 V bytes to U, V pairs (NV12) or V, U pairs (NV21).
+struct alignas(32) PairMask {
+    int8_t m[32];
+};
+constexpr PairMask makePairMask(bool u_first) {
+    PairMask p{};
+    for (int i = 0; i < 32; ++i) p.m[i] = int8_t((i % 16) / 2 + ((i & 1) == (u_first ? 1 : 0) ? 8 : 0));
+    return p;
+}
+constexpr PairMask kPairsUvMask = makePairMask(true);
+constexpr PairMask kPairsVuMask = makePairMask(false);
+constexpr const int8_t* kPairsUv = kPairsUvMask.m;
+constexpr const int8_t* kPairsVu = kPairsVuMask.m;
+
+}  // namespace
+
+#pragma GCC push_options
+#pragma GCC target("avx2")
+
+namespace avx2 {
+
+namespace {
+
+inline __m256i load2x128(const uint8_t* lo, const uint8_t* hi) {
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(lo))),
+                                   _mm_loadu_si128(reinterpret_cast<const __m128i*>(hi)), 1);
+}
+inline __m256i loadu(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
+inline void storeu(uint8_t* p, __m256i v) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
+inline __m256i maskOf(const int8_t* m) { return _mm256_load_si256(reinterpret_cast<const __m256i*>(m)); }
+inline __m256i packOrder() { return _mm256_load_si256(reinterpret_cast<const __m256i*>(kPackOrder)); }
+
+// 32 interleaved 3-byte pixels: lane 0 of the three registers holds pixels
+// 0..15, lane 1 pixels 16..31.
+inline void load3(const uint8_t* p, __m256i v[3]) {
+    v[0] = load2x128(p, p + 48);
+    v[1] = load2x128(p + 16, p + 64);
+    v[2] = load2x128(p + 32, p + 80);
+}
+
+inline void store3(uint8_t* p, const __m256i v[3]) {
+    storeu(p, _mm256_permute2x128_si256(v[0], v[1], 0x20));
+    storeu(p + 32, _mm256_permute2x128_si256(v[2], v[0], 0x30));
+    storeu(p + 64, _mm256_permute2x128_si256(v[1], v[2], 0x31));
+}
+
+inline void shuffle48(const Shuffle48& t, const __m256i in[3], __m256i out[3]) {
+    for (int o = 0; o < 3; ++o) {
+        __m256i acc = _mm256_setzero_si256();
+        for (int i = 0; i < 3; ++i)
+            if (t.used[o][i]) acc = _mm256_or_si256(acc, _mm256_shuffle_epi8(in[i], maskOf(t.mask[o][i])));
+        out[o] = acc;
+    }
+}
+
+// 16 BGR pixels as two registers of B, G, R, G quadruples: pixels 0..3 and
+// 4..7 in the lanes of the first, 8..11 and 12..15 in the second.
+inline void loadBgrg(const uint8_t* p, __m256i& a, __m256i& b) {
+    a = _mm256_shuffle_epi8(load2x128(p, p + 12), maskOf(kBgrg.first));
+    b = _mm256_shuffle_epi8(load2x128(p + 24, p + 32), maskOf(kBgrg.second));
+}
+
+// Per-pixel weighted sums of 16 pixels (words; lanes hold pixels 0..3, 8..11 | 4..7, 12..15).
+inline __m256i weighted16(__m256i a, __m256i b, __m256i w) {
+    return _mm256_hadd_epi16(_mm256_maddubs_epi16(a, w), _mm256_maddubs_epi16(b, w));
+}
+
+// Two registers of words from weighted16 to 32 bytes in pixel order.
+inline __m256i packPixels(__m256i lo, __m256i hi) {
+    return _mm256_permutevar8x32_epi32(_mm256_packus_epi16(lo, hi), packOrder());
+}
+
+inline void floatsFromBytes(__m128i bytes16, uint8_t* d) {
+    _mm256_storeu_ps(reinterpret_cast<float*>(d), _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(bytes16)));
+    _mm256_storeu_ps(reinterpret_cast<float*>(d + 32),
+                     _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_srli_si128(bytes16, 8))));
+}
+
+inline void floatsFromBytes32(__m256i bytes32, uint8_t* d) {
+    floatsFromBytes(_mm256_castsi256_si128(bytes32), d);
+    floatsFromBytes(_mm256_extracti128_si256(bytes32, 1), d + 64);
+}
+
+// 4:2:0 luma of row 0 and chroma of the 2x2 blocks, 32 columns a step.
+// Chroma words hold half terms: a pixel's two-row sum stays within +-28560,
+// and the 2x2 sums give (S + 65536) >> 9 for two rows, (S + 32768) >> 8 for one.
+template <bool kTwoRows, bool kSemi>
+int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* u, uint8_t* v, bool u_first,
+                    int width) {
+    const __m256i wy = _mm256_set1_epi32(kWeightsY);
+    const __m256i wu = _mm256_set1_epi32(kWeightsU);
+    const __m256i wv = _mm256_set1_epi32(kWeightsV);
+    const __m256i ones = _mm256_set1_epi16(1);
+    const __m256i y_round = _mm256_set1_epi16(4096);
+    const __m256i c_round = _mm256_set1_epi32(kTwoRows ? 65536 : 32768);
+    const __m256i uv_order = _mm256_setr_epi32(0, 4, 2, 6, 1, 5, 3, 7);
+    const __m256i pair_mask = maskOf(u_first ? kPairsUv : kPairsVu);
+    const int shift = kTwoRows ? 9 : 8;
+    int x = 0;
+    for (; x + 32 <= width; x += 32) {
+        __m256i yw[2], uv[2];
+        for (int h = 0; h < 2; ++h) {
+            __m256i a0, b0;
+            loadBgrg(s0 + 3 * (x + 16 * h), a0, b0);
+            yw[h] = _mm256_srli_epi16(_mm256_add_epi16(weighted16(a0, b0, wy), y_round), 8);
+            __m256i ua = _mm256_maddubs_epi16(a0, wu), ub = _mm256_maddubs_epi16(b0, wu);
+            __m256i va = _mm256_maddubs_epi16(a0, wv), vb = _mm256_maddubs_epi16(b0, wv);
+            if (kTwoRows) {
+                __m256i a1, b1;
+                loadBgrg(s1 + 3 * (x + 16 * h), a1, b1);
+                ua = _mm256_add_epi16(ua, _mm256_maddubs_epi16(a1, wu));
+                ub = _mm256_add_epi16(ub, _mm256_maddubs_epi16(b1, wu));
+                va = _mm256_add_epi16(va, _mm256_maddubs_epi16(a1, wv));
+                vb = _mm256_add_epi16(vb, _mm256_maddubs_epi16(b1, wv));
+            }
+            // Per-pixel sums, then pixel pairs: u 0,1 v 0,1 u 4,5 v 4,5 | u 2,3 v 2,3 u 6,7 v 6,7.
+            const __m256i sa = _mm256_madd_epi16(_mm256_hadd_epi16(ua, va), ones);
+            const __m256i sb = _mm256_madd_epi16(_mm256_hadd_epi16(ub, vb), ones);
+            const __m256i ca = _mm256_srai_epi32(_mm256_add_epi32(sa, c_round), shift);
+            const __m256i cb = _mm256_srai_epi32(_mm256_add_epi32(sb, c_round), shift);
+            // Words u 0..7 | v 0..7 of this half.
+            uv[h] = _mm256_permutevar8x32_epi32(_mm256_packs_epi32(ca, cb), uv_order);
+        }
+        storeu(y + x, packPixels(yw[0], yw[1]));
+        const __m256i planes = _mm256_packus_epi16(uv[0], uv[1]);  // u 0..15 | v 0..15
+        if (kSemi) {
+            storeu(u + x, _mm256_shuffle_epi8(_mm256_permute4x64_epi64(planes, 0xD8), pair_mask));
+        } else {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(u + x / 2), _mm256_castsi256_si128(planes));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(v + x / 2), _mm256_extracti128_si256(planes, 1));
+        }
+    }
+    return x;
+}
+
+int bgrToYBulk(const uint8_t* s, uint8_t* y, int width) {
+    const __m256i wy = _mm256_set1_epi32(kWeightsY);
+    const __m256i y_round = _mm256_set1_epi16(4096);
+    int x = 0;
+    for (; x + 32 <= width; x += 32) {
+        __m256i a, b, c, d;
+        loadBgrg(s + 3 * x, a, b);
+        loadBgrg(s + 3 * x + 48, c, d);
+        const __m256i lo = _mm256_srli_epi16(_mm256_add_epi16(weighted16(a, b, wy), y_round), 8);
+        const __m256i hi = _mm256_srli_epi16(_mm256_add_epi16(weighted16(c, d, wy), y_round), 8);
+        storeu(y + x, packPixels(lo, hi));
+    }
+    return x;
+}
+
+template <bool kSemi>
+void bgrToYuv420(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+    const YuvFormatInfo& di = conv.dstInfo();
+    const uint8_t* s0 = rows[0]->plane[0];
+    const uint8_t* s1 = rows[1] ? rows[1]->plane[0] : nullptr;
+    uint8_t* y = dst.plane[di.yPlane] + di.yOffset;
+    uint8_t* u = dst.plane[di.uPlane];
+    uint8_t* v = dst.plane[di.vPlane];
+    if (!u || !v) {
+        bgrToYSpan(s0, y, 1, bgrToYBulk(s0, y, width), width);
+        return;
+    }
+    u += di.uOffset;
+    v += di.vOffset;
+    const bool u_first = di.uOffset < di.vOffset;
+    uint8_t* pairs = u_first ? u : v;
+    int x;
+    if (s1)
+        x = bgrToYuv420Bulk<true, kSemi>(s0, s1, y, kSemi ? pairs : u, v, u_first, width);
+    else
+        x = bgrToYuv420Bulk<false, kSemi>(s0, s1, y, kSemi ? pairs : u, v, u_first, width);
+    bgrToYSpan(s0, y, 1, x, width);
+    bgrToChroma420Span(s0, s1, u, di.uStep, v, di.vStep, x, width);
+}
+
+// 4:2:0 to BGR, 32 pixels a step, in 16-bit arithmetic on even and odd pixels
+// separately (each pair shares one chroma sample, so no duplication is needed).
+// With a = Y - 16, b = U - 128, c = V - 128 the reference numerators split as
+//   297a + 516b        = 256 (a + 2b) + (41a + 4b)
+//   297a - 100b - 207c = 256 (a - c)  + (41a - 100b + 49c)
+//   297a + 408c        = 256 (a + c)  + (41a + 152c)
+// whose remainders stay within int16; flooring equals the reference's
+// truncation wherever the clamp does not turn both into 0.
+template <bool kSemi>
+int yuv420ToBgrBulk(const uint8_t* y, const uint8_t* u, const uint8_t* v, bool u_first, uint8_t* d, int width) {
+    const __m256i low_bytes = _mm256_set1_epi16(0x00FF);
+    const __m256i k16 = _mm256_set1_epi16(16);
+    const __m256i k128 = _mm256_set1_epi16(128);
+    const __m256i k41 = _mm256_set1_epi16(41);
+    const __m256i km100 = _mm256_set1_epi16(-100);
+    const __m256i k49 = _mm256_set1_epi16(49);
+    const __m256i k152 = _mm256_set1_epi16(152);
+    int x = 0;
+    for (; x + 32 <= width; x += 32) {
+        const __m256i yy = loadu(y + x);
+        __m256i uu, vv;
+        if (kSemi) {
+            const __m256i pairs = loadu(u + x);
+            const __m256i first = _mm256_and_si256(pairs, low_bytes);
+            const __m256i second = _mm256_srli_epi16(pairs, 8);
+            uu = u_first ? first : second;
+            vv = u_first ? second : first;
+        } else {
+            uu = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(u + x / 2)));
+            vv = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(v + x / 2)));
+        }
+        const __m256i b = _mm256_sub_epi16(uu, k128);
+        const __m256i c = _mm256_sub_epi16(vv, k128);
+        const __m256i int_b = _mm256_slli_epi16(b, 1);
+        const __m256i frac_b = _mm256_slli_epi16(b, 2);
+        const __m256i int_g = _mm256_sub_epi16(_mm256_setzero_si256(), c);
+        const __m256i frac_g = _mm256_add_epi16(_mm256_mullo_epi16(b, km100), _mm256_mullo_epi16(c, k49));
+        const __m256i frac_r = _mm256_mullo_epi16(c, k152);
+        __m256i out_b[2], out_g[2], out_r[2];
+        for (int parity = 0; parity < 2; ++parity) {
+            const __m256i yw = parity ? _mm256_srli_epi16(yy, 8) : _mm256_and_si256(yy, low_bytes);
+            const __m256i a = _mm256_sub_epi16(yw, k16);
+            const __m256i a41 = _mm256_mullo_epi16(a, k41);
+            out_b[parity] = _mm256_add_epi16(_mm256_add_epi16(a, int_b),
+                                             _mm256_srai_epi16(_mm256_add_epi16(a41, frac_b), 8));
+            out_g[parity] = _mm256_add_epi16(_mm256_add_epi16(a, int_g),
+                                             _mm256_srai_epi16(_mm256_add_epi16(a41, frac_g), 8));
+            out_r[parity] = _mm256_add_epi16(_mm256_add_epi16(a, c),
+                                             _mm256_srai_epi16(_mm256_add_epi16(a41, frac_r), 8));
+        }
+        // packus clamps to 0..255; each lane then holds even pixels, odd pixels.
+        const __m256i planes[3] = {_mm256_packus_epi16(out_b[0], out_b[1]), _mm256_packus_epi16(out_g[0], out_g[1]),
+                                   _mm256_packus_epi16(out_r[0], out_r[1])};
+        __m256i out[3];
+        shuffle48(kInterleaveEvenOdd, planes, out);
+        store3(d + 3 * x, out);
+    }
+    return x;
+}
+
+template <bool kSemi>
+void yuv420ToBgr(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+    const YuvFormatInfo& si = conv.srcInfo();
+    const RowData& s = *rows[0];
+    const uint8_t* y = s.plane[si.yPlane] + si.yOffset;
+    const uint8_t* u = s.plane[si.uPlane] + si.uOffset;
+    const uint8_t* v = s.plane[si.vPlane] + si.vOffset;
+    const bool u_first = si.uOffset < si.vOffset;
+    const int x = yuv420ToBgrBulk<kSemi>(y, kSemi ? (u_first ? u : v) : u, v, u_first, dst.plane[0], width);
+    yuvToBgrSpan(y, 1, u, si.uStep, v, si.vStep, 2, dst.plane[0], x, width);
+}
+
+}  // namespace
+
+void bgrToGrayRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    const uint8_t* s = rows[0]->plane[0];
+    uint8_t* d = dst.plane[0];
+    const __m256i w = _mm256_set1_epi32(kWeightsGray);
+    int x = 0;
+    for (; x + 32 <= width; x += 32) {
+        __m256i a, b, c, e;
+        loadBgrg(s + 3 * x, a, b);
+        loadBgrg(s + 3 * x + 48, c, e);
+        storeu(d + x, packPixels(_mm256_srli_epi16(weighted16(a, b, w), 7), _mm256_srli_epi16(weighted16(c, e, w), 7)));
+    }
+    bgrToGraySpan(s, d, x, width);
+}
+
+void bgrToYuv420PlanarRow(const RowData* const* rows, RowData& dst, int width,
+                          const Impl::ImplFormatConverter& conv) {
+    bgrToYuv420<false>(rows, dst, width, conv);
+}
+
+void bgrToYuv420SemiRow(const RowData* const* rows, RowData& dst, int width,
+                        const Impl::ImplFormatConverter& conv) {
+    bgrToYuv420<true>(rows, dst, width, conv);
+}
+
+void yuv420PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width,
+                          const Impl::ImplFormatConverter& conv) {
+    yuv420ToBgr<false>(rows, dst, width, conv);
+}
+
+void yuv420SemiToBgrRow(const RowData* const* rows, RowData& dst, int width,
+                        const Impl::ImplFormatConverter& conv) {
+    yuv420ToBgr<true>(rows, dst, width, conv);
+}
+
+void bytesToFloatRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    const uint8_t* s = rows[0]->plane[0];
+    uint8_t* d = dst.plane[0];
+    const int n = 3 * width;
+    int i = 0;
+    for (; i + 32 <= n; i += 32) floatsFromBytes32(loadu(s + i), d + 4 * i);
+    for (; i + 16 <= n; i += 16) floatsFromBytes(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i)), d + 4 * i);
+    bytesToFloatSpan(s, d, i, n);
+}
+
+void bytesToPlanarFloatRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    const uint8_t* s = rows[0]->plane[0];
+    int x = 0;
+    for (; x + 32 <= width; x += 32) {
+        __m256i in[3], planes[3];
+        load3(s + 3 * x, in);
+        shuffle48(kDeinterleave, in, planes);
+        for (int p = 0; p < 3; ++p) floatsFromBytes32(planes[p], dst.plane[p] + 4 * x);
+    }
+    bytesToPlanarFloatSpan(s, dst.plane[0], dst.plane[1], dst.plane[2], x, width);
+}
+
+void floatToBytesRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    const uint8_t* s = rows[0]->plane[0];
+    uint8_t* d = dst.plane[0];
+    const int n = 3 * width;
+    const __m256i low_byte = _mm256_set1_epi32(0xFF);
+    int i = 0;
+    for (; i + 32 <= n; i += 32) {
+        __m256i q[4];
+        for (int k = 0; k < 4; ++k)
+            q[k] = _mm256_and_si256(
+                _mm256_cvttps_epi32(_mm256_loadu_ps(reinterpret_cast<const float*>(s + 4 * (i + 8 * k)))), low_byte);
+        const __m256i w = _mm256_packus_epi16(_mm256_packus_epi32(q[0], q[1]), _mm256_packus_epi32(q[2], q[3]));
+        storeu(d + i, _mm256_permutevar8x32_epi32(w, packOrder()));
+    }
+    floatToBytesSpan(s, d, i, n);
+}
+
+void swapRbRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    const uint8_t* s = rows[0]->plane[0];
+    uint8_t* d = dst.plane[0];
+    int x = 0;
+    for (; x + 32 <= width; x += 32) {
+        __m256i in[3], out[3];
+        load3(s + 3 * x, in);
+        shuffle48(kSwapRb, in, out);
+        store3(d + 3 * x, out);
+    }
+    swapRbSpan(s, d, x, width);
+}
+
+void interleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    const RowData& s = *rows[0];
+    uint8_t* d = dst.plane[0];
+    int x = 0;
+    for (; x + 32 <= width; x += 32) {
+        const __m256i in[3] = {loadu(s.plane[0] + x), loadu(s.plane[1] + x), loadu(s.plane[2] + x)};
+        __m256i out[3];
+        shuffle48(kInterleave, in, out);
+        store3(d + 3 * x, out);
+    }
+    interleave3Span(s.plane[0], s.plane[1], s.plane[2], d, x, width);
+}
+
+void deinterleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    const uint8_t* s = rows[0]->plane[0];
+    int x = 0;
+    for (; x + 32 <= width; x += 32) {
+        __m256i in[3], out[3];
+        load3(s + 3 * x, in);
+        shuffle48(kDeinterleave, in, out);
+        for (int p = 0; p < 3; ++p) storeu(dst.plane[p] + x, out[p]);
+    }
+    deinterleave3Span(s, dst.plane[0], dst.plane[1], dst.plane[2], x, width);
+}
+
+}  // namespace avx2
+
+#pragma GCC pop_options
+
+}  // namespace impl
+}  // namespace kv

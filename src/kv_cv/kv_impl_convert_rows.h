@@ -1,0 +1,56 @@
+// Row kernels of the format converter. Every kernel has the ConvertRowFn
+// signature; the scalar references in kv::impl::ref define the results, and
+// the AVX2 versions in kv::impl::avx2 reproduce them bit for bit (they run
+// whole vectors on the bulk of the row and the reference code on the tail,
+// never touching a byte outside the row).
+//
+// Fixed formulas (8-bit unsigned inputs B, G, R; 32-bit unsigned arithmetic):
+//   gray = (76 (R + 2 G) + 28 B) >> 8
+//   Y = (25 B + 129 G + 65 R + 4096) >> 8
+//   U term = 112 B - 74 G - 38 R + 32768,  V term = 112 R - 94 G - 18 B + 32768
+//   chroma = sum of the covered terms >> (8 + log2(terms))
+//   YUV to BGR: C = 297 (Y - 16); B = (516 (U - 128) + C) / 256;
+//   G = (C - 100 U - 207 V + 39296) / 256; R = (408 (V - 128) + C) / 256, clamped.
+#pragma once
+
+#include "kv_impl_format_converter.h"
+
+namespace kv {
+namespace impl {
+
+#define KV_CONVERT_ROW_KERNEL(name) \
+    void name(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv)
+
+// Kernels with a vector version: declared for both namespaces.
+#define KV_CONVERT_VECTOR_KERNELS                 \
+    KV_CONVERT_ROW_KERNEL(bgrToGrayRow);          \
+    KV_CONVERT_ROW_KERNEL(bgrToYuv420PlanarRow);  \
+    KV_CONVERT_ROW_KERNEL(bgrToYuv420SemiRow);    \
+    KV_CONVERT_ROW_KERNEL(yuv420PlanarToBgrRow);  \
+    KV_CONVERT_ROW_KERNEL(yuv420SemiToBgrRow);    \
+    KV_CONVERT_ROW_KERNEL(bytesToFloatRow);       \
+    KV_CONVERT_ROW_KERNEL(bytesToPlanarFloatRow); \
+    KV_CONVERT_ROW_KERNEL(floatToBytesRow);       \
+    KV_CONVERT_ROW_KERNEL(swapRbRow);             \
+    KV_CONVERT_ROW_KERNEL(interleave3Row);        \
+    KV_CONVERT_ROW_KERNEL(deinterleave3Row)
+
+namespace ref {
+KV_CONVERT_VECTOR_KERNELS;
+// Scalar only: gray to BGR and to YUV, BGR to 4:2:2 and 4:4:4, YUV
+// addressed through YuvFormatInfo to gray, BGR and YUV.
+KV_CONVERT_ROW_KERNEL(grayToBgrRow);
+KV_CONVERT_ROW_KERNEL(grayToYuvRow);
+KV_CONVERT_ROW_KERNEL(bgrToYuv422Row);
+KV_CONVERT_ROW_KERNEL(bgrToYuv444Row);
+KV_CONVERT_ROW_KERNEL(yuvToGrayRow);
+KV_CONVERT_ROW_KERNEL(yuvToBgrRow);
+KV_CONVERT_ROW_KERNEL(yuvToYuvRow);
+}  // namespace ref
+
+namespace avx2 {
+KV_CONVERT_VECTOR_KERNELS;
+}  // namespace avx2
+
+}  // namespace impl
+}  // namespace kv

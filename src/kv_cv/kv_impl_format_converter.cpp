@@ -1,0 +1,188 @@
+// ImplFormatConverter: format descriptions and the choice of row kernel and
+// window size for each supported pair of formats.
+#include "kv_impl_format_converter.h"
+
+#include "kv_core/kv_exception.h"
+#include "kv_impl_convert_rows.h"
+#include "kv_impl_cpu.h"
+
+#define KV_SOURCE_FILE "src/kv_cv/kv_impl_format_converter"
+
+namespace kv {
+namespace Impl {
+
+namespace {
+constexpr const char* kUnsupported = "Failure in ImplFormatConverter::get_context(...) : unsupported format.";
+constexpr const char* kGetContext = "kv::Impl::ImplFormatConverter::get_context";
+
+bool isYuv(FrameFormat f) { return f >= FRAME_I420 && f <= FRAME_YUV444_PLANAR; }
+}  // namespace
+
+void ImplFormatConverter::reuse(FrameFormat src, FrameFormat dst, int width, int* window_size) {
+    if (!window_size)
+        KV_THROW_LINE(KV_STATUS_FORMAT_ERROR, "kv::Impl::ImplFormatConverter::reuse", 41,
+                      "Failure in ImplFormatConverter::reuse(...) : Null pointer to window size.");
+    _convert = nullptr;
+    _ready = false;
+    get_context(src, dst, window_size);
+    _width = width;
+    _ready = true;
+}
+
+void ImplFormatConverter::getFormatInfo(FrameFormat f, YuvFormatInfo& info) {
+    if ((f >= FRAME_GRAY_8 && f <= FRAME_BGR_8_PLANAR) || f == FRAME_FLOAT_32_C3 ||
+        f == FRAME_FLOAT_32_C3_PLANAR)
+        return;
+    if (!isYuv(f))
+        KV_THROW_LINE(KV_STATUS_FORMAT_ERROR, "kv::Impl::ImplFormatConverter::getFormatInfo", 143, "%s",
+                      kUnsupported);
+    // Start from I420 and adjust.
+    info = YuvFormatInfo();
+    info.xSub = info.ySub = 2;
+    info.yPlane = 0;
+    info.vPlane = 2;
+    info.uPlane = 1;
+    info.yStep = info.vStep = info.uStep = 1;
+    switch (f) {
+        case FRAME_YV12:
+            info.vPlane = 1;
+            info.uPlane = 2;
+            break;
+        case FRAME_NV12:
+            info.vPlane = 1;
+            info.vOffset = 1;
+            info.uStep = info.vStep = 2;
+            break;
+        case FRAME_NV21:
+            info.vPlane = 1;
+            info.uOffset = 1;
+            info.uStep = info.vStep = 2;
+            break;
+        case FRAME_YV16:
+            info.vPlane = 1;
+            info.uPlane = 2;
+            info.ySub = 1;
+            break;
+        case FRAME_YUYV:
+        case FRAME_UYVY: {
+            const bool yuyv = f == FRAME_YUYV;
+            info.yPlane = info.uPlane = info.vPlane = 0;
+            info.yOffset = yuyv ? 0 : 1;
+            info.uOffset = yuyv ? 1 : 0;
+            info.vOffset = yuyv ? 3 : 2;
+            info.yStep = 2;
+            info.uStep = info.vStep = 4;
+            info.ySub = 1;
+            break;
+        }
+        case FRAME_NV16:
+            info.vPlane = 1;
+            info.vOffset = 1;
+            info.uStep = info.vStep = 2;
+            info.ySub = 1;
+            break;
+        case FRAME_YUV444:
+            info.yPlane = info.uPlane = info.vPlane = 0;
+            info.uOffset = 1;
+            info.vOffset = 2;
+            info.yStep = info.uStep = info.vStep = 3;
+            info.xSub = info.ySub = 1;
+            break;
+        case FRAME_YUV444_PLANAR:
+            info.xSub = info.ySub = 1;
+            break;
+        default:  // FRAME_I420
+            break;
+    }
+}
+
+void ImplFormatConverter::get_context(FrameFormat src, FrameFormat dst, int* window_size) {
+    namespace ref = impl::ref;
+    // Formats without a YUV description keep an empty one.
+    _src_info = YuvFormatInfo();
+    _dst_info = YuvFormatInfo();
+    getFormatInfo(src, _src_info);
+    getFormatInfo(dst, _dst_info);
+    *window_size = 1;
+    const bool simd = impl::activeIsa() >= impl::Isa::kAvx2;
+#define KV_PICK(name) (simd ? &impl::avx2::name : &impl::ref::name)
+    switch (src) {
+        case FRAME_GRAY_8:
+            if (dst == FRAME_BGR_8)
+                _convert = &ref::grayToBgrRow;
+            else if (isYuv(dst))
+                _convert = &ref::grayToYuvRow;
+            else
+                KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 183, "%s", kUnsupported);
+            return;
+        case FRAME_RGB_8:
+            if (dst == FRAME_RGB_8_PLANAR)
+                _convert = KV_PICK(deinterleave3Row);
+            else if (dst == FRAME_BGR_8)
+                _convert = KV_PICK(swapRbRow);
+            else if (dst == FRAME_FLOAT_32_C3_PLANAR)
+                _convert = KV_PICK(bytesToPlanarFloatRow);
+            else
+                KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 273, "%s", kUnsupported);
+            return;
+        case FRAME_RGB_8_PLANAR:
+            if (dst != FRAME_RGB_8) KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 288, "%s", kUnsupported);
+            _convert = KV_PICK(interleave3Row);
+            return;
+        case FRAME_BGR_8:
+            switch (dst) {
+                case FRAME_GRAY_8: _convert = KV_PICK(bgrToGrayRow); return;
+                case FRAME_RGB_8: _convert = KV_PICK(swapRbRow); return;
+                case FRAME_BGR_8_PLANAR: _convert = KV_PICK(deinterleave3Row); return;
+                case FRAME_I420:
+                case FRAME_YV12:
+                    _convert = KV_PICK(bgrToYuv420PlanarRow);
+                    *window_size = 2;
+                    return;
+                case FRAME_NV12:
+                case FRAME_NV21:
+                    _convert = KV_PICK(bgrToYuv420SemiRow);
+                    *window_size = 2;
+                    return;
+                case FRAME_YV16:
+                case FRAME_YUYV:
+                case FRAME_UYVY:
+                case FRAME_NV16: _convert = &ref::bgrToYuv422Row; return;
+                case FRAME_YUV444:
+                case FRAME_YUV444_PLANAR: _convert = &ref::bgrToYuv444Row; return;
+                case FRAME_FLOAT_32_C3: _convert = KV_PICK(bytesToFloatRow); return;
+                case FRAME_FLOAT_32_C3_PLANAR: _convert = KV_PICK(bytesToPlanarFloatRow); return;
+                default: KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 237, "%s", kUnsupported);
+            }
+        case FRAME_BGR_8_PLANAR:
+            if (dst != FRAME_BGR_8) KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 252, "%s", kUnsupported);
+            _convert = KV_PICK(interleave3Row);
+            return;
+        case FRAME_FLOAT_32_C3:
+            if (dst != FRAME_BGR_8) KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 417, "%s", kUnsupported);
+            _convert = KV_PICK(floatToBytesRow);
+            return;
+        default:
+            break;
+    }
+    if (!isYuv(src)) KV_THROW_LINE(KV_STATUS_FORMAT_ERROR, kGetContext, 425, "%s", kUnsupported);
+    if (dst == FRAME_GRAY_8) {
+        _convert = &ref::yuvToGrayRow;
+    } else if (dst == FRAME_BGR_8) {
+        if (src == FRAME_I420 || src == FRAME_YV12)
+            _convert = KV_PICK(yuv420PlanarToBgrRow);
+        else if (src == FRAME_NV12 || src == FRAME_NV21)
+            _convert = KV_PICK(yuv420SemiToBgrRow);
+        else
+            _convert = &ref::yuvToBgrRow;
+    } else {
+        // Includes destinations without a description (ySub 0): no window
+        // can hold 0 rows, so the owner's window rejects them.
+        _convert = &ref::yuvToYuvRow;
+        *window_size = _dst_info.ySub;
+    }
+#undef KV_PICK
+}
+
+}  // namespace Impl
+}  // namespace kv

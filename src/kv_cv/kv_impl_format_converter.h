@@ -1,0 +1,43 @@
+// ImplFormatConverter: the engine behind FormatConverter. For a pair of
+// formats it describes both as YuvFormatInfo records, selects one row kernel
+// (vector or scalar, from the active instruction set) and reports how many
+// source rows (1 or 2) each output row needs.
+#pragma once
+
+#include "kv_cv/kv_format_converter.h"
+
+namespace kv {
+namespace Impl {
+
+// A row kernel: converts one output row from source rows r and r+1
+// (rows[1] null when row r is the last one) into the non-null slots of dst.
+using ConvertRowFn = void (*)(const RowData* const* rows, RowData& dst, int width,
+                              const ImplFormatConverter& conv);
+
+class ImplFormatConverter {
+public:
+    ImplFormatConverter() = default;
+
+    // Selects the kernel for src -> dst and writes the window size (1 or 2;
+    // for YUV sources the destination's ySub, 0 when it has no description).
+    void reuse(FrameFormat src, FrameFormat dst, int width, int* window_size);
+
+    bool ready() const { return _ready; }
+    int width() const { return _width; }
+    ConvertRowFn convert() const { return _convert; }
+    const YuvFormatInfo& srcInfo() const { return _src_info; }
+    const YuvFormatInfo& dstInfo() const { return _dst_info; }
+
+private:
+    void get_context(FrameFormat src, FrameFormat dst, int* window_size);
+    static void getFormatInfo(FrameFormat f, YuvFormatInfo& info);
+
+    YuvFormatInfo _src_info;
+    YuvFormatInfo _dst_info;
+    int32_t _width = 0;
+    bool _ready = false;
+    ConvertRowFn _convert = nullptr;
+};
+
+}  // namespace Impl
+}  // namespace kv
