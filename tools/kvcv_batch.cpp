@@ -68,18 +68,18 @@ public:
     void show(size_t done) {
         if (!_tty) return;
         const std::string s = "\r" + line(done) + "   ";
-        std::fputs(s.c_str(), stderr);
+        std::fputs(s.c_str(), errOut());
         _shown = true;
     }
     // Prints a message on its own line, above the progress line.
     void message(const std::string& text) {
-        if (_shown) std::fputs("\r\033[K", stderr);
-        std::fprintf(stderr, "%s\n", text.c_str());
+        if (_shown) std::fputs("\r\033[K", errOut());
+        std::fprintf(errOut(), "%s\n", text.c_str());
         _shown = false;
     }
     void finish(size_t done) {
-        if (_shown) std::fputs("\r\033[K", stderr);
-        std::fprintf(stderr, "%s\n", line(done).c_str());
+        if (_shown) std::fputs("\r\033[K", errOut());
+        std::fprintf(errOut(), "%s\n", line(done).c_str());
     }
 
 private:
@@ -118,7 +118,7 @@ int runBatch(int argc, char** argv) {
     if (ec || !fs::is_directory(out_dir)) throw RunError("cannot create folder '" + out_dir.string() + "'");
     if (fs::equivalent(in_dir, out_dir, ec)) throw UsageError("OUT_DIR must differ from IN_DIR");
     if (files.empty()) {
-        std::fprintf(stderr, "no images in '%s'\n", in_dir.string().c_str());
+        std::fprintf(errOut(), "no images in '%s'\n", in_dir.string().c_str());
         return kExitOk;
     }
 
@@ -158,7 +158,7 @@ int runBatch(int argc, char** argv) {
     for (auto& t : threads) t.join();
     progress.finish(done);
     if (failed) {
-        std::fprintf(stderr, "kvcv batch: %zu of %zu files failed\n", size_t(failed), files.size());
+        std::fprintf(errOut(), "kvcv batch: %zu of %zu files failed\n", size_t(failed), files.size());
         return kExitFailure;
     }
     return kExitOk;

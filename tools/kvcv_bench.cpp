@@ -174,12 +174,7 @@ int runBench(int argc, char** argv) {
     if (!plot.empty()) {
         const cv::Mat chart = drawBarChart("kvcv bench, " + in_size + ", one thread: time per call (shorter is faster)",
                                            groups, {kImpl[0], kImpl[1], kImpl[2]}, values, "ms");
-        bool ok = false;
-        try {
-            ok = cv::imwrite(plot, chart);
-        } catch (const cv::Exception&) {
-        }
-        if (!ok) throw RunError("cannot write '" + plot + "'");
+        writeMat(plot, chart);
         std::printf("wrote %s\n", plot.c_str());
     }
     return kExitOk;

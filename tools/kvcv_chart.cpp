@@ -32,9 +32,10 @@ cv::Mat makeTestChart(int width, int height) {
             img.at<cv::Vec3b>(y, x) = px;
         }
     }
-    // Lower part: a zone plate on the left, line patterns on the right.
+    // Lower part: a zone plate on the left (frequency rising to the Nyquist limit
+    // at its corners), line patterns on the right.
     const int top = bars_h + ramps_h, rest = height - top, half = width / 2;
-    const double cx = half / 2.0, cy = top + rest / 2.0, r_max = std::max(1.0, std::min(half, rest) / 2.0);
+    const double cx = half / 2.0, cy = top + rest / 2.0, r_max = std::max(1.0, std::hypot(half / 2.0, rest / 2.0));
     for (int y = top; y < height; ++y)
         for (int x = 0; x < half; ++x) {
             const double dx = x - cx, dy = y - cy;

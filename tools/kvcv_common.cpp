@@ -8,8 +8,11 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <fstream>
-#include <sstream>
+#include <mutex>
 
 #include <opencv2/imgcodecs.hpp>
 
@@ -54,7 +57,53 @@ std::string extensionOf(const std::string& path) {
     return lower(path.substr(dot + 1));
 }
 
+int g_err_fd = -1;   // the original stderr
+int g_null_fd = -1;  // /dev/null
+FILE* g_err = stderr;
+std::mutex g_quiet_lock;
+int g_quiet_depth = 0;
+
+// Points fd 2 at /dev/null while any thread decodes or encodes a file.
+// Sanitizer builds keep stderr: their reports must never be hidden.
+class QuietDecoders {
+public:
+    QuietDecoders() {
+#ifndef __SANITIZE_ADDRESS__
+        std::lock_guard<std::mutex> lock(g_quiet_lock);
+        if (g_null_fd >= 0 && g_quiet_depth++ == 0) {
+            std::fflush(stderr);
+            dup2(g_null_fd, STDERR_FILENO);
+        }
+#endif
+    }
+    ~QuietDecoders() {
+#ifndef __SANITIZE_ADDRESS__
+        std::lock_guard<std::mutex> lock(g_quiet_lock);
+        if (g_null_fd >= 0 && --g_quiet_depth == 0) {
+            std::fflush(stderr);
+            dup2(g_err_fd, STDERR_FILENO);
+        }
+#endif
+    }
+    QuietDecoders(const QuietDecoders&) = delete;
+    QuietDecoders& operator=(const QuietDecoders&) = delete;
+};
+
 }  // namespace
+
+void initMessages() {
+    g_err_fd = dup(STDERR_FILENO);
+    g_null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    FILE* f = g_err_fd >= 0 ? fdopen(g_err_fd, "w") : nullptr;
+    if (f && g_null_fd >= 0) {
+        setvbuf(f, nullptr, _IONBF, 0);
+        g_err = f;
+    } else {
+        g_null_fd = -1;  // no silencing without a second handle on stderr
+    }
+}
+
+FILE* errOut() { return g_err; }
 
 // ---- arguments ------------------------------------------------------------------
 
@@ -305,6 +354,7 @@ Image readImage(const std::string& path, const InputSpec& spec) {
         if (!probe) throw RunError("cannot open '" + path + "': " + std::strerror(errno));
     }
     try {
+        QuietDecoders quiet;
         img.mat = cv::imread(path, cv::IMREAD_ANYCOLOR);
     } catch (const cv::Exception&) {
         img.mat.release();
@@ -370,14 +420,23 @@ void writeImage(const std::string& path, const kv::Frame& frame) {
         }
         shown = bgr;
     }
+    writeMat(path, matView(shown));
+}
+
+void writeMat(const std::string& path, const cv::Mat& mat) {
     bool ok = false;
     std::string why;
     try {
-        ok = cv::imwrite(path, matView(shown));
+        QuietDecoders quiet;
+        ok = cv::imwrite(path, mat);
     } catch (const cv::Exception& e) {
         why = e.err;
     }
-    if (!ok) throw RunError("cannot write '" + path + "'" + (why.empty() ? std::string() : ": " + why));
+    if (!ok) {
+        std::ofstream probe(path, std::ios::binary | std::ios::app);
+        if (!probe) why = std::strerror(errno);
+        throw RunError("cannot write '" + path + "'" + (why.empty() ? std::string() : ": " + why));
+    }
 }
 
 // ---- conversion and comparison -------------------------------------------------------

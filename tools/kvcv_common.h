@@ -8,6 +8,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdio>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -36,6 +37,13 @@ struct UsageError : std::runtime_error {
 struct RunError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+
+// Where the tool's own messages go: the process's stderr as it was at start.
+// Image decoders (libpng, libjpeg, libtiff) print their own complaints on
+// stderr; those are silenced while a file is decoded or encoded, so a bad file
+// gives the tool's one-line message only. Call initMessages() first in main.
+void initMessages();
+FILE* errOut();
 
 // ---- arguments --------------------------------------------------------------
 
@@ -110,6 +118,9 @@ Image readImage(const std::string& path, const InputSpec& spec = InputSpec());
 void writeImage(const std::string& path, const kv::Frame& frame);
 // Bytes of the frame's planes, rows unpadded, one plane after another.
 std::vector<uint8_t> packFrame(const kv::Frame& frame);
+
+// Encodes `mat` by the file's extension; a RunError when that fails.
+void writeMat(const std::string& path, const cv::Mat& mat);
 
 // A view of an 8-bit BGR or gray frame (or 16-bit gray) as a cv::Mat; no copy.
 cv::Mat matView(const kv::Frame& frame);

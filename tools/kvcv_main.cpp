@@ -43,9 +43,11 @@ const Command kCommands[] = {
 }  // namespace
 
 int main(int argc, char** argv) {
+    kvcv::initMessages();
     cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
     if (argc < 2) {
-        std::fputs(kUsage, stderr);
+        std::fputs("usage: kvcv demo|convert|resize|rotate|tensor|batch|bench [ARGS] (see kvcv --help)\n",
+                   kvcv::errOut());
         return kvcv::kExitUsage;
     }
     const std::string name = argv[1];
@@ -57,26 +59,26 @@ int main(int argc, char** argv) {
     for (const Command& c : kCommands)
         if (name == c.name) cmd = &c;
     if (!cmd) {
-        std::fprintf(stderr, "kvcv: unknown command '%s' (see kvcv --help)\n", name.c_str());
+        std::fprintf(kvcv::errOut(), "kvcv: unknown command '%s' (see kvcv --help)\n", name.c_str());
         return kvcv::kExitUsage;
     }
     const std::string prefix = "kvcv " + name + ": ";
     try {
         return cmd->run(argc - 2, argv + 2);
     } catch (const kvcv::UsageError& e) {
-        std::fprintf(stderr, "%s%s (see kvcv %s --help)\n", prefix.c_str(), e.what(), name.c_str());
+        std::fprintf(kvcv::errOut(), "%s%s (see kvcv %s --help)\n", prefix.c_str(), e.what(), name.c_str());
         return kvcv::kExitUsage;
     } catch (const kvcv::RunError& e) {
-        std::fprintf(stderr, "%s%s\n", prefix.c_str(), e.what());
+        std::fprintf(kvcv::errOut(), "%s%s\n", prefix.c_str(), e.what());
     } catch (const kv::Exception& e) {
-        std::fprintf(stderr, "%s%s (%s, status %d)\n", prefix.c_str(), e.message().c_str(), e.function().c_str(),
+        std::fprintf(kvcv::errOut(), "%s%s (%s, status %d)\n", prefix.c_str(), e.message().c_str(), e.function().c_str(),
                      int(e.status()));
     } catch (const cv::Exception& e) {
-        std::fprintf(stderr, "%sOpenCV: %s\n", prefix.c_str(), e.err.c_str());
+        std::fprintf(kvcv::errOut(), "%sOpenCV: %s\n", prefix.c_str(), e.err.c_str());
     } catch (const std::bad_alloc&) {
-        std::fprintf(stderr, "%sout of memory\n", prefix.c_str());
+        std::fprintf(kvcv::errOut(), "%sout of memory\n", prefix.c_str());
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "%s%s\n", prefix.c_str(), e.what());
+        std::fprintf(kvcv::errOut(), "%s%s\n", prefix.c_str(), e.what());
     }
     return kvcv::kExitFailure;
 }

@@ -58,6 +58,8 @@ int runRotate(int argc, char** argv) {
     } else {
         angle = parseDouble(args.get("angle"), "--angle");
     }
+    const bool has_rect = args.has("rect");
+    const kv::Rect given_rect = has_rect ? parseRect(args.get("rect"), "--rect") : kv::Rect();
     const InputSpec spec = inputSpec(args);
     const kv::FrameFormat out_format = outFormat(args);
     const Image in = readImage(args.positional()[0], spec);
@@ -73,8 +75,7 @@ int runRotate(int argc, char** argv) {
             convertFrame(*fast, nullptr, in.frame, kv::FRAME_BGR_8, bgr);
             src = bgr;
         }
-        const kv::Rect rect = args.has("rect") ? parseRect(args.get("rect"), "--rect")
-                                               : kv::Rect(0, 0, src.size().width, src.size().height);
+        const kv::Rect rect = has_rect ? given_rect : kv::Rect(0, 0, src.size().width, src.size().height);
         kv::Rect placed;
         kv::rotateFrame(src, rect, float(angle), out, placed);
         std::printf("rotated rectangle %d,%d,%dx%d lies at %d,%d,%dx%d of the output\n", rect.x, rect.y, rect.width,
@@ -83,6 +84,7 @@ int runRotate(int argc, char** argv) {
 #else
     (void)fixed_rotation;
     (void)angle;
+    (void)given_rect;
     notAvailable("rotation (kv::rotateFrame)");
 #endif
     writeResult(args.positional()[1], out, out_format, "fast", false);
