@@ -34,4 +34,10 @@ std::unique_ptr<kv::ICvBackend> makeBackend(const std::string& name) {
     notAvailable("the " + name + " backend");
 }
 
+std::unique_ptr<kv::ICvBackend> anyBackend() {
+    if (backendAvailable("fast")) return makeBackend("fast");
+    if (backendAvailable("base")) return makeBackend("base");
+    notAvailable("colour conversion (neither backend)");
+}
+
 }  // namespace kvcv

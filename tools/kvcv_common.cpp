@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <typeinfo>
 #include <mutex>
 
 #include <opencv2/imgcodecs.hpp>
@@ -60,8 +61,10 @@ std::string extensionOf(const std::string& path) {
 int g_err_fd = -1;   // the original stderr
 int g_null_fd = -1;  // /dev/null
 FILE* g_err = stderr;
+#ifndef __SANITIZE_ADDRESS__
 std::mutex g_quiet_lock;
 int g_quiet_depth = 0;
+#endif
 
 // Points fd 2 at /dev/null while any thread decodes or encodes a file.
 // Sanitizer builds keep stderr: their reports must never be hidden.
@@ -406,14 +409,10 @@ void writeImage(const std::string& path, const kv::Frame& frame) {
     const kv::FrameFormat f = frame.format();
     if (f != kv::FRAME_BGR_8 && f != kv::FRAME_GRAY_8 && f != kv::FRAME_GRAY_16) {
         // Encoders take BGR; everything else is shown as BGR.
-        const bool fast = backendAvailable("fast"), base = backendAvailable("base");
-        if (!fast && !base) notAvailable("colour conversion to BGR for writing '" + path + "'");
-        auto primary = makeBackend(fast ? "fast" : "base");
-        std::unique_ptr<kv::ICvBackend> secondary;
-        if (fast && base) secondary = makeBackend("base");
+        auto primary = anyBackend();
         kv::Frame bgr;
         try {
-            convertFrame(*primary, secondary.get(), frame, kv::FRAME_BGR_8, bgr);
+            convertFrame(*primary, true, frame, kv::FRAME_BGR_8, bgr);
         } catch (const kv::Exception& e) {
             throw RunError("cannot show " + formatName(f) + " as an image for '" + path +
                            "' (write a raw file instead): " + e.message());
@@ -441,44 +440,48 @@ void writeMat(const std::string& path, const cv::Mat& mat) {
 
 // ---- conversion and comparison -------------------------------------------------------
 
-void convertFrame(kv::ICvBackend& primary, kv::ICvBackend* secondary, const kv::Frame& src, kv::FrameFormat format,
+void convertFrame(kv::ICvBackend& primary, bool fallback, const kv::Frame& src, kv::FrameFormat format,
                   kv::Frame& dst) {
     if (src.format() == format) {
         src.copyTo(dst);
         return;
     }
-    auto direct = [&](kv::ICvBackend& b, const kv::Frame& from, kv::Frame& to) {
-        to.reuse(format, from.size(), kv::DeviceContext::cpuContext());
-        b.colorCvt(from, to, kv::Rect());
+    using Converter = std::function<void(const kv::Frame&, kv::Frame&)>;
+    std::vector<Converter> converters;
+    auto withBackend = [&](kv::ICvBackend& b) {
+        converters.push_back([&b](const kv::Frame& from, kv::Frame& to) { b.colorCvt(from, to, kv::Rect()); });
     };
-    std::vector<kv::ICvBackend*> backends{&primary};
-    if (secondary) backends.push_back(secondary);
+    withBackend(primary);
+    std::unique_ptr<kv::ICvBackend> other;
+    if (fallback) {
+        for (const char* name : {"fast", "base"})
+            if (backendAvailable(name)) {
+                auto b = makeBackend(name);
+                if (typeid(*b) != typeid(primary)) other = std::move(b);
+            }
+        if (other) withBackend(*other);
+        if (Converter pipeline = rowPipelineConverter()) converters.push_back(std::move(pipeline));
+    }
     std::unique_ptr<kv::Exception> last;
-    for (kv::ICvBackend* b : backends) {
+    auto attempt = [&](const Converter& convert, const kv::Frame& from, kv::FrameFormat to_format, kv::Frame& to) {
         try {
-            direct(*b, src, dst);
-            return;
+            to.reuse(to_format, from.size(), kv::DeviceContext::cpuContext());
+            convert(from, to);
+            return true;
         } catch (const kv::Exception& e) {
             last = std::make_unique<kv::Exception>(e);
+            return false;
         }
-    }
+    };
+    for (const Converter& c : converters)
+        if (attempt(c, src, format, dst)) return;
     if (src.format() != kv::FRAME_BGR_8 && format != kv::FRAME_BGR_8) {
-        for (kv::ICvBackend* b1 : backends) {
-            kv::Frame bgr(kv::FRAME_BGR_8, src.size());
-            try {
-                b1->colorCvt(src, bgr, kv::Rect());
-            } catch (const kv::Exception& e) {
-                last = std::make_unique<kv::Exception>(e);
-                continue;
-            }
-            for (kv::ICvBackend* b2 : backends) {
-                try {
-                    direct(*b2, bgr, dst);
-                    return;
-                } catch (const kv::Exception& e) {
-                    last = std::make_unique<kv::Exception>(e);
-                }
-            }
+        kv::Frame bgr;
+        for (const Converter& c1 : converters) {
+            if (!attempt(c1, src, kv::FRAME_BGR_8, bgr)) continue;
+            for (const Converter& c2 : converters)
+                if (attempt(c2, bgr, format, dst)) return;
+            break;
         }
     }
     throw *last;
@@ -495,11 +498,8 @@ void writeResult(const std::string& path, const kv::Frame& frame, kv::FrameForma
     kv::Frame result = frame;
     if (out_format != kv::FRAME_UNDEFINED && out_format != frame.format()) {
         auto primary = makeBackend(backend);
-        std::unique_ptr<kv::ICvBackend> secondary;
-        const std::string other = backend == "fast" ? "base" : "fast";
-        if (!backend_named && backendAvailable(other)) secondary = makeBackend(other);
         kv::Frame converted;
-        convertFrame(*primary, secondary.get(), frame, out_format, converted);
+        convertFrame(*primary, !backend_named, frame, out_format, converted);
         result = converted;
     }
     writeImage(path, result);

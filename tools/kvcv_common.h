@@ -86,6 +86,8 @@ std::string formatName(kv::FrameFormat format);  // "NV12", "BGR_8"
 // one. Throws RunError "... not available in this build" when the backend is
 // not part of this build.
 std::unique_ptr<kv::ICvBackend> makeBackend(const std::string& name);
+// The fast backend when it is in the build, else the base one.
+std::unique_ptr<kv::ICvBackend> anyBackend();
 // "base" | "fast", or a UsageError.
 std::string parseBackendName(const std::string& text);
 bool backendAvailable(const std::string& name);
@@ -127,11 +129,15 @@ cv::Mat matView(const kv::Frame& frame);
 // Wraps a continuous cv::Mat (CV_8UC3 -> BGR_8, CV_8UC1 -> GRAY_8).
 kv::Frame wrapMat(const cv::Mat& mat);
 
-// Converts `src` into `format`: directly through `primary`, else through
-// `secondary` (when given), else in two steps through FRAME_BGR_8. The last
+// Converts `src` into `format` through `primary`; with `fallback`, a
+// conversion it lacks is done by the other backend or by the row pipeline's
+// format converter; failing that, in two steps through FRAME_BGR_8. The last
 // library error is rethrown when no route works.
-void convertFrame(kv::ICvBackend& primary, kv::ICvBackend* secondary, const kv::Frame& src, kv::FrameFormat format,
+void convertFrame(kv::ICvBackend& primary, bool fallback, const kv::Frame& src, kv::FrameFormat format,
                   kv::Frame& dst);
+// The row pipeline's FormatConverter drained into a frame, or an empty
+// function when it is not part of this build.
+std::function<void(const kv::Frame&, kv::Frame&)> rowPipelineConverter();
 
 // What a subcommand writes: `frame` converted to `out_format` when that is set
 // (through `backend`, falling back to the other backend when the first lacks

@@ -234,7 +234,7 @@ int runDemo(int argc, char** argv) {
     // and those rows say so.
     auto prepare = [&](kv::FrameFormat f, kv::Frame& out) {
         try {
-            if (any) convertFrame(*any, fast && base ? base : nullptr, chart, f, out);
+            if (any) convertFrame(*any, true, chart, f, out);
         } catch (const kv::Exception&) {
             out.clear();
         }

@@ -70,9 +70,8 @@ int runRotate(int argc, char** argv) {
     } else {
         kv::Frame src = in.frame;
         if (subsampled(src.format())) {
-            auto fast = makeBackend("fast");
             kv::Frame bgr;
-            convertFrame(*fast, nullptr, in.frame, kv::FRAME_BGR_8, bgr);
+            convertFrame(*anyBackend(), true, in.frame, kv::FRAME_BGR_8, bgr);
             src = bgr;
         }
         const kv::Rect rect = has_rect ? given_rect : kv::Rect(0, 0, src.size().width, src.size().height);

@@ -134,11 +134,8 @@ int runTensor(int argc, char** argv) {
     // and widens to float.
     const kv::FrameFormat src_format =
         shape.c == 1 ? kv::FRAME_GRAY_8 : order == "rgb" ? kv::FRAME_RGB_8 : kv::FRAME_BGR_8;
-    std::unique_ptr<kv::ICvBackend> other;
-    if (!args.has("backend") && backendAvailable(backend_name == "fast" ? "base" : "fast"))
-        other = makeBackend(backend_name == "fast" ? "base" : "fast");
     kv::Frame src;
-    convertFrame(*backend, other.get(), in.frame, src_format, src);
+    convertFrame(*backend, !args.has("backend"), in.frame, src_format, src);
 
     const kv::Size image = src.size();
     std::vector<kv::Rect> dst_rois;

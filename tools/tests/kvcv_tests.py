@@ -141,13 +141,22 @@ class Tool:
 
 
 def smooth(w, h):
-    """A smooth colour image (chroma subsampling loses little on it)."""
-    return lambda x, y: (40 + 150 * x // max(w - 1, 1), 60 + 120 * y // max(h - 1, 1), 200 - 100 * (x + y) // (w + h))
+    """A smooth colour image, at most 2 levels per pixel, so chroma subsampling loses little."""
+    return lambda x, y: (60 + 2 * x * 30 // max(w - 1, 1), 70 + 2 * y * 20 // max(h - 1, 1), 180 - (x + y) * 40 // (w + h))
 
 
 def busy(x, y):
     """Every pixel different, so a swapped or shifted channel shows."""
     return ((x * 37 + y * 11) & 255, (x * 5 + y * 71 + 3) & 255, (x * y + 101) & 255)
+
+
+# Image decoders print their own complaints; the tool hides them, except in
+# sanitizer builds, which never hide stderr.
+DECODER_NOISE = ("libpng", "libjpeg", "Corrupt JPEG", "Premature end of JPEG", "TIFF", "Not a JPEG")
+
+
+def message_lines(stderr):
+    return [l for l in stderr.strip().splitlines() if not l.startswith(DECODER_NOISE)]
 
 
 def max_diff(rows_a, rows_b):
@@ -211,7 +220,7 @@ def test_bad_arguments(t):
     ]
     for args in cases:
         p = t.run(*args, expect=2, skip_unavailable=False)
-        lines = p.stderr.strip().splitlines()
+        lines = message_lines(p.stderr)
         check(len(lines) == 1, f"kvcv {' '.join(args)}: want one line on stderr, got:\n{p.stderr}")
         check(p.stdout == "", f"kvcv {' '.join(args)}: unexpected stdout {p.stdout!r}")
         check(not os.path.exists(t.path("o.png")), "a failed command wrote its output")
@@ -239,7 +248,7 @@ def test_unreadable_files(t):
     ]
     for args in cases:
         p = t.run(*args, expect=1, skip_unavailable=False)
-        lines = p.stderr.strip().splitlines()
+        lines = message_lines(p.stderr)
         check(len(lines) == 1, f"kvcv {' '.join(args)}: want one line on stderr, got:\n{p.stderr}")
     # A raw frame given without its format is not decodable, and the message says what to do.
     p = t.run("convert", t.path("short.nv12"), t.path("o.png"), expect=1, skip_unavailable=False)
@@ -274,7 +283,7 @@ def test_convert_yuv_roundtrips(t):
              "yuv444p": lambda w, h: 3 * w * h,
              "gray": lambda w, h: w * h}
     ran = 0
-    for w, h in ((16, 10), (17, 11)):
+    for w, h in ((32, 20), (33, 21)):
         name = f"in_{w}x{h}.png"
         write_png(t.path(name), w, h, smooth(w, h))
         _, _, _, rows = read_png(t.path(name))
@@ -297,8 +306,8 @@ def test_convert_yuv_roundtrips(t):
     if not ran:
         raise Skip("no YUV conversion in this build")
     # Image to image through a format: the PNG shows the NV12 version.
-    t.run("convert", t.path("in_16x10.png"), t.path("shown.png"), "--to", "nv12")
-    check(read_png(t.path("shown.png"))[:2] == (16, 10), "image output through NV12")
+    t.run("convert", t.path("in_32x20.png"), t.path("shown.png"), "--to", "nv12")
+    check(read_png(t.path("shown.png"))[:2] == (32, 20), "image output through NV12")
 
 
 def test_resize_sizes(t):
