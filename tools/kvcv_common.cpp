@@ -610,6 +610,7 @@ std::string fixed(double value, int decimals) {
 }
 
 std::string formatDuration(double seconds) {
+    if (seconds < 1e-6) return fixed(seconds * 1e9, 0) + " ns";
     if (seconds < 1e-3) return fixed(seconds * 1e6, 1) + " us";
     if (seconds < 1.0) return fixed(seconds * 1e3, 2) + " ms";
     return fixed(seconds, 2) + " s";

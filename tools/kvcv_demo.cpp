@@ -155,6 +155,16 @@ std::string lowerName(kv::FrameFormat f) {
     return s;
 }
 
+// PSNR and largest error of an 8-bit BGR result against the original.
+std::string fidelity(const kv::Frame& original, const kv::Frame& result) {
+    const double worst = maxDifference(original, result);
+    if (worst < 0) return "shape differs";
+    if (worst == 0) return "identical";
+    const double mse = cv::norm(matView(original), matView(result), cv::NORM_L2SQR) /
+                       (double(original.size().width) * original.size().height * 3);
+    return "PSNR " + fixed(10 * std::log10(255.0 * 255.0 / mse), 1) + " dB, largest error " + fixed(worst, 0);
+}
+
 std::string sizeText(kv::Size s) { return std::to_string(s.width) + "x" + std::to_string(s.height); }
 
 // The first three float planes of an NCHW tensor (BGR order), as an 8-bit image.
@@ -214,7 +224,7 @@ int runDemo(int argc, char** argv) {
                 out.reuse(kv::FRAME_BGR_8, src.size(), kv::DeviceContext::cpuContext());
                 b.colorCvt(m, out, kv::Rect());
             },
-            [&src](const kv::Frame& out) { return "error vs chart " + fixed(maxDifference(src, out), 0); });
+            [&src](const kv::Frame& out) { return "vs chart: " + fidelity(src, out); });
     };
     for (kv::FrameFormat f : round_trips) roundTrip(even, f, "", "");
     roundTrip(chart, kv::FRAME_NV12, ", odd " + sizeText(size), "_odd");
@@ -232,17 +242,17 @@ int runDemo(int argc, char** argv) {
     // ---- row pipeline: NV12 -> scaler -> format converter, against convert() of each backend ----
     // Inputs for later rows; a backend that cannot make them leaves them empty
     // and those rows say so.
-    auto prepare = [&](kv::FrameFormat f, kv::Frame& out) {
+    auto prepare = [&](const kv::Frame& from, kv::FrameFormat f, kv::Frame& out) {
         try {
-            if (any) convertFrame(*any, true, chart, f, out);
+            if (any) convertFrame(*any, true, from, f, out);
         } catch (const kv::Exception&) {
             out.clear();
         }
     };
-    kv::Frame nv12;
-    prepare(kv::FRAME_NV12, nv12);
-    const kv::Size piped(size.width * 2 / 3, size.height * 2 / 3);
-    const std::string pipe_op = "NV12 -> scale -> BGR " + sizeText(piped);
+    kv::Frame nv12;  // of the even part: the fast backend decodes NV12 at even sizes only
+    prepare(even, kv::FRAME_NV12, nv12);
+    const kv::Size piped((size.width * 2 / 3) & ~1, (size.height * 2 / 3) & ~1);
+    const std::string pipe_op = "NV12 " + sizeText(even_size) + " -> scale -> BGR " + sizeText(piped);
     kv::Frame pipe_out;
 #if KVCV_HAVE_PIPELINE
     if (nv12.initialized()) {
@@ -356,7 +366,7 @@ int runDemo(int argc, char** argv) {
 
     // ---- float arithmetic: v * 0.5 + 64 on a float frame ----
     kv::Frame chart_f;
-    prepare(kv::FRAME_FLOAT_32_C3, chart_f);
+    prepare(chart, kv::FRAME_FLOAT_32_C3, chart_f);
     demo.perBackend("float multiply 0.5, add 64", "arith", [&](kv::ICvBackend& b, kv::Frame& out) {
         if (!chart_f.initialized()) throw RunError("no backend could make the float frame");
         chart_f.copyTo(out);
