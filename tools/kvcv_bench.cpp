@@ -149,7 +149,10 @@ int runBench(int argc, char** argv) {
     Table table({"operation", "kv base", "kv fast", "OpenCV", "base/OpenCV", "fast/OpenCV"});
     std::vector<std::string> groups;
     std::vector<std::vector<double>> values;
-    std::printf("kvcv bench: %s source, one thread, %.2f s per figure\n\n", in_size.c_str(), min_time);
+    std::printf("kvcv bench: %s source, one thread, %.2f s per figure\n", in_size.c_str(), min_time);
+    for (int i = 0; i < 2; ++i)
+        if (!kv_backend[i]) std::printf("%s: not in this build\n", kImpl[i]);
+    std::printf("\n");
     std::fflush(stdout);
     for (const Case& c : cases) {
         double t[3] = {0, 0, 0};

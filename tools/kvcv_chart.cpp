@@ -73,32 +73,36 @@ cv::Mat makeTestChart(int width, int height) {
 cv::Mat drawBarChart(const std::string& title, const std::vector<std::string>& groups,
                      const std::vector<std::string>& series, const std::vector<std::vector<double>>& values,
                      const std::string& unit) {
-    const int bar_h = 16, gap = 4, group_gap = 14, left = 300, bar_max = 480, width = left + bar_max + 140;
-    const int head = 70;
-    const int group_h = int(series.size()) * (bar_h + gap) + group_gap;
-    const int height = head + int(groups.size()) * group_h + 20;
+    // Each group: its name on a line of its own, then one bar per series.
+    const int bar_h = 16, gap = 4, label_h = 22, group_gap = 12, left = 24, bar_max = 560;
+    const int width = left + bar_max + 130, head = 70;
+    const int group_h = label_h + int(series.size()) * (bar_h + gap) + group_gap;
+    const int height = head + int(groups.size()) * group_h + 10;
     cv::Mat img(height, width, CV_8UC3, cv::Scalar(255, 255, 255));
     const cv::Scalar colours[] = {cv::Scalar(180, 119, 31), cv::Scalar(14, 127, 255), cv::Scalar(44, 160, 44),
                                   cv::Scalar(40, 39, 214), cv::Scalar(189, 103, 148)};
     const int font = cv::FONT_HERSHEY_SIMPLEX;
-    cv::putText(img, title, cv::Point(12, 26), font, 0.65, cv::Scalar(0, 0, 0), 1, cv::LINE_AA);
+    cv::putText(img, title, cv::Point(12, 26), font, 0.6, cv::Scalar(0, 0, 0), 1, cv::LINE_AA);
     int lx = 12;
     for (size_t s = 0; s < series.size(); ++s) {
         cv::rectangle(img, cv::Rect(lx, 42, 14, 14), colours[s % 5], cv::FILLED);
+        int baseline = 0;
+        const cv::Size text = cv::getTextSize(series[s], font, 0.5, 1, &baseline);
         cv::putText(img, series[s], cv::Point(lx + 20, 54), font, 0.5, cv::Scalar(0, 0, 0), 1, cv::LINE_AA);
-        lx += 30 + int(series[s].size()) * 10;
+        lx += 40 + text.width;
     }
     for (size_t g = 0; g < groups.size(); ++g) {
         const int y0 = head + int(g) * group_h;
         double top = 0;
         for (double v : values[g]) top = std::max(top, v);
-        cv::putText(img, groups[g], cv::Point(12, y0 + bar_h), font, 0.45, cv::Scalar(0, 0, 0), 1, cv::LINE_AA);
+        cv::putText(img, groups[g], cv::Point(12, y0 + 15), font, 0.5, cv::Scalar(0, 0, 0), 1, cv::LINE_AA);
+        const int bars_y = y0 + label_h;
         for (size_t s = 0; s < series.size() && s < values[g].size(); ++s) {
-            const int y = y0 + int(s) * (bar_h + gap);
+            const int y = bars_y + int(s) * (bar_h + gap);
             const double v = values[g][s];
             if (!(v > 0)) {
-                cv::putText(img, "n/a", cv::Point(left + 4, y + bar_h - 3), font, 0.4, cv::Scalar(120, 120, 120), 1,
-                            cv::LINE_AA);
+                cv::putText(img, series[s] + ": n/a", cv::Point(left + 4, y + bar_h - 3), font, 0.4,
+                            cv::Scalar(120, 120, 120), 1, cv::LINE_AA);
                 continue;
             }
             const int len = std::max(1, int(std::lround(bar_max * v / top)));
@@ -106,7 +110,8 @@ cv::Mat drawBarChart(const std::string& title, const std::vector<std::string>& g
             cv::putText(img, fixed(v, v < 10 ? 3 : 1) + " " + unit, cv::Point(left + len + 6, y + bar_h - 3), font,
                         0.4, cv::Scalar(0, 0, 0), 1, cv::LINE_AA);
         }
-        cv::line(img, cv::Point(left, y0 - 3), cv::Point(left, y0 + group_h - group_gap), cv::Scalar(0, 0, 0));
+        cv::line(img, cv::Point(left, bars_y - 2), cv::Point(left, bars_y + int(series.size()) * (bar_h + gap)),
+                 cv::Scalar(0, 0, 0));
     }
     return img;
 }

@@ -7,6 +7,8 @@
 //
 // An operation a backend does not offer is a note in the table, not a failure;
 // the demo fails (exit 1) only when it cannot write its files.
+#include <unistd.h>
+
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -74,6 +76,15 @@ public:
 
     kv::ICvBackend* backend(int i) { return _backend[i].get(); }
 
+    // On a terminal, names the operation running now (the table comes at the end).
+    void status(const std::string& op) {
+        if (!_tty) return;
+        std::fprintf(errOut(), "\r\033[K[%zu] %s", ++_step, op.c_str());
+    }
+    void endStatus() {
+        if (_tty && _step) std::fputs("\r\033[K", errOut());
+    }
+
     // Times `fn`; returns false (and fills `note`) when the library refused it.
     bool time(const std::function<void()>& fn, double& seconds, std::string& note) {
         try {
@@ -91,6 +102,7 @@ public:
 
     void row(const std::string& op, const std::string& backend, double seconds, const std::string& diff,
              const std::string& note) {
+        status(op);
         _table.add({op, backend, seconds > 0 ? formatDuration(seconds) : std::string("-"), diff, note});
     }
     void missing(const std::string& op, const std::string& backend, const std::string& what) {
@@ -112,6 +124,7 @@ public:
     void perBackend(const std::string& op, const std::string& file,
                     const std::function<void(kv::ICvBackend&, kv::Frame&)>& fn,
                     const std::function<std::string(const kv::Frame&)>& note_of = nullptr) {
+        status(op);
         kv::Frame out[2];
         double t[2] = {0, 0};
         std::string note[2];
@@ -144,6 +157,8 @@ public:
 private:
     fs::path _dir;
     double _min_time;
+    bool _tty = isatty(STDERR_FILENO) != 0;
+    size_t _step = 0;
     Table _table;
     std::unique_ptr<kv::ICvBackend> _backend[2];
     int _written = 0;
@@ -451,6 +466,7 @@ int runDemo(int argc, char** argv) {
     demo.missing("half float round trip", "helpers", "kv::convertFp32ToFp16");
 #endif
 
+    demo.endStatus();
     std::printf("kvcv demo: test chart %s (colour round trips on its even %s part), results in %s/\n\n",
                 sizeText(size).c_str(), sizeText(even_size).c_str(), dir.string().c_str());
     std::fputs(demo.table().c_str(), stdout);
