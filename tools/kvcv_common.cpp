@@ -413,9 +413,8 @@ void writeImage(const std::string& path, const kv::Frame& frame) {
         kv::Frame bgr;
         try {
             convertFrame(*primary, true, frame, kv::FRAME_BGR_8, bgr);
-        } catch (const kv::Exception& e) {
-            throw RunError("cannot show " + formatName(f) + " as an image for '" + path +
-                           "' (write a raw file instead): " + e.message());
+        } catch (const RunError& e) {
+            throw RunError(std::string(e.what()) + ", so '" + path + "' cannot show it (write a raw file instead)");
         }
         shown = bgr;
     }
@@ -462,14 +461,14 @@ void convertFrame(kv::ICvBackend& primary, bool fallback, const kv::Frame& src, 
         if (other) withBackend(*other);
         if (Converter pipeline = rowPipelineConverter()) converters.push_back(std::move(pipeline));
     }
-    std::unique_ptr<kv::Exception> last;
+    std::string first_error;  // the primary's, the most telling
     auto attempt = [&](const Converter& convert, const kv::Frame& from, kv::FrameFormat to_format, kv::Frame& to) {
         try {
             to.reuse(to_format, from.size(), kv::DeviceContext::cpuContext());
             convert(from, to);
             return true;
         } catch (const kv::Exception& e) {
-            last = std::make_unique<kv::Exception>(e);
+            if (first_error.empty()) first_error = e.message();
             return false;
         }
     };
@@ -484,7 +483,8 @@ void convertFrame(kv::ICvBackend& primary, bool fallback, const kv::Frame& src, 
             break;
         }
     }
-    throw *last;
+    throw RunError("cannot convert " + formatName(src.format()) + " " + std::to_string(src.size().width) + "x" +
+                   std::to_string(src.size().height) + " to " + formatName(format) + ": " + first_error);
 }
 
 kv::FrameFormat outFormat(const Args& args) {

@@ -131,8 +131,8 @@ kv::Frame wrapMat(const cv::Mat& mat);
 
 // Converts `src` into `format` through `primary`; with `fallback`, a
 // conversion it lacks is done by the other backend or by the row pipeline's
-// format converter; failing that, in two steps through FRAME_BGR_8. The last
-// library error is rethrown when no route works.
+// format converter; failing that, in two steps through FRAME_BGR_8. A
+// RunError naming both formats when no route works.
 void convertFrame(kv::ICvBackend& primary, bool fallback, const kv::Frame& src, kv::FrameFormat format,
                   kv::Frame& dst);
 // The row pipeline's FormatConverter drained into a frame, or an empty

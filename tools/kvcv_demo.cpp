@@ -260,7 +260,7 @@ int runDemo(int argc, char** argv) {
     auto prepare = [&](const kv::Frame& from, kv::FrameFormat f, kv::Frame& out) {
         try {
             if (any) convertFrame(*any, true, from, f, out);
-        } catch (const kv::Exception&) {
+        } catch (const RunError&) {
             out.clear();
         }
     };

@@ -26,7 +26,8 @@ const char kHelp[] =
     "  --angle DEG          any angle about the centre of --rect (default the whole image); the\n"
     "                       output is large enough for the whole rotated rectangle, the corners\n"
     "                       are black; subsampled YUV input is converted to BGR first\n"
-    "  --rect X,Y,W,H       the rectangle to rotate (it may reach outside the image)\n"
+    "  --rect X,Y,W,H       the rectangle to rotate, inside the image (the rotation reads the image\n"
+    "                       around it; what lies outside the image is black)\n"
     "  --in-format, --in-size, --out-format   raw frames, as for kvcv convert\n"
     "\n"
     "example: kvcv rotate photo.jpg tilted.png --angle 12.5\n";
@@ -75,6 +76,12 @@ int runRotate(int argc, char** argv) {
             src = bgr;
         }
         const kv::Rect rect = has_rect ? given_rect : kv::Rect(0, 0, src.size().width, src.size().height);
+        kv::Rect inside = rect;
+        inside.crop(src.size());
+        if (inside != rect)
+            throw UsageError("--rect " + std::to_string(rect.x) + "," + std::to_string(rect.y) + "," +
+                             std::to_string(rect.width) + "," + std::to_string(rect.height) + " must lie inside the " +
+                             std::to_string(src.size().width) + "x" + std::to_string(src.size().height) + " image");
         kv::Rect placed;
         kv::rotateFrame(src, rect, float(angle), out, placed);
         std::printf("rotated rectangle %d,%d,%dx%d lies at %d,%d,%dx%d of the output\n", rect.x, rect.y, rect.width,

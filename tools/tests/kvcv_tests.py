@@ -371,6 +371,12 @@ def test_rotate(t):
     aw, ah, _, _ = read_png(t.path("r30.png"))
     check(aw >= w and ah >= h, f"rotation by an angle must hold the whole image, got {aw}x{ah}")
     check("lies at" in p.stdout, "the rectangle's place is reported")
+    t.run("rotate", t.path("in.png"), t.path("r10.png"), "--angle", "10", "--rect", "2,1,5,3")
+    check(os.path.exists(t.path("r10.png")), "rectangle rotation")
+    # A rectangle reaching outside the image is refused, not read outside the image.
+    for rect in ("-2,0,4,4", "6,2,4,4", "0,0,10,5"):
+        p = t.run("rotate", t.path("in.png"), t.path("bad.png"), "--angle", "10", "--rect", rect, expect=2)
+        check("inside" in p.stderr, p.stderr)
 
 
 def _tensor_image(t):
