@@ -161,6 +161,8 @@ int runTensor(int argc, char** argv) {
                                        shape.nhwc ? kv::TENSOR_NHWC : kv::TENSOR_NCHW, extents, kv::TensorSize(),
                                        channel_order));
     tensor.setZero();
+    // No --rois: one image of the whole frame (an empty rectangle means the whole frame).
+    if (rois.empty()) rois.push_back(kv::Rect());
     backend->cropAndResize(src, tensor, rois, dst_rois);
 
     const size_t count = size_t(shape.n) * size_t(shape.c) * size_t(shape.h) * size_t(shape.w);
