@@ -189,7 +189,20 @@ TEST(CvHelpers, AngleRotation) {
     EXPECT_EQ(0, std::memcmp(centre, src.rowCpuData(0, 4) + 3 * 4, 3));
     EXPECT_EQ(0, dst.rowCpuData(0, 0)[0]);  // from outside the source
 
+    // Rectangles reaching past any edge of the frame, or wholly outside it:
+    // only the part inside is read, the rest is zero.
+    for (Rect r : {Rect(-5, -4, 12, 10), Rect(35, 25, 12, 10), Rect(-3, 20, 50, 14), Rect(60, 60, 4, 4)}) {
+        rotateFrame(src, r, 30.f, dst, placed);
+        getRotationRoi(30.f, r, roi, size, expect_placed);
+        EXPECT_EQ(dst.size(), size);
+    }
+    rotateFrame(src, Rect(60, 60, 4, 4), 0.f, dst, placed);
+    for (int y = 0; y < 4; ++y)
+        for (int x = 0; x < 12; ++x) EXPECT_EQ(dst.rowCpuData(0, y)[x], 0);
+
     EXPECT_HELPER_THROW(rotateFrame(Frame(), corner, 10.f, dst, placed), 2, "Assertion failed: src.initialized()",
+                        "kv::rotateFrame");
+    EXPECT_HELPER_THROW(rotateFrame(src, Rect(1, 1, 0, 5), 10.f, dst, placed), 2, "Assertion failed: !rect.empty()",
                         "kv::rotateFrame");
 }
 

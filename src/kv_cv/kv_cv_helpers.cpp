@@ -94,19 +94,29 @@ void rotateFrame(const Frame& src, const Rect& rect, float angle, Frame& dst, Re
     static constexpr const char* kFn = "kv::rotateFrame";
     KV_ASSERT(src.initialized(), kFn);
     KV_ASSERT(src.deviceContext() == DeviceContext::cpuContext(), kFn);
+    KV_ASSERT(!rect.empty(), kFn);
     Rect roi;
     Size size;
     getRotationRoi(angle, rect, roi, size, placed);
     // The rectangle sits at this offset inside the region the rotation reads.
     const int ox = roi.width - rect.width, oy = roi.height - rect.height;
     Frame region;
-    if (roi.x >= 0 && roi.y >= 0) {
+    const Size fs = src.size();
+    const bool inside = roi.x >= 0 && roi.y >= 0 && int64_t(roi.x) + roi.width <= fs.width &&
+                        int64_t(roi.y) + roi.height <= fs.height;
+    if (inside) {
         region = getRegion(src, roi);
     } else {
+        // The region leaves the frame: a zero frame holding the part of the
+        // rectangle that lies inside the frame, at the rectangle's offset.
         region.reuse(src.format(), roi.size(), DeviceContext::cpuContext(), 0);
         region.setZero();
-        Frame inner = getRegion(region, Rect(ox, oy, rect.width, rect.height));
-        getRegion(src, rect).copyTo(inner);
+        Rect part = rect;
+        part.crop(fs);
+        if (!part.empty()) {
+            Frame inner = getRegion(region, Rect(ox + part.x - rect.x, oy + part.y - rect.y, part.width, part.height));
+            getRegion(src, part).copyTo(inner);
+        }
     }
     dst.reuse(src.format(), size, DeviceContext::cpuContext(), 0);
     float matrix[2][3];
