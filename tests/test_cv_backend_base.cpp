@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kv_cv/kv_cv_backend_base.h"
+#include "alloc_count.h"
 #include "test_util.h"
 
 using namespace kv;
@@ -258,4 +259,27 @@ TEST(CropAndResizeTest, Errors) {
     clean.setZero();
     EXPECT_ANY_THROW(crop_and_resize(b, src, clean, {Rect(), Rect(99, 99, 2, 2)}, {}, 0, 1));
     for (int i = 0; i < 48; ++i) EXPECT_EQ(static_cast<const uint8_t*>(clean.devicePtr().cpuData())[i], 0);
+}
+
+TEST(CvBackendBaseTest, RepeatedCallsAllocateNothing) {
+    CvBackendBase b;
+    Frame nv12 = kvtest::randomFrame(FRAME_NV12, Size(64, 48), 21);
+    Frame bgr(FRAME_BGR_8, Size(30, 20)), same(FRAME_NV12, Size(30, 20)), full(FRAME_BGR_8, Size(64, 48));
+    Frame f32(FRAME_FLOAT_32_C3, Size(8, 8));
+    Tensor t(TensorLayout(TENSOR_FLOAT_32, TENSOR_NCHW, TensorSize{2, 3, 16, 16}, TensorSize(), TENSOR_ORDER_RGB));
+    const std::vector<Rect> crops = {Rect(), Rect(4, 4, 20, 30)}, targets = {Rect(0, 2, 16, 12), Rect()};
+    auto all = [&] {
+        b.convert(nv12, bgr, Rect(2, 2, 40, 30));
+        b.resize(nv12, same, Rect(), Rect());
+        b.colorCvt(nv12, full, Rect());
+        b.add(f32, 1.f, Rect(1, 1, 3, 3));
+        crop_and_resize(b, nv12, t, crops, targets, -1.f, 0.5f);
+    };
+    for (int method : {0, 1, 2}) {
+        b.setIntProperty(1, method);
+        all();
+        const size_t before = kvtest::allocationCount();
+        all();
+        EXPECT_EQ(kvtest::allocationCount(), before) << "method " << method;
+    }
 }

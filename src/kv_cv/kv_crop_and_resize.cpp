@@ -133,40 +133,41 @@ void crop_and_resize(ICvBackend& backend, const Frame& src, Tensor& dst, const s
         KV_THROW(KV_STATUS_OUT_OF_RANGE, kFn,
                  "Failure in crop_and_resize(...) : parameters 'offset' and 'scale' must be 0 and 1 for 8-bit tensors.");
 
-    // Validate every rectangle before writing anything.
-    std::vector<Rect> crops(src_rois.size()), targets(src_rois.size());
+    // Resolves crop i (clipped) and its target rectangle; every rectangle is
+    // checked before anything is written.
     const Rect whole_plane(0, 0, g.w, g.h);
-    for (size_t i = 0; i < src_rois.size(); ++i) {
-        Rect c = src_rois[i];
-        if (c.empty()) {
-            c = Rect(0, 0, src.size().width, src.size().height);
+    auto resolve = [&](size_t i, Rect& crop, Rect& target) {
+        crop = src_rois[i];
+        if (crop.empty()) {
+            crop = Rect(0, 0, src.size().width, src.size().height);
         } else {
-            c.crop(src.size());
-            if (c.empty())
+            crop.crop(src.size());
+            if (crop.empty())
                 KV_THROW(KV_STATUS_OUT_OF_RANGE, kFn,
                          "Failure in crop_and_resize(...) : parameter 'src_rois[%zu]' lies outside the frame.", i);
         }
-        crops[i] = c;
-        Rect t = dst_rois.empty() || dst_rois[i].empty() ? whole_plane : dst_rois[i];
-        if (t.x < 0 || t.y < 0 || int64_t(t.x) + t.width > g.w || int64_t(t.y) + t.height > g.h)
+        target = dst_rois.empty() || dst_rois[i].empty() ? whole_plane : dst_rois[i];
+        if (target.x < 0 || target.y < 0 || int64_t(target.x) + target.width > g.w ||
+            int64_t(target.y) + target.height > g.h)
             KV_THROW(KV_STATUS_OUT_OF_RANGE, kFn,
                      "Failure in crop_and_resize(...) : parameter 'dst_rois[%zu]' lies outside the %dx%d plane.", i,
                      g.w, g.h);
-        targets[i] = t;
-    }
+    };
+    Rect crop_rect, t;
+    for (size_t i = 0; i < src_rois.size(); ++i) resolve(i, crop_rect, t);
 
     // Per-thread scratch for the float path and two-step conversions: kept, so
     // repeated calls of the same shape allocate nothing.
     thread_local Frame hub, bytes;
     const FrameFormat byte_format = g.c == 1 ? FRAME_GRAY_8 : g.order == TENSOR_ORDER_RGB ? FRAME_RGB_8 : FRAME_BGR_8;
-    for (size_t i = 0; i < crops.size(); ++i) {
-        const Rect& t = targets[i];
+    for (size_t i = 0; i < src_rois.size(); ++i) {
+        resolve(i, crop_rect, t);
         if (t != whole_plane) {
             Frame image = wrapImage(dst, g, int(i), whole_plane);
             image.setZero();
         }
         Frame out = wrapImage(dst, g, int(i), t);
-        const Frame crop = getRegion(src, crops[i]);
+        const Frame crop = getRegion(src, crop_rect);
         if (!g.is_float) {
             convertInto(backend, crop, out, hub);
             continue;
