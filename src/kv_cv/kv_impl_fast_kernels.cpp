@@ -287,10 +287,15 @@ void rotate3(const uint8_t* src, size_t src_step, int width, int height, int cod
 
 namespace {
 
-constexpr FastKernels kRef{ref::bgrToGrayRow,   ref::grayToBgrRow,   ref::u8ToF32Row, ref::f32ToU8Row,
-                           ref::halfToFloatRow, ref::floatToHalfRow, ref::rotate3};
-constexpr FastKernels kAvx2{avx2::bgrToGrayRow,   avx2::grayToBgrRow,   avx2::u8ToF32Row, avx2::f32ToU8Row,
-                            avx2::halfToFloatRow, avx2::floatToHalfRow, avx2::rotate3};
+constexpr FastKernels kRef{ref::bgrToGrayRow,     ref::grayToBgrRow,     ref::u8ToF32Row,       ref::f32ToU8Row,
+                           ref::halfToFloatRow,   ref::floatToHalfRow,   ref::rotate3,          ref::yuvHalfToBgrRow,
+                           ref::yuvHalfToRgbRow,  ref::yuvPairsToBgrRow, ref::yuvPairsToRgbRow, ref::yuvFullToBgrRow,
+                           ref::yuvFullToRgbRow};
+constexpr FastKernels kAvx2{avx2::bgrToGrayRow,     avx2::grayToBgrRow,     avx2::u8ToF32Row,
+                            avx2::f32ToU8Row,       avx2::halfToFloatRow,   avx2::floatToHalfRow,
+                            avx2::rotate3,          avx2::yuvHalfToBgrRow,  avx2::yuvHalfToRgbRow,
+                            avx2::yuvPairsToBgrRow, avx2::yuvPairsToRgbRow, avx2::yuvFullToBgrRow,
+                            avx2::yuvFullToRgbRow};
 
 }  // namespace
 

@@ -1,6 +1,7 @@
 // Row kernels of the fast backend's adapter where a loop of our own beats the
 // third-party call: BGR to gray, gray to BGR, byte <-> float, half <-> float,
-// and rotation of 3-byte pixels. Each kernel has a plain reference in
+// rotation of 3-byte pixels, and YUV to BGR / RGB (the format converter's
+// kernels of kv_impl_convert_rows, so that both backends give the same bytes). Each kernel has a plain reference in
 // kv::impl::ref that defines the result and an AVX2 twin in kv::impl::avx2
 // with the same signature and bit-identical output. Kernels accept any width
 // of at least 1 and never touch memory outside the given rows.
@@ -9,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "kv_cv/kv_impl_convert_rows.h"
 #include "kv_cv/kv_impl_cpu.h"
 
 namespace kv {
@@ -47,6 +49,13 @@ struct FastKernels {
     HalfToFloatRowFn halfToFloatRow;
     FloatToHalfRowFn floatToHalfRow;
     Rotate3Fn rotate3;
+    // YUV rows to 3-byte pixels, by chroma layout (see kv_impl_convert_rows.h).
+    YuvToRgbRowFn yuvHalfToBgrRow;
+    YuvToRgbRowFn yuvHalfToRgbRow;
+    YuvToRgbRowFn yuvPairsToBgrRow;
+    YuvToRgbRowFn yuvPairsToRgbRow;
+    YuvToRgbRowFn yuvFullToBgrRow;
+    YuvToRgbRowFn yuvFullToRgbRow;
 };
 
 // The kernel set for `isa` (AVX2 needs F16C too, which every AVX2 processor has).
