@@ -15,6 +15,7 @@
 #include "kv_cv/kv_cv_backend_simd.h"
 #include "kv_cv/kv_cv_helpers.h"
 #include "kv_cv/kv_impl_cpu.h"
+#include "kv_cv/kv_impl_fast_adapter.h"
 #include "kv_cv/kv_impl_fast_kernels.h"
 #include "test_util.h"
 
@@ -998,6 +999,73 @@ TEST_F(FastKernelTest, YuvToRgbRowsMatchReference) {
         avx.yuvFullToRgbRow(y.data(), u.data(), v.data(), b.data(), 64);
         ASSERT_EQ(a, b) << combo;
     }
+}
+
+namespace {
+
+const int kBoxFactors[][2] = {{1, 1}, {2, 2}, {3, 3}, {4, 4}, {2, 3}, {5, 1}, {1, 4}, {4, 2}, {7, 7}, {17, 16}};
+
+}  // namespace
+
+TEST_F(FastKernelTest, AreaBoxMatchesReference) {
+    // Every channel count and a spread of factors (17 x 16 exceeds the vector
+    // kernel's 16-bit sums and takes the reference path inside it); sources
+    // of exact size with a padded pitch, destinations with sentinels.
+    for (int channels = 1; channels <= 4; ++channels)
+        for (const auto& f : kBoxFactors)
+            for (int w = 1; w <= 67; w += (f[0] > 4 ? 5 : 1))
+                for (int h : {1, 2, 3}) {
+                    const int fx = f[0], fy = f[1];
+                    const size_t src_step = size_t(w * fx * channels) + 3, dst_step = size_t(w * channels) + 5;
+                    std::vector<uint8_t> src(src_step * size_t(h * fy - 1) + size_t(w * fx * channels));
+                    std::mt19937 rng(uint32_t(w * 131 + fx * 7 + fy + channels * 1000));
+                    for (auto& b : src) b = uint8_t(rng());
+                    std::vector<uint8_t> a(dst_step * size_t(h), 0xcd), b(dst_step * size_t(h), 0xcd);
+                    ref.areaBox(src.data(), src_step, a.data(), dst_step, w, h, channels, fx, fy);
+                    avx.areaBox(src.data(), src_step, b.data(), dst_step, w, h, channels, fx, fy);
+                    ASSERT_EQ(a, b) << channels << " channels " << fx << "x" << fy << " width " << w << " height "
+                                    << h;
+                    for (int y = 0; y < h; ++y)
+                        for (size_t i = size_t(w * channels); i < dst_step; ++i)
+                            ASSERT_EQ(b[size_t(y) * dst_step + i], 0xcd);
+                }
+}
+
+TEST(FastKernelReference, AreaBoxRoundsAsOpenCv) {
+    // The adapter's integer-factor area path against OpenCV's INTER_AREA on
+    // the same planes: bit for bit, for every channel count and factor,
+    // including 1920 wide rows (several strips).
+    for (int channels = 1; channels <= 4; ++channels)
+        for (const auto& f : kBoxFactors)
+            for (int w : {1, 7, 64, 129, 1920 / f[0]}) {
+                const int fx = f[0], fy = f[1], h = 5;
+                const int sw = w * fx, sh = h * fy;
+                const size_t src_step = size_t(sw * channels) + 1, dst_step = size_t(w * channels);
+                std::vector<uint8_t> src(src_step * size_t(sh));
+                std::mt19937 rng(uint32_t(w + fx * 10 + fy * 100 + channels));
+                for (auto& b : src) b = uint8_t(rng());
+                // Ties of the float path (sum a multiple of half the area) are frequent in flat areas.
+                for (size_t i = 0; i < src.size() / 2; ++i) src[i] = uint8_t(i % 7 == 0 ? 1 : 0);
+                std::vector<uint8_t> a(dst_step * size_t(h)), b(dst_step * size_t(h));
+                impl::fast::resizePlane(src.data(), src_step, sw, sh, a.data(), dst_step, w, h, channels, false,
+                                        impl::fast::Interpolation::kArea);
+                impl::fast::resizePlaneWithLibrary(src.data(), src_step, sw, sh, b.data(), dst_step, w, h, channels,
+                                                   false, impl::fast::Interpolation::kArea);
+                ASSERT_EQ(a, b) << channels << " channels " << fx << "x" << fy << " width " << w;
+            }
+    // Known roundings: 2 x 2 rounds half up; 4 x 4 rounds the mean half to even.
+    const impl::FastKernels& ref = impl::fastKernels(impl::Isa::kScalar);
+    const uint8_t two[4] = {0, 1, 1, 0};  // mean 0.5
+    uint8_t out = 0;
+    ref.areaBox(two, 2, &out, 1, 1, 1, 1, 2, 2);
+    EXPECT_EQ(out, 1);
+    uint8_t four[16] = {};
+    four[0] = 8;  // mean 0.5 -> 0
+    ref.areaBox(four, 4, &out, 1, 1, 1, 1, 4, 4);
+    EXPECT_EQ(out, 0);
+    four[0] = 24;  // mean 1.5 -> 2
+    ref.areaBox(four, 4, &out, 1, 1, 1, 1, 4, 4);
+    EXPECT_EQ(out, 2);
 }
 
 TEST(FastKernelReference, YuvToRgbKnownValues) {

@@ -4,8 +4,8 @@
 // takes one pixel per block), channel swaps, plane splits and merges and
 // 1-byte rotation; OpenCV for bilinear and area resizing and affine warps;
 // plain loops for nearest resizing; our kernels (kv_impl_fast_kernels) for
-// gray, byte/float, half/float and 3-byte rotation, where they beat both
-// libraries, and for YUV to BGR / RGB, where they match libyuv's speed and
+// gray, byte/float, half/float, 3-byte rotation and integer-factor area
+// reduction, where they beat both libraries, and for YUV to BGR / RGB, where they match libyuv's speed and
 // give the generic backend's exact bytes (libyuv's 6-bit coefficients differ
 // from them by up to 4).
 #include "kv_cv/kv_impl_fast_adapter.h"
@@ -269,6 +269,18 @@ void resizeNearest(const uint8_t* src, size_t src_step, int src_width, int src_h
 
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method) {
+    if (method == Interpolation::kArea && !is_float && src_width % dst_width == 0 && src_height % dst_height == 0) {
+        kernels().areaBox(static_cast<const uint8_t*>(src), src_step, static_cast<uint8_t*>(dst), dst_step, dst_width,
+                          dst_height, channels, src_width / dst_width, src_height / dst_height);
+        return;
+    }
+    resizePlaneWithLibrary(src, src_step, src_width, src_height, dst, dst_step, dst_width, dst_height, channels,
+                           is_float, method);
+}
+
+void resizePlaneWithLibrary(const void* src, size_t src_step, int src_width, int src_height, void* dst,
+                            size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
+                            Interpolation method) {
     if (method == Interpolation::kNearest) {
         resizeNearest(static_cast<const uint8_t*>(src), src_step, src_width, src_height, static_cast<uint8_t*>(dst),
                       dst_step, dst_width, dst_height, size_t(channels) * (is_float ? 4 : 1));

@@ -92,6 +92,14 @@ void floatToHalf(const float* src, size_t count, uint16_t* dst);
 // module's own nearest scaler does; bilinear and area are centre-aligned.
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method);
+// Area reductions of byte planes by integer factors (source = destination
+// times fx by fy) run the module's own box kernel, which gives OpenCV's
+// INTER_AREA bytes; everything else goes to OpenCV.
+// resizePlaneWithLibrary is resizePlane without that kernel, so that tests
+// can hold the kernel against OpenCV itself.
+void resizePlaneWithLibrary(const void* src, size_t src_step, int src_width, int src_height, void* dst,
+                            size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
+                            Interpolation method);
 // Warps a plane of 1 to 4 channels of bytes or floats by `matrix` (2x3 row-major, source to
 // destination); destination pixels that map outside the source become 0.
 // Returns false, writing nothing, when the matrix is singular.
