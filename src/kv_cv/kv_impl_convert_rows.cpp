@@ -181,6 +181,11 @@ void yuv420SemiToBgrRow(const RowData* const* rows, RowData& dst, int width,
     yuvToBgrRow(rows, dst, width, conv);
 }
 
+void yuv444PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width,
+                          const Impl::ImplFormatConverter& conv) {
+    yuvToBgrRow(rows, dst, width, conv);
+}
+
 void yuvHalfToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
     yuvToBgrSpan<false>(y, 1, u, 1, v, 1, 2, dst, 0, width);
 }
@@ -630,7 +635,8 @@ int yuvToRgbBulk(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* 
     const __m256i km100 = _mm256_set1_epi16(-100);
     const __m256i k49 = _mm256_set1_epi16(49);
     const __m256i k152 = _mm256_set1_epi16(152);
-    const bool u_first = u < v;  // pair order (kPairs only)
+    // Pair order (kPairs only: u and v are one byte apart in the same row).
+    const bool u_first = reinterpret_cast<uintptr_t>(u) < reinterpret_cast<uintptr_t>(v);
     const uint8_t* pairs = u_first ? u : v;
     int x = 0;
     for (; x + 32 <= width; x += 32) {
@@ -690,13 +696,13 @@ void yuvToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* 
     yuvToBgrSpan<kRgb>(y, 1, u, chromaStep(kChroma), v, chromaStep(kChroma), chromaSub(kChroma), d, x, width);
 }
 
-template <bool kSemi>
-void yuv420ToBgr(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+// Planar or semi-planar YUV (any vertical subsampling: one row at a time).
+template <Chroma kChroma>
+void yuvToBgr(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
     const YuvFormatInfo& si = conv.srcInfo();
     const RowData& s = *rows[0];
-    yuvToRgbRow<kSemi ? Chroma::kPairs : Chroma::kHalf, false>(s.plane[si.yPlane] + si.yOffset,
-                                                               s.plane[si.uPlane] + si.uOffset,
-                                                               s.plane[si.vPlane] + si.vOffset, dst.plane[0], width);
+    yuvToRgbRow<kChroma, false>(s.plane[si.yPlane] + si.yOffset, s.plane[si.uPlane] + si.uOffset,
+                                s.plane[si.vPlane] + si.vOffset, dst.plane[0], width);
 }
 
 }  // namespace
@@ -727,12 +733,17 @@ void bgrToYuv420SemiRow(const RowData* const* rows, RowData& dst, int width,
 
 void yuv420PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width,
                           const Impl::ImplFormatConverter& conv) {
-    yuv420ToBgr<false>(rows, dst, width, conv);
+    yuvToBgr<Chroma::kHalf>(rows, dst, width, conv);
 }
 
 void yuv420SemiToBgrRow(const RowData* const* rows, RowData& dst, int width,
                         const Impl::ImplFormatConverter& conv) {
-    yuv420ToBgr<true>(rows, dst, width, conv);
+    yuvToBgr<Chroma::kPairs>(rows, dst, width, conv);
+}
+
+void yuv444PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width,
+                          const Impl::ImplFormatConverter& conv) {
+    yuvToBgr<Chroma::kFull>(rows, dst, width, conv);
 }
 
 void yuvHalfToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {

@@ -28,6 +28,7 @@ namespace impl {
     KV_CONVERT_ROW_KERNEL(bgrToYuv420SemiRow);    \
     KV_CONVERT_ROW_KERNEL(yuv420PlanarToBgrRow);  \
     KV_CONVERT_ROW_KERNEL(yuv420SemiToBgrRow);    \
+    KV_CONVERT_ROW_KERNEL(yuv444PlanarToBgrRow);  \
     KV_CONVERT_ROW_KERNEL(bytesToFloatRow);       \
     KV_CONVERT_ROW_KERNEL(bytesToPlanarFloatRow); \
     KV_CONVERT_ROW_KERNEL(floatToBytesRow);       \
