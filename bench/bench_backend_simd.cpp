@@ -59,6 +59,7 @@ struct Registrar {
         static Frame gray = randomFrame(FRAME_GRAY_8, kFull, 2);
         static Frame i420 = randomFrame(FRAME_I420, kFull, 3);
         static Frame nv12 = randomFrame(FRAME_NV12, kFull, 4);
+        static Frame yuv444 = randomFrame(FRAME_YUV444_PLANAR, kFull, 7);
         static Frame fc3 = randomFrame(FRAME_FLOAT_32_C3, kFull, 5);
         static Frame bgr_small = randomFrame(FRAME_BGR_8, Size(640, 360), 6);
         static CvBackendSimd simd;
@@ -101,6 +102,21 @@ struct Registrar {
         add("ColorCvt/NV12_to_BGR_1920x1080/libyuv", [] {
             libyuv::NV12ToRGB24(nv12.planeCpuData(0), pitch(nv12, 0), nv12.planeCpuData(1), pitch(nv12, 1),
                                 out_bgr.planeCpuData(0), pitch(out_bgr, 0), 1920, 1080);
+        });
+        add("ColorCvt/I420_to_RGB_1920x1080/kv_simd", [] {
+            static Frame rgb(FRAME_RGB_8, kFull);
+            simd.colorCvt(i420, rgb, Rect());
+        });
+        add("ColorCvt/I420_to_RGB_1920x1080/libyuv", [] {
+            libyuv::I420ToRAW(i420.planeCpuData(0), pitch(i420, 0), i420.planeCpuData(1), pitch(i420, 1),
+                              i420.planeCpuData(2), pitch(i420, 2), out_bgr.planeCpuData(0), pitch(out_bgr, 0), 1920,
+                              1080);
+        });
+        add("ColorCvt/YUV444_PLANAR_to_BGR_1920x1080/kv_simd", [] { simd.colorCvt(yuv444, out_bgr, Rect()); });
+        add("ColorCvt/YUV444_PLANAR_to_BGR_1920x1080/libyuv", [] {
+            libyuv::I444ToRGB24(yuv444.planeCpuData(0), pitch(yuv444, 0), yuv444.planeCpuData(1), pitch(yuv444, 1),
+                                yuv444.planeCpuData(2), pitch(yuv444, 2), out_bgr.planeCpuData(0), pitch(out_bgr, 0),
+                                1920, 1080);
         });
         add("ColorCvt/BGR_to_RGB_1920x1080/kv_simd", [] {
             static Frame rgb(FRAME_RGB_8, kFull);

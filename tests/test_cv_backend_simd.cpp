@@ -15,6 +15,7 @@
 #include "kv_cv/kv_cv_backend_simd.h"
 #include "kv_cv/kv_cv_helpers.h"
 #include "kv_cv/kv_impl_cpu.h"
+#include "kv_cv/kv_impl_fast_adapter.h"
 #include "kv_cv/kv_impl_fast_kernels.h"
 #include "test_util.h"
 
@@ -405,10 +406,16 @@ TEST(CvBackendSimdColor, KnownValues) {
     EXPECT_EQ(i420.rowCpuData(0, 1)[0], 235);
     EXPECT_EQ(i420.rowCpuData(1, 0)[0], 128);
     EXPECT_EQ(i420.rowCpuData(2, 0)[0], 128);
+    // Back with the module's own integer formulas: Y 235 gives 219 * 297 / 256
+    // = 254.1, truncated to 254; Y 236 gives 255.
     Frame back(FRAME_BGR_8, Size(2, 2));
     backend.colorCvt(i420, back, Rect());
     EXPECT_EQ(back.rowCpuData(0, 0)[0], 0);
+    EXPECT_EQ(back.rowCpuData(0, 1)[0], 254);
+    i420.rowCpuData(0, 1)[0] = 236;
+    backend.colorCvt(i420, back, Rect());
     EXPECT_EQ(back.rowCpuData(0, 1)[0], 255);
+    EXPECT_EQ(back.rowCpuData(0, 1)[3], 254);
 
     // Gray of white is 255 and of pure red 76 (0.299 * 255 = 76.2).
     Frame gray(FRAME_GRAY_8, Size(2, 2));
@@ -419,7 +426,7 @@ TEST(CvBackendSimdColor, KnownValues) {
 
     // 255 becomes 255.0; 300.0 becomes 255, -3 becomes 0, halves go to even.
     Frame f(FRAME_FLOAT_32_C3, Size(2, 1));
-    backend.colorCvt(back, f, Rect(0, 1, 2, 1));
+    backend.colorCvt(bgr, f, Rect(0, 1, 2, 1));
     EXPECT_EQ(reinterpret_cast<const float*>(f.rowCpuData(0, 0))[0], 255.f);
     const float values[6] = {300.f, -3.f, 2.5f, 3.5f, 254.5f, std::nanf("")};
     std::memcpy(f.rowCpuData(0, 0), values, sizeof(values));
@@ -944,6 +951,137 @@ TEST_F(FastKernelTest, Rotate3MatchesReference) {
                 for (int y = 0; y < dh; ++y)
                     for (size_t i = size_t(dw) * 3; i < ds; ++i) ASSERT_EQ(b[size_t(y) * ds + i], 0xcd);
             }
+}
+
+TEST_F(FastKernelTest, YuvToRgbRowsMatchReference) {
+    // Each layout with exact-size rows (so the sanitizer sees any read past
+    // them) and both channel orders; chroma pairs in both byte orders.
+    struct Kernel {
+        const char* name;
+        impl::YuvToRgbRowFn impl::FastKernels::*fn;
+        int layout;  // 0 half planes, 1 pairs, 2 full planes
+    };
+    const Kernel kernels[] = {
+        {"half bgr", &impl::FastKernels::yuvHalfToBgrRow, 0},   {"half rgb", &impl::FastKernels::yuvHalfToRgbRow, 0},
+        {"pairs bgr", &impl::FastKernels::yuvPairsToBgrRow, 1}, {"pairs rgb", &impl::FastKernels::yuvPairsToRgbRow, 1},
+        {"full bgr", &impl::FastKernels::yuvFullToBgrRow, 2},   {"full rgb", &impl::FastKernels::yuvFullToRgbRow, 2},
+    };
+    for (const Kernel& k : kernels)
+        for (int w : kernelWidths())
+            for (bool swapped : {false, true}) {
+                if (swapped && k.layout != 1) continue;
+                std::mt19937 rng(uint32_t(w * 7 + k.layout));
+                const size_t half = size_t(w + 1) / 2;
+                const size_t chroma = k.layout == 2 ? size_t(w) : half;
+                std::vector<uint8_t> y(static_cast<size_t>(w)), u(chroma), v(chroma), pairs(2 * half);
+                for (auto* plane : {&y, &u, &v, &pairs})
+                    for (auto& b : *plane) b = uint8_t(rng());
+                const uint8_t* pu = k.layout == 1 ? pairs.data() + (swapped ? 1 : 0) : u.data();
+                const uint8_t* pv = k.layout == 1 ? pairs.data() + (swapped ? 0 : 1) : v.data();
+                const size_t bytes = size_t(w) * 3;
+                std::vector<uint8_t> a(bytes + 40, 0xcd), b(bytes + 40, 0xcd);
+                (ref.*k.fn)(y.data(), pu, pv, a.data(), w);
+                (avx.*k.fn)(y.data(), pu, pv, b.data(), w);
+                ASSERT_EQ(a, b) << k.name << " width " << w << (swapped ? " v first" : "");
+                for (size_t i = bytes; i < b.size(); ++i) ASSERT_EQ(b[i], 0xcd) << k.name << " width " << w;
+            }
+    // The extremes of every input, where the 16-bit split of the vector code is tightest.
+    std::vector<uint8_t> y(64), u(64), v(64);
+    for (int combo = 0; combo < 27; ++combo) {
+        const uint8_t levels[3] = {0, 128, 255};
+        for (int i = 0; i < 64; ++i) {
+            y[size_t(i)] = i % 2 ? levels[combo % 3] : uint8_t(i * 4);
+            u[size_t(i)] = levels[(combo / 3) % 3];
+            v[size_t(i)] = levels[combo / 9];
+        }
+        std::vector<uint8_t> a(192), b(192);
+        ref.yuvFullToRgbRow(y.data(), u.data(), v.data(), a.data(), 64);
+        avx.yuvFullToRgbRow(y.data(), u.data(), v.data(), b.data(), 64);
+        ASSERT_EQ(a, b) << combo;
+    }
+}
+
+namespace {
+
+const int kBoxFactors[][2] = {{1, 1}, {2, 2}, {3, 3}, {4, 4}, {2, 3}, {5, 1}, {1, 4}, {4, 2}, {7, 7}, {17, 16}};
+
+}  // namespace
+
+TEST_F(FastKernelTest, AreaBoxMatchesReference) {
+    // Every channel count and a spread of factors (17 x 16 exceeds the vector
+    // kernel's 16-bit sums and takes the reference path inside it); sources
+    // of exact size with a padded pitch, destinations with sentinels.
+    for (int channels = 1; channels <= 4; ++channels)
+        for (const auto& f : kBoxFactors)
+            for (int w = 1; w <= 67; w += (f[0] > 4 ? 5 : 1))
+                for (int h : {1, 2, 3}) {
+                    const int fx = f[0], fy = f[1];
+                    const size_t src_step = size_t(w * fx * channels) + 3, dst_step = size_t(w * channels) + 5;
+                    std::vector<uint8_t> src(src_step * size_t(h * fy - 1) + size_t(w * fx * channels));
+                    std::mt19937 rng(uint32_t(w * 131 + fx * 7 + fy + channels * 1000));
+                    for (auto& b : src) b = uint8_t(rng());
+                    std::vector<uint8_t> a(dst_step * size_t(h), 0xcd), b(dst_step * size_t(h), 0xcd);
+                    ref.areaBox(src.data(), src_step, a.data(), dst_step, w, h, channels, fx, fy);
+                    avx.areaBox(src.data(), src_step, b.data(), dst_step, w, h, channels, fx, fy);
+                    ASSERT_EQ(a, b) << channels << " channels " << fx << "x" << fy << " width " << w << " height "
+                                    << h;
+                    for (int y = 0; y < h; ++y)
+                        for (size_t i = size_t(w * channels); i < dst_step; ++i)
+                            ASSERT_EQ(b[size_t(y) * dst_step + i], 0xcd);
+                }
+}
+
+TEST(FastKernelReference, AreaBoxRoundsAsOpenCv) {
+    // The adapter's integer-factor area path against OpenCV's INTER_AREA on
+    // the same planes: bit for bit, for every channel count and factor,
+    // including 1920 wide rows (several strips).
+    for (int channels = 1; channels <= 4; ++channels)
+        for (const auto& f : kBoxFactors)
+            for (int w : {1, 7, 64, 129, 1920 / f[0]}) {
+                const int fx = f[0], fy = f[1], h = 5;
+                const int sw = w * fx, sh = h * fy;
+                const size_t src_step = size_t(sw * channels) + 1, dst_step = size_t(w * channels);
+                std::vector<uint8_t> src(src_step * size_t(sh));
+                std::mt19937 rng(uint32_t(w + fx * 10 + fy * 100 + channels));
+                for (auto& b : src) b = uint8_t(rng());
+                // Ties of the float path (sum a multiple of half the area) are frequent in flat areas.
+                for (size_t i = 0; i < src.size() / 2; ++i) src[i] = uint8_t(i % 7 == 0 ? 1 : 0);
+                std::vector<uint8_t> a(dst_step * size_t(h)), b(dst_step * size_t(h));
+                impl::fast::resizePlane(src.data(), src_step, sw, sh, a.data(), dst_step, w, h, channels, false,
+                                        impl::fast::Interpolation::kArea);
+                impl::fast::resizePlaneWithLibrary(src.data(), src_step, sw, sh, b.data(), dst_step, w, h, channels,
+                                                   false, impl::fast::Interpolation::kArea);
+                ASSERT_EQ(a, b) << channels << " channels " << fx << "x" << fy << " width " << w;
+            }
+    // Known roundings: 2 x 2 rounds half up; 4 x 4 rounds the mean half to even.
+    const impl::FastKernels& ref = impl::fastKernels(impl::Isa::kScalar);
+    const uint8_t two[4] = {0, 1, 1, 0};  // mean 0.5
+    uint8_t out = 0;
+    ref.areaBox(two, 2, &out, 1, 1, 1, 1, 2, 2);
+    EXPECT_EQ(out, 1);
+    uint8_t four[16] = {};
+    four[0] = 8;  // mean 0.5 -> 0
+    ref.areaBox(four, 4, &out, 1, 1, 1, 1, 4, 4);
+    EXPECT_EQ(out, 0);
+    four[0] = 24;  // mean 1.5 -> 2
+    ref.areaBox(four, 4, &out, 1, 1, 1, 1, 4, 4);
+    EXPECT_EQ(out, 2);
+}
+
+TEST(FastKernelReference, YuvToRgbKnownValues) {
+    // Y 16 and 235 / 236 with neutral chroma give black, 254 and 255; the RGB
+    // kernels write the same triple in the other order.
+    const impl::FastKernels& ref = impl::fastKernels(impl::Isa::kScalar);
+    const uint8_t y[4] = {16, 235, 236, 81}, u[4] = {128, 128, 128, 90}, v[4] = {128, 128, 128, 240};
+    uint8_t bgr[12], rgb[12];
+    ref.yuvFullToBgrRow(y, u, v, bgr, 4);
+    ref.yuvFullToRgbRow(y, u, v, rgb, 4);
+    // Last pixel: C = 65 * 297 = 19305; B = (-38 * 516 + C) / 256 = -1.2 -> 0;
+    // G = (C - 9000 - 49680 + 39296) / 256 = -0.3 -> 0; R = (112 * 408 + C) / 256 = 253.9 -> 253.
+    const uint8_t expected[12] = {0, 0, 0, 254, 254, 254, 255, 255, 255, 0, 0, 253};
+    EXPECT_EQ(0, std::memcmp(bgr, expected, 12));
+    for (int i = 0; i < 4; ++i)
+        for (int c = 0; c < 3; ++c) EXPECT_EQ(rgb[3 * i + c], bgr[3 * i + 2 - c]) << i;
 }
 
 TEST(FastKernelReference, HalfFloatKnownValues) {

@@ -293,10 +293,9 @@ void CvBackendSimd::colorCvt(const Frame& src, Frame& dst, Rect src_roi) {
                 return;
             }
             if (isRgb8(df)) {
-                _temp2.reuse(FRAME_YV16, Size(w, h), cpu, 0);
-                fast::splitPairs(data(s, 1), step(s, 1), data(_temp2, 2), step(_temp2, 2), data(_temp2, 1),
-                                 step(_temp2, 1), w / 2, h);
-                yuvToRgb(fast::i422ToRgb, s, _temp2, 2, 1, dst);
+                // One pass over the pairs, as for NV12.
+                fast::nv16ToRgb(df == FRAME_RGB_8 ? fast::RgbOrder::kRgb : fast::RgbOrder::kBgr, data(s, 0),
+                                step(s, 0), data(s, 1), step(s, 1), data(dst, 0), step(dst, 0), w, h);
                 return;
             }
             if (df == FRAME_YV16) {

@@ -76,18 +76,25 @@ void bgrToChroma420Span(const uint8_t* s0, const uint8_t* s1, uint8_t* u, int u_
     }
 }
 
-// YUV to BGR from column x on; y, u, v point at the samples of column 0.
+// YUV to BGR (or RGB) from column x on; y, u, v point at the samples of column 0.
+template <bool kRgb = false>
 void yuvToBgrSpan(const uint8_t* y, int y_step, const uint8_t* u, int u_step, const uint8_t* v, int v_step,
                   int x_sub, uint8_t* d, int x, int width) {
     for (; x < width; ++x) {
         const int c = (int(y[x * y_step]) - 16) * 297;
         const int uu = u[(x / x_sub) * u_step];
         const int vv = v[(x / x_sub) * v_step];
-        d[3 * x] = clamp255(((uu - 128) * 516 + c) / 256);
+        d[3 * x + (kRgb ? 2 : 0)] = clamp255(((uu - 128) * 516 + c) / 256);
         d[3 * x + 1] = clamp255((c - 100 * uu - 207 * vv + 39296) / 256);
-        d[3 * x + 2] = clamp255(((vv - 128) * 408 + c) / 256);
+        d[3 * x + (kRgb ? 0 : 2)] = clamp255(((vv - 128) * 408 + c) / 256);
     }
 }
+
+// Chroma layouts of the plain-pointer YUV kernels: samples per chroma step
+// (x_sub) and bytes per chroma step.
+enum class Chroma { kHalf, kPairs, kFull };
+constexpr int chromaSub(Chroma c) { return c == Chroma::kFull ? 1 : 2; }
+constexpr int chromaStep(Chroma c) { return c == Chroma::kPairs ? 2 : 1; }
 
 void bytesToFloatSpan(const uint8_t* s, uint8_t* d, int i, int n) {
     for (; i < n; ++i) storeFloat(d + 4 * i, float(s[i]));
@@ -172,6 +179,30 @@ void yuv420PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width,
 void yuv420SemiToBgrRow(const RowData* const* rows, RowData& dst, int width,
                         const Impl::ImplFormatConverter& conv) {
     yuvToBgrRow(rows, dst, width, conv);
+}
+
+void yuv444PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width,
+                          const Impl::ImplFormatConverter& conv) {
+    yuvToBgrRow(rows, dst, width, conv);
+}
+
+void yuvHalfToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
+    yuvToBgrSpan<false>(y, 1, u, 1, v, 1, 2, dst, 0, width);
+}
+void yuvHalfToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
+    yuvToBgrSpan<true>(y, 1, u, 1, v, 1, 2, dst, 0, width);
+}
+void yuvPairsToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
+    yuvToBgrSpan<false>(y, 1, u, 2, v, 2, 2, dst, 0, width);
+}
+void yuvPairsToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
+    yuvToBgrSpan<true>(y, 1, u, 2, v, 2, 2, dst, 0, width);
+}
+void yuvFullToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
+    yuvToBgrSpan<false>(y, 1, u, 1, v, 1, 1, dst, 0, width);
+}
+void yuvFullToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
+    yuvToBgrSpan<true>(y, 1, u, 1, v, 1, 1, dst, 0, width);
 }
 
 void bytesToFloatRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
@@ -586,16 +617,17 @@ void bgrToYuv420(const RowData* const* rows, RowData& dst, int width, const Impl
     bgrToChroma420Span(s0, s1, u, di.uStep, v, di.vStep, x, width);
 }
 
-// 4:2:0 to BGR, 32 pixels a step, in 16-bit arithmetic on even and odd pixels
-// separately (each pair shares one chroma sample, so no duplication is needed).
+// YUV to BGR or RGB, 32 pixels a step, in 16-bit arithmetic on even and odd
+// pixels separately (with half-width chroma each pair shares one sample, so
+// no duplication is needed; full-width chroma splits like the luma).
 // With a = Y - 16, b = U - 128, c = V - 128 the reference numerators split as
 //   297a + 516b        = 256 (a + 2b) + (41a + 4b)
 //   297a - 100b - 207c = 256 (a - c)  + (41a - 100b + 49c)
 //   297a + 408c        = 256 (a + c)  + (41a + 152c)
 // whose remainders stay within int16; flooring equals the reference's
 // truncation wherever the clamp does not turn both into 0.
-template <bool kSemi>
-int yuv420ToBgrBulk(const uint8_t* y, const uint8_t* u, const uint8_t* v, bool u_first, uint8_t* d, int width) {
+template <Chroma kChroma, bool kRgb>
+int yuvToRgbBulk(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* d, int width) {
     const __m256i low_bytes = _mm256_set1_epi16(0x00FF);
     const __m256i k16 = _mm256_set1_epi16(16);
     const __m256i k128 = _mm256_set1_epi16(128);
@@ -603,29 +635,39 @@ int yuv420ToBgrBulk(const uint8_t* y, const uint8_t* u, const uint8_t* v, bool u
     const __m256i km100 = _mm256_set1_epi16(-100);
     const __m256i k49 = _mm256_set1_epi16(49);
     const __m256i k152 = _mm256_set1_epi16(152);
+    // Pair order (kPairs only: u and v are one byte apart in the same row).
+    const bool u_first = reinterpret_cast<uintptr_t>(u) < reinterpret_cast<uintptr_t>(v);
+    const uint8_t* pairs = u_first ? u : v;
     int x = 0;
     for (; x + 32 <= width; x += 32) {
         const __m256i yy = loadu(y + x);
-        __m256i uu, vv;
-        if (kSemi) {
-            const __m256i pairs = loadu(u + x);
-            const __m256i first = _mm256_and_si256(pairs, low_bytes);
-            const __m256i second = _mm256_srli_epi16(pairs, 8);
-            uu = u_first ? first : second;
-            vv = u_first ? second : first;
+        // Chroma words of the even (0) and odd (1) pixels.
+        __m256i uu[2], vv[2];
+        if (kChroma == Chroma::kPairs) {
+            const __m256i p = loadu(pairs + x);
+            const __m256i first = _mm256_and_si256(p, low_bytes);
+            const __m256i second = _mm256_srli_epi16(p, 8);
+            uu[0] = uu[1] = u_first ? first : second;
+            vv[0] = vv[1] = u_first ? second : first;
+        } else if (kChroma == Chroma::kHalf) {
+            uu[0] = uu[1] = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(u + x / 2)));
+            vv[0] = vv[1] = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(v + x / 2)));
         } else {
-            uu = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(u + x / 2)));
-            vv = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(v + x / 2)));
+            const __m256i pu = loadu(u + x), pv = loadu(v + x);
+            uu[0] = _mm256_and_si256(pu, low_bytes);
+            uu[1] = _mm256_srli_epi16(pu, 8);
+            vv[0] = _mm256_and_si256(pv, low_bytes);
+            vv[1] = _mm256_srli_epi16(pv, 8);
         }
-        const __m256i b = _mm256_sub_epi16(uu, k128);
-        const __m256i c = _mm256_sub_epi16(vv, k128);
-        const __m256i int_b = _mm256_slli_epi16(b, 1);
-        const __m256i frac_b = _mm256_slli_epi16(b, 2);
-        const __m256i int_g = _mm256_sub_epi16(_mm256_setzero_si256(), c);
-        const __m256i frac_g = _mm256_add_epi16(_mm256_mullo_epi16(b, km100), _mm256_mullo_epi16(c, k49));
-        const __m256i frac_r = _mm256_mullo_epi16(c, k152);
         __m256i out_b[2], out_g[2], out_r[2];
         for (int parity = 0; parity < 2; ++parity) {
+            const __m256i b = _mm256_sub_epi16(uu[parity], k128);
+            const __m256i c = _mm256_sub_epi16(vv[parity], k128);
+            const __m256i int_b = _mm256_slli_epi16(b, 1);
+            const __m256i frac_b = _mm256_slli_epi16(b, 2);
+            const __m256i int_g = _mm256_sub_epi16(_mm256_setzero_si256(), c);
+            const __m256i frac_g = _mm256_add_epi16(_mm256_mullo_epi16(b, km100), _mm256_mullo_epi16(c, k49));
+            const __m256i frac_r = _mm256_mullo_epi16(c, k152);
             const __m256i yw = parity ? _mm256_srli_epi16(yy, 8) : _mm256_and_si256(yy, low_bytes);
             const __m256i a = _mm256_sub_epi16(yw, k16);
             const __m256i a41 = _mm256_mullo_epi16(a, k41);
@@ -637,8 +679,10 @@ int yuv420ToBgrBulk(const uint8_t* y, const uint8_t* u, const uint8_t* v, bool u
                                              _mm256_srai_epi16(_mm256_add_epi16(a41, frac_r), 8));
         }
         // packus clamps to 0..255; each lane then holds even pixels, odd pixels.
-        const __m256i planes[3] = {_mm256_packus_epi16(out_b[0], out_b[1]), _mm256_packus_epi16(out_g[0], out_g[1]),
-                                   _mm256_packus_epi16(out_r[0], out_r[1])};
+        const __m256i pb = _mm256_packus_epi16(out_b[0], out_b[1]);
+        const __m256i pg = _mm256_packus_epi16(out_g[0], out_g[1]);
+        const __m256i pr = _mm256_packus_epi16(out_r[0], out_r[1]);
+        const __m256i planes[3] = {kRgb ? pr : pb, pg, kRgb ? pb : pr};
         __m256i out[3];
         shuffle48(kInterleaveEvenOdd, planes, out);
         store3(d + 3 * x, out);
@@ -646,16 +690,19 @@ int yuv420ToBgrBulk(const uint8_t* y, const uint8_t* u, const uint8_t* v, bool u
     return x;
 }
 
-template <bool kSemi>
-void yuv420ToBgr(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+template <Chroma kChroma, bool kRgb>
+void yuvToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* d, int width) {
+    const int x = yuvToRgbBulk<kChroma, kRgb>(y, u, v, d, width);
+    yuvToBgrSpan<kRgb>(y, 1, u, chromaStep(kChroma), v, chromaStep(kChroma), chromaSub(kChroma), d, x, width);
+}
+
+// Planar or semi-planar YUV (any vertical subsampling: one row at a time).
+template <Chroma kChroma>
+void yuvToBgr(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
     const YuvFormatInfo& si = conv.srcInfo();
     const RowData& s = *rows[0];
-    const uint8_t* y = s.plane[si.yPlane] + si.yOffset;
-    const uint8_t* u = s.plane[si.uPlane] + si.uOffset;
-    const uint8_t* v = s.plane[si.vPlane] + si.vOffset;
-    const bool u_first = si.uOffset < si.vOffset;
-    const int x = yuv420ToBgrBulk<kSemi>(y, kSemi ? (u_first ? u : v) : u, v, u_first, dst.plane[0], width);
-    yuvToBgrSpan(y, 1, u, si.uStep, v, si.vStep, 2, dst.plane[0], x, width);
+    yuvToRgbRow<kChroma, false>(s.plane[si.yPlane] + si.yOffset, s.plane[si.uPlane] + si.uOffset,
+                                s.plane[si.vPlane] + si.vOffset, dst.plane[0], width);
 }
 
 }  // namespace
@@ -686,12 +733,36 @@ void bgrToYuv420SemiRow(const RowData* const* rows, RowData& dst, int width,
 
 void yuv420PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width,
                           const Impl::ImplFormatConverter& conv) {
-    yuv420ToBgr<false>(rows, dst, width, conv);
+    yuvToBgr<Chroma::kHalf>(rows, dst, width, conv);
 }
 
 void yuv420SemiToBgrRow(const RowData* const* rows, RowData& dst, int width,
                         const Impl::ImplFormatConverter& conv) {
-    yuv420ToBgr<true>(rows, dst, width, conv);
+    yuvToBgr<Chroma::kPairs>(rows, dst, width, conv);
+}
+
+void yuv444PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width,
+                          const Impl::ImplFormatConverter& conv) {
+    yuvToBgr<Chroma::kFull>(rows, dst, width, conv);
+}
+
+void yuvHalfToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
+    yuvToRgbRow<Chroma::kHalf, false>(y, u, v, dst, width);
+}
+void yuvHalfToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
+    yuvToRgbRow<Chroma::kHalf, true>(y, u, v, dst, width);
+}
+void yuvPairsToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
+    yuvToRgbRow<Chroma::kPairs, false>(y, u, v, dst, width);
+}
+void yuvPairsToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
+    yuvToRgbRow<Chroma::kPairs, true>(y, u, v, dst, width);
+}
+void yuvFullToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
+    yuvToRgbRow<Chroma::kFull, false>(y, u, v, dst, width);
+}
+void yuvFullToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
+    yuvToRgbRow<Chroma::kFull, true>(y, u, v, dst, width);
 }
 
 void bytesToFloatRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {

@@ -28,6 +28,7 @@ namespace impl {
     KV_CONVERT_ROW_KERNEL(bgrToYuv420SemiRow);    \
     KV_CONVERT_ROW_KERNEL(yuv420PlanarToBgrRow);  \
     KV_CONVERT_ROW_KERNEL(yuv420SemiToBgrRow);    \
+    KV_CONVERT_ROW_KERNEL(yuv444PlanarToBgrRow);  \
     KV_CONVERT_ROW_KERNEL(bytesToFloatRow);       \
     KV_CONVERT_ROW_KERNEL(bytesToPlanarFloatRow); \
     KV_CONVERT_ROW_KERNEL(floatToBytesRow);       \
@@ -35,8 +36,27 @@ namespace impl {
     KV_CONVERT_ROW_KERNEL(interleave3Row);        \
     KV_CONVERT_ROW_KERNEL(deinterleave3Row)
 
+// The YUV to 3-byte pixel conversion above on plain row pointers, shared by
+// the converter and the fast backend so that both give the same bytes. `y`
+// holds `width` samples; `u` and `v` point at the chroma of column 0:
+//   Half:  separate chroma rows at half width (4:2:0 and 4:2:2 planar);
+//   Pairs: one row of chroma pairs at half width, `u` and `v` one byte apart
+//          in either order (NV12: v = u + 1; NV21: u = v + 1);
+//   Full:  separate chroma rows at full width (4:4:4 planar).
+// Bgr writes B, G, R; Rgb writes R, G, B.
+using YuvToRgbRowFn = void (*)(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width);
+
+#define KV_YUV_TO_RGB_ROW_KERNELS                                                               \
+    void yuvHalfToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width);  \
+    void yuvHalfToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width);  \
+    void yuvPairsToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width); \
+    void yuvPairsToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width); \
+    void yuvFullToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width);  \
+    void yuvFullToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width)
+
 namespace ref {
 KV_CONVERT_VECTOR_KERNELS;
+KV_YUV_TO_RGB_ROW_KERNELS;
 // Scalar only: gray to BGR and to YUV, BGR to 4:2:2 and 4:4:4, YUV
 // addressed through YuvFormatInfo to gray, BGR and YUV.
 KV_CONVERT_ROW_KERNEL(grayToBgrRow);
@@ -50,6 +70,7 @@ KV_CONVERT_ROW_KERNEL(yuvToYuvRow);
 
 namespace avx2 {
 KV_CONVERT_VECTOR_KERNELS;
+KV_YUV_TO_RGB_ROW_KERNELS;
 }  // namespace avx2
 
 }  // namespace impl

@@ -1,11 +1,13 @@
 // The fast backend's facilities on libyuv, OpenCV and our own row kernels.
 // Which serves what was chosen by measurement at 1920x1080 on one thread:
-// libyuv for YUV (it averages 2x2 chroma blocks; OpenCV's BGR to I420 takes
-// one pixel per block), channel swaps, plane splits and merges and 1-byte
-// rotation; OpenCV for bilinear and area resizing and affine warps; plain
-// loops for nearest resizing; our kernels
-// (kv_impl_fast_kernels) for gray, byte/float, half/float and 3-byte rotation,
-// where they beat both libraries.
+// libyuv for BGR to YUV (it averages 2x2 chroma blocks; OpenCV's BGR to I420
+// takes one pixel per block), channel swaps, plane splits and merges and
+// 1-byte rotation; OpenCV for bilinear and area resizing and affine warps;
+// plain loops for nearest resizing; our kernels (kv_impl_fast_kernels) for
+// gray, byte/float, half/float, 3-byte rotation and integer-factor area
+// reduction, where they beat both libraries, and for YUV to BGR / RGB, where they match libyuv's speed and
+// give the generic backend's exact bytes (libyuv's 6-bit coefficients differ
+// from them by up to 4).
 #include "kv_cv/kv_impl_fast_adapter.h"
 
 #include <libyuv.h>
@@ -89,37 +91,69 @@ void bgrToI422(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, u
     bgrThroughArgb(libyuv::ARGBToI422, 1, bgr, bgr_step, y, y_step, u, u_step, v, v_step, width, height);
 }
 
-// libyuv's "RGB24" output is B, G, R in memory and "RAW" is R, G, B.
+// YUV to BGR / RGB through the format converter's row kernels: the same
+// integer formulas as the generic backend, so both backends agree exactly.
+// `chroma_rows_shift` is 1 for 4:2:0 (one chroma row per two luma rows).
+namespace {
+
+template <typename Fn>
+void yuvRows(Fn row, int chroma_rows_shift, const uint8_t* y, size_t y_step, const uint8_t* u, const uint8_t* v,
+             size_t c_step, uint8_t* dst, size_t dst_step, int width, int height) {
+    for (int r = 0; r < height; ++r) {
+        const size_t c = size_t(r >> chroma_rows_shift) * c_step;
+        row(y + size_t(r) * y_step, u + c, v + c, dst + size_t(r) * dst_step, width);
+    }
+}
+
+// Separate chroma planes may have different pitches.
+template <typename Fn>
+void yuvPlanarRows(Fn row, int chroma_rows_shift, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step,
+                   const uint8_t* v, size_t v_step, uint8_t* dst, size_t dst_step, int width, int height) {
+    if (u_step == v_step) {
+        yuvRows(row, chroma_rows_shift, y, y_step, u, v, u_step, dst, dst_step, width, height);
+        return;
+    }
+    for (int r = 0; r < height; ++r) {
+        const size_t c = size_t(r >> chroma_rows_shift);
+        row(y + size_t(r) * y_step, u + c * u_step, v + c * v_step, dst + size_t(r) * dst_step, width);
+    }
+}
+
+}  // namespace
+
 void i420ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
                size_t v_step, uint8_t* dst, size_t dst_step, int width, int height) {
-    if (order == RgbOrder::kBgr)
-        libyuv::I420ToRGB24(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
-    else
-        libyuv::I420ToRAW(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
+    const FastKernels& k = kernels();
+    yuvPlanarRows(order == RgbOrder::kBgr ? k.yuvHalfToBgrRow : k.yuvHalfToRgbRow, 1, y, y_step, u, u_step, v,
+                  v_step, dst, dst_step, width, height);
 }
 
 void nv12ToRgb(RgbOrder order, bool vu, const uint8_t* y, size_t y_step, const uint8_t* uv, size_t uv_step,
                uint8_t* dst, size_t dst_step, int width, int height) {
-    using Fn = int (*)(const uint8_t*, int, const uint8_t*, int, uint8_t*, int, int, int);
-    const Fn fn = order == RgbOrder::kBgr ? (vu ? libyuv::NV21ToRGB24 : libyuv::NV12ToRGB24)
-                                          : (vu ? libyuv::NV21ToRAW : libyuv::NV12ToRAW);
-    fn(y, pitch(y_step), uv, pitch(uv_step), dst, pitch(dst_step), width, height);
+    const FastKernels& k = kernels();
+    yuvRows(order == RgbOrder::kBgr ? k.yuvPairsToBgrRow : k.yuvPairsToRgbRow, 1, y, y_step, vu ? uv + 1 : uv,
+            vu ? uv : uv + 1, uv_step, dst, dst_step, width, height);
+}
+
+void nv16ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* uv, size_t uv_step, uint8_t* dst,
+               size_t dst_step, int width, int height) {
+    const FastKernels& k = kernels();
+    yuvRows(order == RgbOrder::kBgr ? k.yuvPairsToBgrRow : k.yuvPairsToRgbRow, 0, y, y_step, uv, uv + 1, uv_step,
+            dst, dst_step, width, height);
 }
 
 void i422ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
                size_t v_step, uint8_t* dst, size_t dst_step, int width, int height) {
-    if (order == RgbOrder::kBgr)
-        libyuv::I422ToRGB24(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
-    else
-        libyuv::I422ToRAW(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
+    const FastKernels& k = kernels();
+    yuvPlanarRows(order == RgbOrder::kBgr ? k.yuvHalfToBgrRow : k.yuvHalfToRgbRow, 0, y, y_step, u, u_step, v,
+                  v_step, dst, dst_step, width, height);
 }
 
 void i444ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
                size_t v_step, uint8_t* dst, size_t dst_step, int width, int height) {
-    if (order == RgbOrder::kBgr)
-        libyuv::I444ToRGB24(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
-    else
-        libyuv::I444ToRAW(y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), dst, pitch(dst_step), width, height);
+    const FastKernels& k = kernels();
+    yuvPlanarRows(order == RgbOrder::kBgr ? k.yuvFullToBgrRow : k.yuvFullToRgbRow, 0, y, y_step, u, u_step, v,
+                  v_step, dst, dst_step, width, height);
 }
 
 void swapRgb(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int width, int height) {
@@ -235,6 +269,18 @@ void resizeNearest(const uint8_t* src, size_t src_step, int src_width, int src_h
 
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method) {
+    if (method == Interpolation::kArea && !is_float && src_width % dst_width == 0 && src_height % dst_height == 0) {
+        kernels().areaBox(static_cast<const uint8_t*>(src), src_step, static_cast<uint8_t*>(dst), dst_step, dst_width,
+                          dst_height, channels, src_width / dst_width, src_height / dst_height);
+        return;
+    }
+    resizePlaneWithLibrary(src, src_step, src_width, src_height, dst, dst_step, dst_width, dst_height, channels,
+                           is_float, method);
+}
+
+void resizePlaneWithLibrary(const void* src, size_t src_step, int src_width, int src_height, void* dst,
+                            size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
+                            Interpolation method) {
     if (method == Interpolation::kNearest) {
         resizeNearest(static_cast<const uint8_t*>(src), src_step, src_width, src_height, static_cast<uint8_t*>(dst),
                       dst_step, dst_width, dst_height, size_t(channels) * (is_float ? 4 : 1));

@@ -36,15 +36,19 @@ void bgrToYuv444(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step,
 // Chroma planes of (width / 2) x height; width even.
 void bgrToI422(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step, uint8_t* v,
                size_t v_step, int width, int height);
-// Chroma planes of (width / 2) x (height / 2) (4:2:0), (width / 2) x height
-// (4:2:2) or full size (4:4:4); width and height even for 4:2:0, width even
-// for 4:2:2.
+// YUV to 3-byte pixels with the format converter's integer formulas (C =
+// 297 (Y - 16), ...; see kv_impl_convert_rows.h), bit-identical to the
+// generic backend. Chroma planes of ceil(width / 2) x ceil(height / 2)
+// (4:2:0), ceil(width / 2) x height (4:2:2) or full size (4:4:4).
 void i420ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
                size_t v_step, uint8_t* dst, size_t dst_step, int width, int height);
-// Semi-planar 4:2:0: chroma pairs U, V (or V, U with `vu`), (width / 2) x
-// (height / 2) pairs; the same arithmetic as i420ToRgb.
+// Semi-planar 4:2:0: chroma pairs U, V (or V, U with `vu`) at 4:2:0
+// resolution; the same arithmetic as i420ToRgb.
 void nv12ToRgb(RgbOrder order, bool vu, const uint8_t* y, size_t y_step, const uint8_t* uv, size_t uv_step,
                uint8_t* dst, size_t dst_step, int width, int height);
+// Semi-planar 4:2:2: chroma pairs U, V, one row of pairs per luma row.
+void nv16ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* uv, size_t uv_step, uint8_t* dst,
+               size_t dst_step, int width, int height);
 void i422ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
                size_t v_step, uint8_t* dst, size_t dst_step, int width, int height);
 void i444ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u, size_t u_step, const uint8_t* v,
@@ -88,6 +92,14 @@ void floatToHalf(const float* src, size_t count, uint16_t* dst);
 // module's own nearest scaler does; bilinear and area are centre-aligned.
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method);
+// Area reductions of byte planes by integer factors (source = destination
+// times fx by fy) run the module's own box kernel, which gives OpenCV's
+// INTER_AREA bytes; everything else goes to OpenCV.
+// resizePlaneWithLibrary is resizePlane without that kernel, so that tests
+// can hold the kernel against OpenCV itself.
+void resizePlaneWithLibrary(const void* src, size_t src_step, int src_width, int src_height, void* dst,
+                            size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
+                            Interpolation method);
 // Warps a plane of 1 to 4 channels of bytes or floats by `matrix` (2x3 row-major, source to
 // destination); destination pixels that map outside the source become 0.
 // Returns false, writing nothing, when the matrix is singular.

@@ -6,6 +6,7 @@
 
 #include <immintrin.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -107,6 +108,36 @@ static void rotate3Rect(const uint8_t* src, size_t src_step, int width, int heig
 
 void rotate3(const uint8_t* src, size_t src_step, int width, int height, int code, uint8_t* dst, size_t dst_step) {
     rotate3Rect(src, src_step, width, height, code, dst, dst_step, 0, width, 0, height);
+}
+
+// OpenCV's 2 x 2 path rounds half up in integers; its general path rounds
+// the float product (current rounding mode: nearest even).
+static bool areaHalfUp(int channels, int fx, int fy) { return fx == 2 && fy == 2 && channels != 2; }
+
+static uint8_t areaMean(uint32_t sum, bool half_up, float scale) {
+    return uint8_t(half_up ? (sum + 2) >> 2 : uint32_t(std::lrint(float(sum) * scale)));
+}
+
+// Output samples [j0, j1) of output row y (j counts pixel * channels + channel).
+static void areaBoxSpan(const uint8_t* src, size_t src_step, uint8_t* dst, int y, int j0, int j1, int channels,
+                        int fx, int fy) {
+    const bool half_up = areaHalfUp(channels, fx, fy);
+    const float scale = 1.f / float(fx * fy);
+    for (int j = j0; j < j1; ++j) {
+        const size_t first = size_t(j / channels) * size_t(fx * channels) + size_t(j % channels);
+        uint32_t sum = 0;
+        for (int r = 0; r < fy; ++r) {
+            const uint8_t* s = src + size_t(y * fy + r) * src_step + first;
+            for (int i = 0; i < fx; ++i) sum += s[size_t(i * channels)];
+        }
+        dst[j] = areaMean(sum, half_up, scale);
+    }
+}
+
+void areaBox(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width, int dst_height,
+             int channels, int fx, int fy) {
+    for (int y = 0; y < dst_height; ++y)
+        areaBoxSpan(src, src_step, dst + size_t(y) * dst_step, y, 0, dst_width * channels, channels, fx, fy);
 }
 
 }  // namespace ref
@@ -282,15 +313,115 @@ void rotate3(const uint8_t* src, size_t src_step, int width, int height, int cod
     ref::rotate3Rect(src, src_step, width, height, code, dst, dst_step, 0, w8, h8, height);
 }
 
+// Box reduction a strip of output pixels at a time: the fy source rows are
+// summed column by column into 16-bit sums, fx neighbouring sums of each
+// channel are added along the strip, and the sums at block starts are
+// gathered eight at a time, scaled and rounded. Blocks of more than 257
+// pixels (whose sums could pass 16 bits) or wider than an eighth of a strip
+// go to the reference.
+void areaBox(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width, int dst_height,
+             int channels, int fx, int fy) {
+    constexpr int kStrip = 2048;  // 16-bit column sums per strip
+    const int block = fx * channels;
+    if (fx * fy > 257 || block * 8 > kStrip) {
+        ref::areaBox(src, src_step, dst, dst_step, dst_width, dst_height, channels, fx, fy);
+        return;
+    }
+    // Column sums, then sums over fx pixels; spare entries so that the vector
+    // loops may run past the strip's end (by up to 15 + a block) into zeros.
+    alignas(32) uint16_t columns[kStrip + kStrip / 8 + 16];
+    alignas(32) uint16_t boxes[kStrip + 16];
+    std::memset(columns, 0, sizeof columns);
+    std::memset(boxes, 0, sizeof boxes);
+    const int strip_px = (kStrip / block) & ~7;
+    const bool half_up = ref::areaHalfUp(channels, fx, fy);
+    const __m256 scale = _mm256_set1_ps(1.f / float(fx * fy));
+    const __m256i two = _mm256_set1_epi32(2);
+    const __m256i low16 = _mm256_set1_epi32(0xFFFF);
+    // Gather offsets of eight consecutive output samples: the pattern repeats
+    // after `period` groups (3 for three channels, else 1).
+    const int period = channels == 3 ? 3 : 1;
+    __m256i offsets[3];
+    for (int g = 0; g < period; ++g) {
+        alignas(32) int32_t o[8];
+        for (int l = 0; l < 8; ++l) o[l] = ((8 * g + l) / channels) * block + (8 * g + l) % channels;
+        offsets[g] = _mm256_load_si256(reinterpret_cast<const __m256i*>(o));
+    }
+    const int period_advance = 8 * period / channels * block;  // source elements per period of groups
+    for (int y = 0; y < dst_height; ++y) {
+        const uint8_t* rows = src + size_t(y) * size_t(fy) * src_step;
+        uint8_t* d = dst + size_t(y) * dst_step;
+        for (int px0 = 0; px0 < dst_width; px0 += strip_px) {
+            const int px1 = std::min(dst_width, px0 + strip_px);
+            const int n = (px1 - px0) * block;  // source bytes of the strip per row
+            const uint8_t* s0 = rows + size_t(px0) * size_t(block);
+            int k = 0;
+            for (; k + 16 <= n; k += 16) {
+                __m256i acc = _mm256_setzero_si256();
+                for (int r = 0; r < fy; ++r)
+                    acc = _mm256_add_epi16(acc, _mm256_cvtepu8_epi16(_mm_loadu_si128(
+                                                    reinterpret_cast<const __m128i*>(s0 + size_t(r) * src_step + k))));
+                _mm256_store_si256(reinterpret_cast<__m256i*>(columns + k), acc);
+            }
+            for (; k < n; ++k) {
+                uint16_t acc = 0;
+                for (int r = 0; r < fy; ++r) acc = uint16_t(acc + s0[size_t(r) * src_step + size_t(k)]);
+                columns[k] = acc;
+            }
+            // Only the sums at block starts are used; the ones near the end
+            // of the strip read the spare zeros or stale sums and are dropped.
+            for (k = 0; k < n; k += 16) {
+                __m256i acc = _mm256_load_si256(reinterpret_cast<const __m256i*>(columns + k));
+                for (int i = 1; i < fx; ++i)
+                    acc = _mm256_add_epi16(
+                        acc, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(columns + k + i * channels)));
+                _mm256_store_si256(reinterpret_cast<__m256i*>(boxes + k), acc);
+            }
+            const int samples = (px1 - px0) * channels;
+            uint8_t* out = d + size_t(px0) * size_t(channels);
+            const int* base = reinterpret_cast<const int*>(boxes);
+            int j = 0, g = 0, origin = 0;
+            for (; j + 8 <= samples; j += 8) {
+                const __m256i idx = _mm256_add_epi32(offsets[g], _mm256_set1_epi32(origin));
+                // 32-bit loads at 16-bit positions; the upper half is the next sum.
+                const __m256i sums =
+                    _mm256_and_si256(_mm256_i32gather_epi32(base, idx, 2), low16);
+                __m256i q;
+                if (half_up)
+                    q = _mm256_srli_epi32(_mm256_add_epi32(sums, two), 2);
+                else
+                    q = _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_cvtepi32_ps(sums), scale));
+                const __m128i w = _mm_packus_epi32(_mm256_castsi256_si128(q), _mm256_extracti128_si256(q, 1));
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(out + j), _mm_packus_epi16(w, w));
+                if (++g == period) {
+                    g = 0;
+                    origin += period_advance;
+                }
+            }
+            for (; j < samples; ++j) {
+                const int at = (j / channels) * block + j % channels;
+                out[j] = ref::areaMean(boxes[at], half_up, 1.f / float(fx * fy));
+            }
+        }
+    }
+}
+
 }  // namespace avx2
 #pragma GCC pop_options
 
 namespace {
 
-constexpr FastKernels kRef{ref::bgrToGrayRow,   ref::grayToBgrRow,   ref::u8ToF32Row, ref::f32ToU8Row,
-                           ref::halfToFloatRow, ref::floatToHalfRow, ref::rotate3};
-constexpr FastKernels kAvx2{avx2::bgrToGrayRow,   avx2::grayToBgrRow,   avx2::u8ToF32Row, avx2::f32ToU8Row,
-                            avx2::halfToFloatRow, avx2::floatToHalfRow, avx2::rotate3};
+constexpr FastKernels kRef{ref::bgrToGrayRow,     ref::grayToBgrRow,     ref::u8ToF32Row,       ref::f32ToU8Row,
+                           ref::halfToFloatRow,   ref::floatToHalfRow,   ref::rotate3,          ref::areaBox,
+                           ref::yuvHalfToBgrRow,
+                           ref::yuvHalfToRgbRow,  ref::yuvPairsToBgrRow, ref::yuvPairsToRgbRow, ref::yuvFullToBgrRow,
+                           ref::yuvFullToRgbRow};
+constexpr FastKernels kAvx2{avx2::bgrToGrayRow,     avx2::grayToBgrRow,     avx2::u8ToF32Row,
+                            avx2::f32ToU8Row,       avx2::halfToFloatRow,   avx2::floatToHalfRow,
+                            avx2::rotate3,          avx2::areaBox,          avx2::yuvHalfToBgrRow,
+                            avx2::yuvHalfToRgbRow,
+                            avx2::yuvPairsToBgrRow, avx2::yuvPairsToRgbRow, avx2::yuvFullToBgrRow,
+                            avx2::yuvFullToRgbRow};
 
 }  // namespace
 

@@ -1,6 +1,7 @@
 // Row kernels of the fast backend's adapter where a loop of our own beats the
 // third-party call: BGR to gray, gray to BGR, byte <-> float, half <-> float,
-// and rotation of 3-byte pixels. Each kernel has a plain reference in
+// rotation of 3-byte pixels, integer-factor area reduction, and YUV to BGR / RGB (the format converter's
+// kernels of kv_impl_convert_rows, so that both backends give the same bytes). Each kernel has a plain reference in
 // kv::impl::ref that defines the result and an AVX2 twin in kv::impl::avx2
 // with the same signature and bit-identical output. Kernels accept any width
 // of at least 1 and never touch memory outside the given rows.
@@ -9,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "kv_cv/kv_impl_convert_rows.h"
 #include "kv_cv/kv_impl_cpu.h"
 
 namespace kv {
@@ -39,6 +41,15 @@ using FloatToHalfRowFn = void (*)(const float* src, uint16_t* dst, size_t count)
 using Rotate3Fn = void (*)(const uint8_t* src, size_t src_step, int width, int height, int code, uint8_t* dst,
                            size_t dst_step);
 
+// Integer-factor box reduction of a plane of `channels` (1 to 4) interleaved
+// bytes: destination sample (x, y, c) is the mean of the fx x fy source block
+// at (x fx, y fy), rounded as OpenCV's INTER_AREA rounds for integer factors:
+// (sum + 2) >> 2 for 2 x 2 blocks of 1, 3 or 4 channels, otherwise
+// float(sum) * (1.f / (fx fy)) rounded to nearest with ties to even. The
+// source is (dst_width fx) x (dst_height fy) pixels; fx, fy >= 1.
+using AreaBoxFn = void (*)(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width,
+                           int dst_height, int channels, int fx, int fy);
+
 struct FastKernels {
     BgrToGrayRowFn bgrToGrayRow;
     GrayToBgrRowFn grayToBgrRow;
@@ -47,6 +58,14 @@ struct FastKernels {
     HalfToFloatRowFn halfToFloatRow;
     FloatToHalfRowFn floatToHalfRow;
     Rotate3Fn rotate3;
+    AreaBoxFn areaBox;
+    // YUV rows to 3-byte pixels, by chroma layout (see kv_impl_convert_rows.h).
+    YuvToRgbRowFn yuvHalfToBgrRow;
+    YuvToRgbRowFn yuvHalfToRgbRow;
+    YuvToRgbRowFn yuvPairsToBgrRow;
+    YuvToRgbRowFn yuvPairsToRgbRow;
+    YuvToRgbRowFn yuvFullToBgrRow;
+    YuvToRgbRowFn yuvFullToRgbRow;
 };
 
 // The kernel set for `isa` (AVX2 needs F16C too, which every AVX2 processor has).
@@ -60,6 +79,8 @@ void f32ToU8Row(const float* src, uint8_t* dst, size_t count);
 void halfToFloatRow(const uint16_t* src, float* dst, size_t count);
 void floatToHalfRow(const float* src, uint16_t* dst, size_t count);
 void rotate3(const uint8_t* src, size_t src_step, int width, int height, int code, uint8_t* dst, size_t dst_step);
+void areaBox(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width, int dst_height,
+             int channels, int fx, int fy);
 }  // namespace ref
 
 namespace avx2 {
@@ -70,6 +91,8 @@ void f32ToU8Row(const float* src, uint8_t* dst, size_t count);
 void halfToFloatRow(const uint16_t* src, float* dst, size_t count);
 void floatToHalfRow(const float* src, uint16_t* dst, size_t count);
 void rotate3(const uint8_t* src, size_t src_step, int width, int height, int code, uint8_t* dst, size_t dst_step);
+void areaBox(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width, int dst_height,
+             int channels, int fx, int fy);
 }  // namespace avx2
 
 }  // namespace impl

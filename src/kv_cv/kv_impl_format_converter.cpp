@@ -169,10 +169,14 @@ void ImplFormatConverter::get_context(FrameFormat src, FrameFormat dst, int* win
     if (dst == FRAME_GRAY_8) {
         _convert = &ref::yuvToGrayRow;
     } else if (dst == FRAME_BGR_8) {
-        if (src == FRAME_I420 || src == FRAME_YV12)
+        // The 4:2:0 row kernels serve the 4:2:2 layouts too: a row only
+        // sees its own chroma row.
+        if (src == FRAME_I420 || src == FRAME_YV12 || src == FRAME_YV16)
             _convert = KV_PICK(yuv420PlanarToBgrRow);
-        else if (src == FRAME_NV12 || src == FRAME_NV21)
+        else if (src == FRAME_NV12 || src == FRAME_NV21 || src == FRAME_NV16)
             _convert = KV_PICK(yuv420SemiToBgrRow);
+        else if (src == FRAME_YUV444_PLANAR)
+            _convert = KV_PICK(yuv444PlanarToBgrRow);
         else
             _convert = &ref::yuvToBgrRow;
     } else {
