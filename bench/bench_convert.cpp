@@ -1,5 +1,5 @@
 // Format conversion at 1920x1080, single thread: FormatConverter drained into
-// a frame (kv: vector kernels, kv_base: scalar kernels) beside OpenCV's
+// a frame (kv: vector kernels, kv_scalar: scalar kernels) beside OpenCV's
 // cvtColor / convertTo and libyuv on the same frames. The kernels' results
 // follow their own fixed formulas; only the speed is compared here.
 #include <benchmark/benchmark.h>
@@ -65,7 +65,7 @@ void registerKv(const char* name, const Frame& (*src)(), FrameFormat dst_format)
     benchmark::RegisterBenchmark((std::string(name) + "/kv").c_str(), [=](benchmark::State& s) {
         runKv(s, src(), dst_format, impl::Isa::kAvx2);
     })->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark((std::string(name) + "/kv_base").c_str(), [=](benchmark::State& s) {
+    benchmark::RegisterBenchmark((std::string(name) + "/kv_scalar").c_str(), [=](benchmark::State& s) {
         runKv(s, src(), dst_format, impl::Isa::kScalar);
     })->Unit(benchmark::kMillisecond);
 }

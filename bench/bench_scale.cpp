@@ -1,5 +1,5 @@
 // Resize benchmarks: kv's Scaler beside cv::resize and libyuv on the same
-// frames, single thread. Names are CASE/IMPL (kv, kv_base for the scalar
+// frames, single thread. Names are CASE/IMPL (kv, kv_scalar for the scalar
 // kernels, opencv, libyuv).
 #include <benchmark/benchmark.h>
 #include <libyuv/scale.h>
@@ -106,7 +106,7 @@ const int kRegistered = [] {
         benchmark::RegisterBenchmark((name + "/kv").c_str(), [c](benchmark::State& s) {
             runKv(s, c.format, c.src, c.dst, c.method, kv::impl::Isa::kAvx2);
         })->Unit(benchmark::kMillisecond);
-        benchmark::RegisterBenchmark((name + "/kv_base").c_str(), [c](benchmark::State& s) {
+        benchmark::RegisterBenchmark((name + "/kv_scalar").c_str(), [c](benchmark::State& s) {
             runKv(s, c.format, c.src, c.dst, c.method, kv::impl::Isa::kScalar);
         })->Unit(benchmark::kMillisecond);
         const int interpolation = c.method == kv::KV_SCALE_NEAREST ? cv::INTER_NEAREST_EXACT : cv::INTER_LINEAR;

@@ -46,12 +46,6 @@ struct IsaScope {
     ~IsaScope() { impl::setMaxIsaForTesting(impl::Isa::kAvx2); }
 };
 
-std::vector<impl::Isa> availableIsas() {
-    std::vector<impl::Isa> v{impl::Isa::kScalar};
-    if (impl::detectedIsa() == impl::Isa::kAvx2) v.push_back(impl::Isa::kAvx2);
-    return v;
-}
-
 // A frame over caller memory with `pad` sentinel bytes after every row (pad 0
 // gives a continuous frame); pads() reports whether any sentinel changed.
 class Wrapped {
@@ -342,7 +336,7 @@ TEST(CvBackendSimdColor, EveryPairMatchesTheOracleFromRegionsIntoPaddedFrames) {
             const Rect roi(4, 2, size.width, size.height);
             const Frame region = getRegion(big, roi);
             Frame results[2];
-            for (impl::Isa isa : availableIsas()) {
+            for (impl::Isa isa : kvtest::availableIsas()) {
                 IsaScope scope(isa);
                 // Two destinations prefilled differently must come out equal:
                 // every byte of the destination is written.

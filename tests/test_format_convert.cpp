@@ -173,10 +173,7 @@ Frame expectedFrame(Frame& src, FrameFormat dst_format) {
 
 // ---- helpers -----------------------------------------------------------------
 
-struct IsaCap {
-    explicit IsaCap(impl::Isa isa) { impl::setMaxIsaForTesting(isa); }
-    ~IsaCap() { impl::setMaxIsaForTesting(impl::Isa::kAvx2); }
-};
+using kvtest::IsaCap;
 
 Frame convert(const Frame& src, FrameFormat dst_format) {
     FormatConverter c;

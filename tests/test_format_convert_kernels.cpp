@@ -14,10 +14,7 @@ namespace {
 
 using namespace kv;
 
-struct IsaCap {
-    explicit IsaCap(impl::Isa isa) { impl::setMaxIsaForTesting(isa); }
-    ~IsaCap() { impl::setMaxIsaForTesting(impl::Isa::kAvx2); }
-};
+using kvtest::IsaCap;
 
 constexpr size_t kSlack = 64;
 

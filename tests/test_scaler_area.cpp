@@ -209,16 +209,7 @@ struct Wrapped {
     }
 };
 
-struct IsaCap {
-    explicit IsaCap(Isa isa) { kv::impl::setMaxIsaForTesting(isa); }
-    ~IsaCap() { kv::impl::setMaxIsaForTesting(Isa::kAvx2); }
-};
-
-std::vector<Isa> isas() {
-    std::vector<Isa> v{Isa::kScalar};
-    if (kv::impl::detectedIsa() >= Isa::kAvx2) v.push_back(Isa::kAvx2);
-    return v;
-}
+using kvtest::IsaCap;
 
 // ---- tables -------------------------------------------------------------------
 
@@ -268,7 +259,7 @@ TEST(AreaTable, PrecisionChangeKeepsTheTable) {
     kv::Frame src(kv::FRAME_GRAY_8, kv::Size(4, 1));
     const uint8_t px[4] = {1, 0, 2, 1};
     std::memcpy(src.rowCpuData(0, 0), px, 4);
-    for (Isa isa : isas()) {
+    for (Isa isa : kvtest::availableIsas()) {
         IsaCap cap(isa);
         kv::ScalerAreaX x;
         kv::Frame out;
@@ -364,7 +355,7 @@ TEST_P(AreaFrames, SeparableMatchesTheRuleOnEverySource) {
             const kv::Frame ex = expectX(src, c.dst.width, shift);
             const kv::Frame ey = expectY(src, c.dst.height, shift);
             const kv::Frame exy = expectY(ex, c.dst.height, shift);
-            for (Isa isa : isas()) {
+            for (Isa isa : kvtest::availableIsas()) {
                 SCOPED_TRACE(testing::Message() << kv::toString(f) << " " << c.src.width << "x" << c.src.height << " -> "
                                                 << c.dst.width << "x" << c.dst.height << " shift " << shift << " "
                                                 << kv::impl::isaName(isa));
@@ -450,7 +441,7 @@ TEST(AreaFrames, EnlargementIgnoresWhatLiesPastTheRow) {
         void* planes[1] = {mem.data()};
         const size_t steps[1] = {26};
         const kv::Frame src = kv::Frame::wrap(kv::FRAME_GRAY_8, kv::Size(24, 3), planes, steps);
-        for (Isa isa : isas()) {
+        for (Isa isa : kvtest::availableIsas()) {
             IsaCap cap(isa);
             kv::ScalerAreaX x;
             kv::Frame out;

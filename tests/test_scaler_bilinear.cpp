@@ -23,11 +23,7 @@ using kv::FrameFormat;
 using kv::Size;
 using kv::impl::Isa;
 
-// Restores the full instruction set when a test ends, however it ends.
-struct IsaCap {
-    explicit IsaCap(Isa isa) { kv::impl::setMaxIsaForTesting(isa); }
-    ~IsaCap() { kv::impl::setMaxIsaForTesting(Isa::kAvx2); }
-};
+using kvtest::IsaCap;
 
 // How each format is interpolated: planes, sample bytes, samples per unit.
 struct Desc {

@@ -23,10 +23,7 @@ using kv::FrameFormat;
 using kv::Size;
 using kv::impl::Isa;
 
-struct IsaCap {
-    explicit IsaCap(Isa isa) { kv::impl::setMaxIsaForTesting(isa); }
-    ~IsaCap() { kv::impl::setMaxIsaForTesting(Isa::kAvx2); }
-};
+using kvtest::IsaCap;
 
 // Bytes per gathered unit of each plane; empty for unsupported formats.
 std::vector<int> units(FrameFormat f) {

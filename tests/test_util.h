@@ -8,9 +8,11 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "kv_core/kv_exception.h"
 #include "kv_core/kv_frame.h"
+#include "kv_cv/kv_impl_cpu.h"
 
 namespace kvtest {
 
@@ -56,6 +58,23 @@ inline ::testing::AssertionResult framesEqual(const kv::Frame& a, const kv::Fram
                                                          << int(ra[x]) << " vs " << int(rb[x]);
         }
     return ::testing::AssertionSuccess();
+}
+
+// Caps the kernels' instruction set while it lives; the full set comes back
+// when the test ends, however it ends.
+struct IsaCap {
+    explicit IsaCap(kv::impl::Isa isa) { kv::impl::setMaxIsaForTesting(isa); }
+    ~IsaCap() { kv::impl::setMaxIsaForTesting(kv::impl::Isa::kAvx2); }
+    IsaCap(const IsaCap&) = delete;
+    IsaCap& operator=(const IsaCap&) = delete;
+};
+
+// The instruction sets this processor runs: the scalar references always,
+// AVX2 when present.
+inline std::vector<kv::impl::Isa> availableIsas() {
+    std::vector<kv::impl::Isa> v{kv::impl::Isa::kScalar};
+    if (kv::impl::detectedIsa() >= kv::impl::Isa::kAvx2) v.push_back(kv::impl::Isa::kAvx2);
+    return v;
 }
 
 }  // namespace kvtest
