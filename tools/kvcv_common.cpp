@@ -291,15 +291,15 @@ void notAvailable(const std::string& what) { throw RunError(what + " is not avai
 // ---- files ----------------------------------------------------------------------
 
 InputSpec inputSpec(const Args& args) {
-    InputSpec spec;
+    InputSpec wanted;
     if (args.has("in-format")) {
-        spec.raw_format = parseFormat(args.get("in-format"), "--in-format");
+        wanted.raw_format = parseFormat(args.get("in-format"), "--in-format");
         if (!args.has("in-size")) throw UsageError("--in-format needs --in-size WxH");
-        spec.raw_size = parseSize(args.get("in-size"), "--in-size");
+        wanted.raw_size = parseSize(args.get("in-size"), "--in-size");
     } else if (args.has("in-size")) {
         throw UsageError("--in-size needs --in-format FORMAT");
     }
-    return spec;
+    return wanted;
 }
 
 bool hasImageExtension(const std::string& path) {
@@ -332,24 +332,24 @@ kv::Frame wrapMat(const cv::Mat& mat) {
     return kv::Frame::wrap(f, kv::Size(mat.cols, mat.rows), mat.data, mat.step[0]);
 }
 
-Image readImage(const std::string& path, const InputSpec& spec) {
+Image readImage(const std::string& path, const InputSpec& wanted) {
     Image img;
-    if (spec.raw_format != kv::FRAME_UNDEFINED) {
-        const kv::FrameLayout packed(spec.raw_format, spec.raw_size, 1);
+    if (wanted.raw_format != kv::FRAME_UNDEFINED) {
+        const kv::FrameLayout packed(wanted.raw_format, wanted.raw_size, 1);
         if (!packed.initialized()) throw UsageError("--in-format: cannot describe a raw frame of this format");
         img.bytes = std::make_shared<std::vector<uint8_t>>(readFileBytes(path));
         const uint64_t need = packed.byteSize();
         if (img.bytes->size() != need)
             throw RunError("'" + path + "' holds " + std::to_string(img.bytes->size()) + " bytes, a " +
-                           formatName(spec.raw_format) + " frame of " + std::to_string(spec.raw_size.width) + "x" +
-                           std::to_string(spec.raw_size.height) + " needs " + std::to_string(need));
+                           formatName(wanted.raw_format) + " frame of " + std::to_string(wanted.raw_size.width) + "x" +
+                           std::to_string(wanted.raw_size.height) + " needs " + std::to_string(need));
         void* planes[kv::FrameLayout::kMaxPlanes] = {};
         size_t steps[kv::FrameLayout::kMaxPlanes] = {};
         for (uint32_t p = 0; p < packed.planes; ++p) {
             planes[p] = img.bytes->data() + packed.plane[p].offset;
             steps[p] = packed.plane[p].step;
         }
-        img.frame = kv::Frame::wrap(spec.raw_format, spec.raw_size, planes, steps);
+        img.frame = kv::Frame::wrap(wanted.raw_format, wanted.raw_size, planes, steps);
         return img;
     }
     {

@@ -113,8 +113,8 @@ InputSpec inputSpec(const Args& args);
 
 bool hasImageExtension(const std::string& path);
 // Decodes PNG, JPEG, BMP, TIFF... into FRAME_BGR_8 or FRAME_GRAY_8, or reads a
-// raw frame of `spec.raw_format` (planes packed one after another, rows unpadded).
-Image readImage(const std::string& path, const InputSpec& spec = InputSpec());
+// raw frame of `wanted.raw_format` (planes packed one after another, rows unpadded).
+Image readImage(const std::string& path, const InputSpec& wanted = InputSpec());
 // Image extensions are encoded with imgcodecs (the frame is converted to BGR
 // first when it is in another format); anything else is written raw.
 void writeImage(const std::string& path, const kv::Frame& frame);
