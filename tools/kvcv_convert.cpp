@@ -39,9 +39,9 @@ int runConvert(int argc, char** argv) {
         if (target != kv::FRAME_UNDEFINED && target != to) throw UsageError("--to and --out-format disagree");
         target = to;
     }
-    const InputSpec spec = inputSpec(args);
+    const InputSpec wanted = inputSpec(args);
     const std::string backend = backendOption(args);
-    const Image in = readImage(args.positional()[0], spec);
+    const Image in = readImage(args.positional()[0], wanted);
     writeResult(args.positional()[1], in.frame, target, backend, args.has("backend"));
     return kExitOk;
 }

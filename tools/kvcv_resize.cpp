@@ -44,10 +44,10 @@ int runResize(int argc, char** argv) {
     const int method = parseMethod(args.get("method", "bilinear"));
     const std::string backend_name = backendOption(args);
     const kv::FrameFormat out_format = outFormat(args);
-    const InputSpec spec = inputSpec(args);
+    const InputSpec wanted = inputSpec(args);
 
     auto backend = makeBackend(backend_name);
-    const Image in = readImage(args.positional()[0], spec);
+    const Image in = readImage(args.positional()[0], wanted);
     kv::Frame out;
     resizeWith(*backend, method, in.frame, size, out);
     writeResult(args.positional()[1], out, out_format, backend_name, args.has("backend"));

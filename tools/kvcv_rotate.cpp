@@ -61,9 +61,9 @@ int runRotate(int argc, char** argv) {
     }
     const bool has_rect = args.has("rect");
     const kv::Rect given_rect = has_rect ? parseRect(args.get("rect"), "--rect") : kv::Rect();
-    const InputSpec spec = inputSpec(args);
+    const InputSpec wanted = inputSpec(args);
     const kv::FrameFormat out_format = outFormat(args);
-    const Image in = readImage(args.positional()[0], spec);
+    const Image in = readImage(args.positional()[0], wanted);
     kv::Frame out;
 #if KVCV_HAVE_HELPERS
     if (fixed_rotation) {

@@ -125,10 +125,10 @@ int runTensor(int argc, char** argv) {
                          (rois.empty() ? std::string("is one image (no --rois)")
                                        : "are " + std::to_string(rois.size()) + " regions"));
     const std::string backend_name = backendOption(args);
-    const InputSpec spec = inputSpec(args);
+    const InputSpec wanted = inputSpec(args);
 
     auto backend = makeBackend(backend_name);
-    const Image in = readImage(args.positional()[0], spec);
+    const Image in = readImage(args.positional()[0], wanted);
 
     // The source in the tensor's channel order, so the backend only resizes
     // and widens to float.
