@@ -10,18 +10,29 @@
 //   0..255 and rounds half to even.
 // - Resizing and warping are centre-aligned (pixel centres at x + 0.5).
 // - Float planes may be warped too (as floats); 16-bit planes are rejected.
-// - One object serves one thread at a time (its temporary frames are shared
-//   state). Library calls run on the calling thread: the first call sets
-//   OpenCV's process-wide thread count to 1.
+// - Bilinear resizing of byte planes runs the module's own 16.16 row kernels
+//   (truncating, like the bilinear scalers); it differs from OpenCV's
+//   INTER_LINEAR (11-bit weights, rounded) by at most 2 levels. Float planes
+//   go to OpenCV.
+// - One object serves one thread at a time (its temporary frames and resize
+//   tables are shared state). Library calls run on the calling thread: the
+//   first call sets OpenCV's process-wide thread count to 1.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "kv_cv/kv_cv_backend.h"
 #include "kv_cv/kv_cv_export.h"
 
 namespace kv {
+
+namespace impl {
+namespace fast {
+struct ResizeCache;
+}  // namespace fast
+}  // namespace impl
 
 // Values of property 1 (resize method) and property 2 (warp interpolation;
 // area warps bilinearly).
@@ -36,7 +47,9 @@ public:
     static constexpr int kPropertyWarpInterpolation = 2;
 
     CvBackendSimd();
-    // Copies share the temporary frames' memory, as Frame copies do.
+    // Copies share the temporary frames' memory, as Frame copies do. The
+    // resize tables are a per-object cache: a copy starts without them and
+    // an assignment keeps the target's own.
     CvBackendSimd(const CvBackendSimd& other);
     CvBackendSimd& operator=(const CvBackendSimd& other);
     ~CvBackendSimd() override;
@@ -68,6 +81,9 @@ private:
     int32_t _warp_method = ResizeBilinear;
     Frame _temp;   // convert's resize target; roiToYuv444's output
     Frame _temp2;  // intermediate image of two-step conversions
+    // Per-plane bilinear tables and rows, made on the first bilinear resize
+    // and rebuilt only when a plane's sizes change.
+    std::unique_ptr<impl::fast::ResizeCache> _resize_cache;
 };
 
 }  // namespace kv

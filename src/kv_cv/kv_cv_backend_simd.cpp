@@ -75,8 +75,26 @@ bool isRgb8(FrameFormat f) { return f == FRAME_RGB_8 || f == FRAME_BGR_8; }
 }  // namespace
 
 CvBackendSimd::CvBackendSimd() = default;
-CvBackendSimd::CvBackendSimd(const CvBackendSimd& other) = default;
-CvBackendSimd& CvBackendSimd::operator=(const CvBackendSimd& other) = default;
+
+// The five members; the resize cache is the object's own and is not shared.
+CvBackendSimd::CvBackendSimd(const CvBackendSimd& other)
+    : ICvBackend(other),
+      _context(other._context),
+      _resize_method(other._resize_method),
+      _warp_method(other._warp_method),
+      _temp(other._temp),
+      _temp2(other._temp2) {}
+
+CvBackendSimd& CvBackendSimd::operator=(const CvBackendSimd& other) {
+    ICvBackend::operator=(other);
+    _context = other._context;
+    _resize_method = other._resize_method;
+    _warp_method = other._warp_method;
+    _temp = other._temp;
+    _temp2 = other._temp2;
+    return *this;
+}
+
 CvBackendSimd::~CvBackendSimd() = default;
 
 void CvBackendSimd::roiToYuv444(Frame& src, const Rect& rect) {
@@ -369,11 +387,13 @@ void CvBackendSimd::resize(const Frame& src, Frame& dst, Rect src_roi, Rect dst_
                                  : _resize_method == ResizeArea           ? fast::Interpolation::kArea
                                                                           : fast::Interpolation::kBilinear;
     if (d.size().width == 1 || d.size().height == 1) method = fast::Interpolation::kNearest;
+    if (method == fast::Interpolation::kBilinear && !_resize_cache) _resize_cache.reset(new fast::ResizeCache);
     for (uint32_t p = 0; p < s.layout().planes; ++p) {
         const FramePlane& sp = plane(s, int(p));
         const FramePlane& dp = plane(d, int(p));
         fast::resizePlane(data(s, int(p)), sp.step, sp.size.width, sp.size.height, data(d, int(p)), dp.step,
-                          dp.size.width, dp.size.height, sp.channels, bits_per_channel == 32, method);
+                          dp.size.width, dp.size.height, sp.channels, bits_per_channel == 32, method,
+                          _resize_cache ? &_resize_cache->planes[p] : nullptr);
     }
 }
 

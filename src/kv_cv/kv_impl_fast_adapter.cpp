@@ -2,12 +2,14 @@
 // Which serves what was chosen by measurement at 1920x1080 on one thread:
 // libyuv for BGR to YUV (it averages 2x2 chroma blocks; OpenCV's BGR to I420
 // takes one pixel per block), channel swaps, plane splits and merges and
-// 1-byte rotation; OpenCV for bilinear and area resizing and affine warps;
-// plain loops for nearest resizing; our kernels (kv_impl_fast_kernels) for
-// gray, byte/float, half/float, 3-byte rotation and integer-factor area
-// reduction, where they beat both libraries, and for YUV to BGR / RGB, where they match libyuv's speed and
-// give the generic backend's exact bytes (libyuv's 6-bit coefficients differ
-// from them by up to 4).
+// 1-byte rotation; OpenCV for float bilinear and non-integer area resizing
+// and for affine warps; plain loops for nearest resizing; the bilinear
+// scalers' row kernels (kv_impl_scale_rows) for bilinear resizing of byte
+// planes; our kernels (kv_impl_fast_kernels) for gray, byte/float,
+// half/float, 3-byte rotation and integer-factor area reduction, where they
+// beat both libraries, and for YUV to BGR / RGB, where they match libyuv's
+// speed and give the generic backend's exact bytes (libyuv's 6-bit
+// coefficients differ from them by up to 4).
 #include "kv_cv/kv_impl_fast_adapter.h"
 
 #include <libyuv.h>
@@ -267,11 +269,96 @@ void resizeNearest(const uint8_t* src, size_t src_step, int src_width, int src_h
 
 }  // namespace
 
+namespace {
+
+// Sides the 16.16 bilinear tables hold (src << 16 stays in 32 bits).
+bool bilinearRange(int side) { return side >= 1 && side < 32768; }
+
+// 16.16 positions of output sample centres in source samples, clamped at 0:
+// (i + 0.5) * src / dst - 0.5 with a truncated step, as the bilinear scalers
+// build them.
+void bilinearPositions(std::vector<int32_t>& table, int src, int dst) {
+    const int32_t step = int32_t(uint32_t(src) << kBilinearShift) / dst;
+    int32_t p = (step - 65536) / 2;
+    table.resize(size_t(dst));
+    for (int i = 0; i < dst; ++i) {
+        table[size_t(i)] = p < 0 ? 0 : p;
+        p = int32_t(uint32_t(p) + uint32_t(step));  // the value past the last may wrap; it is not used
+    }
+}
+
+}  // namespace
+
+void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
+                         size_t dst_step, int dst_width, int dst_height, int channels, BilinearPlaneCache& cache) {
+    BilinearPlaneCache& c = cache;
+    const int n = dst_width * channels;
+    const bool same_width = src_width == dst_width;
+    if (c.src_width != src_width || c.src_height != src_height || c.dst_width != dst_width ||
+        c.dst_height != dst_height || c.channels != channels) {
+        bilinearPositions(c.xs, src_width, dst_width);
+        bilinearPositions(c.ys, src_height, dst_height);
+        if (!same_width) {
+            buildLerpPlan(c.plan, c.xs.data(), dst_width, src_width, channels, n, src_width * channels, true);
+            for (auto& r : c.rows) r.resize(size_t(n));
+        }
+        c.src_width = src_width;
+        c.src_height = src_height;
+        c.dst_width = dst_width;
+        c.dst_height = dst_height;
+        c.channels = channels;
+    }
+    c.key[0] = c.key[1] = -1;  // the rows belong to the last call's source
+    const ScaleRowKernels& k = scaleRowKernels();
+    const auto row = [&](int r) { return src + size_t(r) * src_step; };
+    // Source row r scaled horizontally (the row itself at equal widths),
+    // from its slot or computed into it.
+    const auto scaled = [&](int r) -> const uint8_t* {
+        if (same_width) return row(r);
+        std::vector<uint8_t>& buf = c.rows[r & 1];
+        if (c.key[r & 1] != r) {
+            k.lerpRow8(c.plan, row(r), buf.data());
+            c.key[r & 1] = r;
+        }
+        return buf.data();
+    };
+    for (int y = 0; y < dst_height; ++y) {
+        const int32_t p = c.ys[size_t(y)];
+        const int upper = p >> kBilinearShift;
+        const int lower = upper + 1 < src_height ? upper + 1 : upper;
+        const uint32_t fy = uint32_t(p) & 0xFFFF;
+        uint8_t* d = dst + size_t(y) * dst_step;
+        if (fy == 0 || lower == upper) {
+            // The blend would give the upper row unchanged.
+            if (same_width)
+                std::memcpy(d, row(upper), size_t(n));
+            else if (c.key[upper & 1] == upper)
+                std::memcpy(d, c.rows[upper & 1].data(), size_t(n));
+            else
+                k.lerpRow8(c.plan, row(upper), d);
+            continue;
+        }
+        const uint8_t* a = scaled(upper);
+        const uint8_t* b = scaled(lower);
+        k.blendRow8(a, b, d, n, fy);
+    }
+}
+
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
-                 int dst_width, int dst_height, int channels, bool is_float, Interpolation method) {
+                 int dst_width, int dst_height, int channels, bool is_float, Interpolation method,
+                 BilinearPlaneCache* cache) {
     if (method == Interpolation::kArea && !is_float && src_width % dst_width == 0 && src_height % dst_height == 0) {
         kernels().areaBox(static_cast<const uint8_t*>(src), src_step, static_cast<uint8_t*>(dst), dst_step, dst_width,
                           dst_height, channels, src_width / dst_width, src_height / dst_height);
+        return;
+    }
+    if (method == Interpolation::kBilinear && !is_float && channels >= 1 && channels <= 4 &&
+        bilinearRange(src_width) && bilinearRange(src_height) && bilinearRange(dst_width) &&
+        bilinearRange(dst_height)) {
+        BilinearPlaneCache local;
+        resizeBilinearBytes(static_cast<const uint8_t*>(src), src_step, src_width, src_height,
+                            static_cast<uint8_t*>(dst), dst_step, dst_width, dst_height, channels,
+                            cache ? *cache : local);
         return;
     }
     resizePlaneWithLibrary(src, src_step, src_width, src_height, dst, dst_step, dst_width, dst_height, channels,

@@ -19,6 +19,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
+
+#include "kv_cv/kv_impl_scale_rows.h"
 
 namespace kv {
 namespace impl {
@@ -87,19 +90,47 @@ void halfToFloat(const uint16_t* src, size_t count, float* dst);
 void floatToHalf(const float* src, size_t count, uint16_t* dst);
 
 // --- Geometry -----------------------------------------------------------------
+// One plane's bilinear tables and horizontally scaled rows, kept between calls
+// so that a repeated size pair rebuilds and allocates nothing.
+struct BilinearPlaneCache {
+    int src_width = 0, src_height = 0, dst_width = 0, dst_height = 0, channels = 0;
+    std::vector<int32_t> xs, ys;  // 16.16 source positions of output columns and rows
+    LerpPlan plan;                // columns, for channels-byte pixels
+    // Row buffers: source row r, scaled horizontally, lives in rows[r & 1]
+    // when key[r & 1] == r (two neighbours never share a slot).
+    int key[2] = {-1, -1};
+    std::vector<uint8_t> rows[2];
+};
+
+// Bilinear caches by plane index, for a backend's resize().
+struct ResizeCache {
+    BilinearPlaneCache planes[4];
+};
+
 // Resizes a plane of 1 to 4 channels of bytes or floats. Nearest samples the
 // source at floor((i + 0.5) * src / dst) in 16.16 fixed point, as the
 // module's own nearest scaler does; bilinear and area are centre-aligned.
-void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
-                 int dst_width, int dst_height, int channels, bool is_float, Interpolation method);
 // Area reductions of byte planes by integer factors (source = destination
 // times fx by fy) run the module's own box kernel, which gives OpenCV's
-// INTER_AREA bytes; everything else goes to OpenCV.
-// resizePlaneWithLibrary is resizePlane without that kernel, so that tests
-// can hold the kernel against OpenCV itself.
+// INTER_AREA bytes. Bilinear byte planes run resizeBilinearBytes when every
+// side is below 32768 (the 16.16 tables' range), with `cache` (or a local
+// one when null); float planes and the rest go to OpenCV.
+void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
+                 int dst_width, int dst_height, int channels, bool is_float, Interpolation method,
+                 BilinearPlaneCache* cache = nullptr);
+// resizePlane without the module's kernels (OpenCV, and the plain nearest
+// loop), so that tests can hold those kernels against OpenCV itself.
 void resizePlaneWithLibrary(const void* src, size_t src_step, int src_width, int src_height, void* dst,
                             size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
                             Interpolation method);
+// Bilinear resize of a byte plane of 1 to 4 channels on the bilinear
+// scalers' row kernels: output sample centres map onto source centres,
+// source = (i + 0.5) * src / dst - 0.5 in 16.16 with the left edge clamped
+// to 0 and the right neighbour of the last sample the sample itself;
+// horizontal pass first, then the vertical blend, each truncating
+// (a * (65536 - f) + b * f) >> 16. Every side in 1..32767.
+void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
+                         size_t dst_step, int dst_width, int dst_height, int channels, BilinearPlaneCache& cache);
 // Warps a plane of 1 to 4 channels of bytes or floats by `matrix` (2x3 row-major, source to
 // destination); destination pixels that map outside the source become 0.
 // Returns false, writing nothing, when the matrix is singular.

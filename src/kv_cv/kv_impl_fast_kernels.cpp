@@ -313,6 +313,74 @@ void rotate3(const uint8_t* src, size_t src_step, int width, int height, int cod
     ref::rotate3Rect(src, src_step, width, height, code, dst, dst_step, 0, w8, h8, height);
 }
 
+namespace {
+
+// Sixteen sums of four 3-byte pixels, each starting at its own column of `c`.
+inline __m256i sum4Pixels3(const uint16_t* c) {
+    const auto at = [c](int i) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(c + i)); };
+    return _mm256_add_epi16(_mm256_add_epi16(at(0), at(3)), _mm256_add_epi16(at(6), at(9)));
+}
+
+// 4 x 4 blocks of 3-byte pixels, four output pixels (48 source bytes) per
+// step: the four rows are summed into 16-bit columns, four neighbouring
+// pixels added with shifted loads, and the twelve block sums (at columns
+// 0-2, 12-14, 24-26, 36-38 of the step) picked from the three vectors with
+// blends and one byte shuffle. A mean of 16 is exact in float, so OpenCV's
+// rounding is (sum + 7 + (sum >> 4 & 1)) >> 4, half to even. Pixels left
+// over at the end of a strip go to the reference.
+void areaBox4x4C3(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width,
+                  int dst_height) {
+    constexpr int kStripPx = 512;  // output pixels per strip
+    // Column sums of a strip, with room for the shifted loads of the last
+    // step (up to 24 columns on), kept zero.
+    alignas(32) uint16_t columns[kStripPx * 12 + 32];
+    const __m256i seven = _mm256_set1_epi16(7), one = _mm256_set1_epi16(1);
+    const __m128i order = _mm_setr_epi8(0, 1, 2, 12, 13, 14, 8, 9, 10, 4, 5, 6, -1, -1, -1, -1);
+    for (int y = 0; y < dst_height; ++y) {
+        const uint8_t* rows = src + size_t(y) * 4 * src_step;
+        uint8_t* d = dst + size_t(y) * dst_step;
+        for (int px0 = 0; px0 < dst_width; px0 += kStripPx) {
+            const int npx = std::min(kStripPx, dst_width - px0);
+            const int steps = npx / 4;
+            const int n = steps * 48;  // source bytes of the vector part per row
+            const uint8_t* s0 = rows + size_t(px0) * 12;
+            for (int k = 0; k < n; k += 16) {
+                const auto row = [&](int r) {
+                    return _mm256_cvtepu8_epi16(
+                        _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + size_t(r) * src_step + size_t(k))));
+                };
+                const __m256i sum = _mm256_add_epi16(_mm256_add_epi16(row(0), row(1)), _mm256_add_epi16(row(2), row(3)));
+                _mm256_store_si256(reinterpret_cast<__m256i*>(columns + k), sum);
+            }
+            std::memset(columns + n, 0, 32 * sizeof(uint16_t));
+            uint8_t* out = d + size_t(px0) * 3;
+            for (int g = 0; g < steps; ++g) {
+                const uint16_t* c = columns + 48 * g;
+                const __m256i v0 = sum4Pixels3(c), v1 = sum4Pixels3(c + 16), v2 = sum4Pixels3(c + 32);
+                // Lane 0: pixel 0 (words 0-2), pixel 3 (words 4-6); lane 1: pixel 2, pixel 1.
+                const __m256i picked = _mm256_blend_epi32(_mm256_blend_epi16(v0, v2, 0x70),
+                                                          _mm256_blend_epi16(v1, v0, 0x70), 0xF0);
+                const __m256i odd = _mm256_and_si256(_mm256_srli_epi16(picked, 4), one);
+                const __m256i mean =
+                    _mm256_srli_epi16(_mm256_add_epi16(_mm256_add_epi16(picked, seven), odd), 4);
+                const __m256i bytes = _mm256_packus_epi16(mean, mean);
+                const __m128i both = _mm_unpacklo_epi64(_mm256_castsi256_si128(bytes),
+                                                        _mm256_extracti128_si256(bytes, 1));
+                const __m128i px = _mm_shuffle_epi8(both, order);
+                uint8_t* o = out + size_t(g) * 12;
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(o), px);
+                const int last = _mm_extract_epi32(px, 2);
+                std::memcpy(o + 8, &last, 4);
+            }
+            const int rest = npx - steps * 4;
+            if (rest)
+                ref::areaBox(s0 + size_t(n), src_step, out + size_t(steps) * 12, dst_step, rest, 1, 3, 4, 4);
+        }
+    }
+}
+
+}  // namespace
+
 // Box reduction a strip of output pixels at a time: the fy source rows are
 // summed column by column into 16-bit sums, fx neighbouring sums of each
 // channel are added along the strip, and the sums at block starts are
@@ -321,6 +389,10 @@ void rotate3(const uint8_t* src, size_t src_step, int width, int height, int cod
 // go to the reference.
 void areaBox(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width, int dst_height,
              int channels, int fx, int fy) {
+    if (channels == 3 && fx == 4 && fy == 4) {
+        areaBox4x4C3(src, src_step, dst, dst_step, dst_width, dst_height);
+        return;
+    }
     constexpr int kStrip = 2048;  // 16-bit column sums per strip
     const int block = fx * channels;
     if (fx * fy > 257 || block * 8 > kStrip) {
