@@ -453,19 +453,24 @@ constexpr int32_t kWeightsV = weights4(-9, -47, 56, 0);
 
 constexpr int32_t kPackOrder[8] = {0, 4, 1, 5, 2, 6, 3, 7};
 
-// Lanes of 8 U then 8 V bytes to U, V pairs (NV12) or V, U pairs (NV21).
-struct alignas(32) PairMask {
+// The 4:2:0 kernel packs the chroma of 8 blocks per lane as U0 U1 V0 V1
+// U2 U3 V2 V3 ... (two blocks per step); these reorder each lane to U0..U7
+// V0..V7 (planar) or to U, V pairs (NV12) or V, U pairs (NV21).
+struct alignas(32) ChromaMask {
     int8_t m[32];
 };
-constexpr PairMask makePairMask(bool u_first) {
-    PairMask p{};
-    for (int i = 0; i < 32; ++i) p.m[i] = int8_t((i % 16) / 2 + ((i & 1) == (u_first ? 1 : 0) ? 8 : 0));
-    return p;
+constexpr int chromaByte(bool v, int block) { return 4 * (block / 2) + (v ? 2 : 0) + block % 2; }
+constexpr ChromaMask makeChromaMask(int kind) {  // 0 planar, 1 UV pairs, 2 VU pairs
+    ChromaMask c{};
+    for (int i = 0; i < 32; ++i) {
+        const int k = i % 16;
+        c.m[i] = int8_t(kind == 0 ? chromaByte(k >= 8, k % 8) : chromaByte((k % 2 == 1) == (kind == 1), k / 2));
+    }
+    return c;
 }
-constexpr PairMask kPairsUvMask = makePairMask(true);
-constexpr PairMask kPairsVuMask = makePairMask(false);
-constexpr const int8_t* kPairsUv = kPairsUvMask.m;
-constexpr const int8_t* kPairsVu = kPairsVuMask.m;
+constexpr ChromaMask kChromaPlanar = makeChromaMask(0);
+constexpr ChromaMask kChromaUv = makeChromaMask(1);
+constexpr ChromaMask kChromaVu = makeChromaMask(2);
 
 }  // namespace
 
@@ -536,11 +541,23 @@ inline void floatsFromBytes32(__m256i bytes32, uint8_t* d) {
     floatsFromBytes(_mm256_extracti128_si256(bytes32, 1), d + 64);
 }
 
-// Luma words of 16 pixels before the offset: s = 25 B + 129 G + 65 R < 65536,
-// and Y = (s + 4096) >> 8 = (s >> 8) + 16, so the 16 is added to the packed bytes.
-inline __m256i lumaWords(__m256i a, __m256i b, __m256i wy) { return _mm256_srli_epi16(weighted16(a, b, wy), 8); }
+// Four 3-byte pixels per lane as B, G, R, G quadruples, from the 32 pixels at
+// p: quarter k holds pixels 4k..4k+3 | 16+4k..19+4k. The last quarter's upper
+// lane is loaded 4 bytes early so that no load passes the 96 bytes.
+inline __m256i loadQuarter(const uint8_t* p, int k) {
+    return k < 3 ? _mm256_shuffle_epi8(load2x128(p + 12 * k, p + 48 + 12 * k), maskOf(kBgrg.first))
+                 : _mm256_shuffle_epi8(load2x128(p + 36, p + 80), maskOf(kBgrg.second));
+}
 
-inline __m256i lumaBytes(__m256i lo, __m256i hi) { return _mm256_add_epi8(packPixels(lo, hi), _mm256_set1_epi8(16)); }
+// Luma bytes of 32 pixels from their quarters' weighted pairs m[k]: hadd of
+// quarters 0, 1 and 2, 3 gives pixels 0..7, 16..23 and 8..15, 24..31, which
+// packus puts in order. s = 25 B + 129 G + 65 R < 65536 (the pairs wrap in 16
+// bits and are read unsigned) and Y = (s + 4096) >> 8 = (s >> 8) + 16.
+inline __m256i lumaBytes(const __m256i m[4]) {
+    const __m256i lo = _mm256_srli_epi16(_mm256_hadd_epi16(m[0], m[1]), 8);
+    const __m256i hi = _mm256_srli_epi16(_mm256_hadd_epi16(m[2], m[3]), 8);
+    return _mm256_add_epi8(_mm256_packus_epi16(lo, hi), _mm256_set1_epi8(16));
+}
 
 // 4:2:0 luma of row 0 (and with kLuma1 of row 1 into y1) and chroma of the
 // 2x2 blocks, 32 columns a step. Chroma words hold half terms without their
@@ -555,40 +572,35 @@ int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* u
     const __m256i wu = _mm256_set1_epi32(kWeightsU);
     const __m256i wv = _mm256_set1_epi32(kWeightsV);
     const __m256i ones = _mm256_set1_epi16(1);
-    const __m256i uv_order = _mm256_setr_epi32(0, 4, 2, 6, 1, 5, 3, 7);
-    const __m256i pair_mask = maskOf(u_first ? kPairsUv : kPairsVu);
+    const __m256i flip = _mm256_set1_epi8(-128);
+    const __m256i order = maskOf(kSemi ? (u_first ? kChromaUv.m : kChromaVu.m) : kChromaPlanar.m);
     const int shift = kTwoRows ? 9 : 8;
     int x = 0;
     for (; x + 32 <= width; x += 32) {
-        __m256i yw[2], yw1[2], uv[2];
-        for (int h = 0; h < 2; ++h) {
-            __m256i a0, b0;
-            loadBgrg(s0 + 3 * (x + 16 * h), a0, b0);
-            yw[h] = lumaWords(a0, b0, wy);
-            __m256i ua = _mm256_maddubs_epi16(a0, wu), ub = _mm256_maddubs_epi16(b0, wu);
-            __m256i va = _mm256_maddubs_epi16(a0, wv), vb = _mm256_maddubs_epi16(b0, wv);
+        __m256i m0[4], m1[4], c[4];
+        for (int k = 0; k < 4; ++k) {
+            const __m256i q0 = loadQuarter(s0 + 3 * x, k);
+            m0[k] = _mm256_maddubs_epi16(q0, wy);
+            __m256i cu = _mm256_maddubs_epi16(q0, wu);
+            __m256i cv = _mm256_maddubs_epi16(q0, wv);
             if (kTwoRows) {
-                __m256i a1, b1;
-                loadBgrg(s1 + 3 * (x + 16 * h), a1, b1);
-                if (kLuma1) yw1[h] = lumaWords(a1, b1, wy);
-                ua = _mm256_add_epi16(ua, _mm256_maddubs_epi16(a1, wu));
-                ub = _mm256_add_epi16(ub, _mm256_maddubs_epi16(b1, wu));
-                va = _mm256_add_epi16(va, _mm256_maddubs_epi16(a1, wv));
-                vb = _mm256_add_epi16(vb, _mm256_maddubs_epi16(b1, wv));
+                const __m256i q1 = loadQuarter(s1 + 3 * x, k);
+                if (kLuma1) m1[k] = _mm256_maddubs_epi16(q1, wy);
+                cu = _mm256_add_epi16(cu, _mm256_maddubs_epi16(q1, wu));
+                cv = _mm256_add_epi16(cv, _mm256_maddubs_epi16(q1, wv));
             }
-            // Per-pixel sums, then pixel pairs: u 0,1 v 0,1 u 4,5 v 4,5 | u 2,3 v 2,3 u 6,7 v 6,7.
-            const __m256i ca = _mm256_srai_epi32(_mm256_madd_epi16(_mm256_hadd_epi16(ua, va), ones), shift);
-            const __m256i cb = _mm256_srai_epi32(_mm256_madd_epi16(_mm256_hadd_epi16(ub, vb), ones), shift);
-            // Words u 0..7 | v 0..7 of this half.
-            uv[h] = _mm256_permutevar8x32_epi32(_mm256_packs_epi32(ca, cb), uv_order);
+            // Per-pixel sums, then blocks: U 2k, 2k+1, V 2k, 2k+1 | the same for blocks 8+2k, 9+2k.
+            c[k] = _mm256_srai_epi32(_mm256_madd_epi16(_mm256_hadd_epi16(cu, cv), ones), shift);
         }
-        storeu(y + x, lumaBytes(yw[0], yw[1]));
-        if (kLuma1) storeu(y1 + x, lumaBytes(yw1[0], yw1[1]));
-        // u 0..15 | v 0..15
-        const __m256i planes = _mm256_xor_si256(_mm256_packs_epi16(uv[0], uv[1]), _mm256_set1_epi8(-128));
+        storeu(y + x, lumaBytes(m0));
+        if (kLuma1) storeu(y1 + x, lumaBytes(m1));
+        const __m256i packed = _mm256_xor_si256(
+            _mm256_packs_epi16(_mm256_packs_epi32(c[0], c[1]), _mm256_packs_epi32(c[2], c[3])), flip);
+        const __m256i ordered = _mm256_shuffle_epi8(packed, order);
         if (kSemi) {
-            storeu(u + x, _mm256_shuffle_epi8(_mm256_permute4x64_epi64(planes, 0xD8), pair_mask));
+            storeu(u + x, ordered);
         } else {
+            const __m256i planes = _mm256_permute4x64_epi64(ordered, 0xD8);  // U 0..15 | V 0..15
             _mm_storeu_si128(reinterpret_cast<__m128i*>(u + x / 2), _mm256_castsi256_si128(planes));
             _mm_storeu_si128(reinterpret_cast<__m128i*>(v + x / 2), _mm256_extracti128_si256(planes, 1));
         }
@@ -600,10 +612,9 @@ int bgrToYBulk(const uint8_t* s, uint8_t* y, int width) {
     const __m256i wy = _mm256_set1_epi32(kWeightsY);
     int x = 0;
     for (; x + 32 <= width; x += 32) {
-        __m256i a, b, c, d;
-        loadBgrg(s + 3 * x, a, b);
-        loadBgrg(s + 3 * x + 48, c, d);
-        storeu(y + x, lumaBytes(lumaWords(a, b, wy), lumaWords(c, d, wy)));
+        __m256i m[4];
+        for (int k = 0; k < 4; ++k) m[k] = _mm256_maddubs_epi16(loadQuarter(s + 3 * x, k), wy);
+        storeu(y + x, lumaBytes(m));
     }
     return x;
 }
