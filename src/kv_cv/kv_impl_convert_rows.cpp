@@ -549,13 +549,12 @@ inline __m256i loadQuarter(const uint8_t* p, int k) {
                  : _mm256_shuffle_epi8(load2x128(p + 36, p + 80), maskOf(kBgrg.second));
 }
 
-// Luma bytes of 32 pixels from their quarters' weighted pairs m[k]: hadd of
-// quarters 0, 1 and 2, 3 gives pixels 0..7, 16..23 and 8..15, 24..31, which
-// packus puts in order. s = 25 B + 129 G + 65 R < 65536 (the pairs wrap in 16
-// bits and are read unsigned) and Y = (s + 4096) >> 8 = (s >> 8) + 16.
-inline __m256i lumaBytes(const __m256i m[4]) {
-    const __m256i lo = _mm256_srli_epi16(_mm256_hadd_epi16(m[0], m[1]), 8);
-    const __m256i hi = _mm256_srli_epi16(_mm256_hadd_epi16(m[2], m[3]), 8);
+// Luma of 32 pixels from their quarters' weighted pairs: hadd of quarters 0, 1
+// (and of 2, 3) gives the words of pixels 0..7 | 16..23 (8..15 | 24..31),
+// which packus puts in order. s = 25 B + 129 G + 65 R < 65536 (the pairs wrap
+// in 16 bits and are read unsigned) and Y = (s + 4096) >> 8 = (s >> 8) + 16.
+inline __m256i lumaWords(__m256i m0, __m256i m1) { return _mm256_srli_epi16(_mm256_hadd_epi16(m0, m1), 8); }
+inline __m256i lumaBytes(__m256i lo, __m256i hi) {
     return _mm256_add_epi8(_mm256_packus_epi16(lo, hi), _mm256_set1_epi8(16));
 }
 
@@ -577,25 +576,33 @@ int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* u
     const int shift = kTwoRows ? 9 : 8;
     int x = 0;
     for (; x + 32 <= width; x += 32) {
-        __m256i m0[4], m1[4], c[4];
-        for (int k = 0; k < 4; ++k) {
-            const __m256i q0 = loadQuarter(s0 + 3 * x, k);
-            m0[k] = _mm256_maddubs_epi16(q0, wy);
-            __m256i cu = _mm256_maddubs_epi16(q0, wu);
-            __m256i cv = _mm256_maddubs_epi16(q0, wv);
-            if (kTwoRows) {
-                const __m256i q1 = loadQuarter(s1 + 3 * x, k);
-                if (kLuma1) m1[k] = _mm256_maddubs_epi16(q1, wy);
-                cu = _mm256_add_epi16(cu, _mm256_maddubs_epi16(q1, wu));
-                cv = _mm256_add_epi16(cv, _mm256_maddubs_epi16(q1, wv));
+        // Two quarters a step: luma words of rows 0 and 1, chroma words U, V
+        // of blocks 4h..4h+3 | 8+4h..11+4h.
+        __m256i luma0[2], luma1[2], c[2];
+        for (int h = 0; h < 2; ++h) {
+            __m256i m0[2], m1[2], cq[2];
+            for (int j = 0; j < 2; ++j) {
+                const int k = 2 * h + j;
+                const __m256i q0 = loadQuarter(s0 + 3 * x, k);
+                m0[j] = _mm256_maddubs_epi16(q0, wy);
+                __m256i cu = _mm256_maddubs_epi16(q0, wu);
+                __m256i cv = _mm256_maddubs_epi16(q0, wv);
+                if (kTwoRows) {
+                    const __m256i q1 = loadQuarter(s1 + 3 * x, k);
+                    if (kLuma1) m1[j] = _mm256_maddubs_epi16(q1, wy);
+                    cu = _mm256_add_epi16(cu, _mm256_maddubs_epi16(q1, wu));
+                    cv = _mm256_add_epi16(cv, _mm256_maddubs_epi16(q1, wv));
+                }
+                // Per-pixel sums, then blocks: U 2k, 2k+1, V 2k, 2k+1 | the same for blocks 8+2k, 9+2k.
+                cq[j] = _mm256_srai_epi32(_mm256_madd_epi16(_mm256_hadd_epi16(cu, cv), ones), shift);
             }
-            // Per-pixel sums, then blocks: U 2k, 2k+1, V 2k, 2k+1 | the same for blocks 8+2k, 9+2k.
-            c[k] = _mm256_srai_epi32(_mm256_madd_epi16(_mm256_hadd_epi16(cu, cv), ones), shift);
+            luma0[h] = lumaWords(m0[0], m0[1]);
+            if (kLuma1) luma1[h] = lumaWords(m1[0], m1[1]);
+            c[h] = _mm256_packs_epi32(cq[0], cq[1]);
         }
-        storeu(y + x, lumaBytes(m0));
-        if (kLuma1) storeu(y1 + x, lumaBytes(m1));
-        const __m256i packed = _mm256_xor_si256(
-            _mm256_packs_epi16(_mm256_packs_epi32(c[0], c[1]), _mm256_packs_epi32(c[2], c[3])), flip);
+        storeu(y + x, lumaBytes(luma0[0], luma0[1]));
+        if (kLuma1) storeu(y1 + x, lumaBytes(luma1[0], luma1[1]));
+        const __m256i packed = _mm256_xor_si256(_mm256_packs_epi16(c[0], c[1]), flip);
         const __m256i ordered = _mm256_shuffle_epi8(packed, order);
         if (kSemi) {
             storeu(u + x, ordered);
@@ -614,7 +621,7 @@ int bgrToYBulk(const uint8_t* s, uint8_t* y, int width) {
     for (; x + 32 <= width; x += 32) {
         __m256i m[4];
         for (int k = 0; k < 4; ++k) m[k] = _mm256_maddubs_epi16(loadQuarter(s + 3 * x, k), wy);
-        storeu(y + x, lumaBytes(m));
+        storeu(y + x, lumaBytes(lumaWords(m[0], m[1]), lumaWords(m[2], m[3])));
     }
     return x;
 }
