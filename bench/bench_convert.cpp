@@ -114,6 +114,10 @@ int registerAll() {
                             int(l.plane[2].step), w, h);
     });
 
+    // BGR -> NV12 (the 4:2:0 kernel with interleaved chroma; no direct
+    // counterpart in OpenCV or libyuv, so kv only)
+    registerKv("Convert/BGR_to_NV12_1920x1080", bgrFrame, FRAME_NV12);
+
     // I420 -> BGR
     const char* c3 = "Convert/I420_to_BGR_1920x1080";
     registerKv(c3, i420Frame, FRAME_BGR_8);

@@ -4,10 +4,13 @@
 // sentinels that must survive.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <random>
 #include <vector>
 
 #include "kv_cv/kv_format_converter.h"
 #include "kv_cv/kv_impl_cpu.h"
+#include "kv_cv/kv_impl_convert_rows.h"
 #include "test_util.h"
 
 namespace {
@@ -152,6 +155,126 @@ TEST(ConvertKernelsExtremes, CubeCornersAgree) {
                 EXPECT_EQ(convertRows(src.frame, FRAME_GRAY_8, impl::Isa::kScalar, 1),
                           convertRows(src.frame, FRAME_GRAY_8, impl::Isa::kAvx2, 1));
             }
+        }
+    }
+}
+
+// The BGR to 4:2:0 row-pair kernels (scalar and AVX2) against two calls of the
+// scalar row kernel: Y of the first row and the chroma into the destination,
+// Y of the second row into `next_y`, never a byte beyond any of them.
+TEST(ConvertPairKernels, MatchTwoRowCallsOfTheScalarKernel) {
+    struct Kernels {
+        FrameFormat dst;
+        Impl::ConvertRowFn row;
+        Impl::ConvertPairFn pair[2];
+    };
+    const Kernels kernels[] = {
+        {FRAME_I420, &impl::ref::bgrToYuv420PlanarRow,
+         {&impl::ref::bgrToYuv420PlanarPairRow, &impl::avx2::bgrToYuv420PlanarPairRow}},
+        {FRAME_YV12, &impl::ref::bgrToYuv420PlanarRow,
+         {&impl::ref::bgrToYuv420PlanarPairRow, &impl::avx2::bgrToYuv420PlanarPairRow}},
+        {FRAME_NV12, &impl::ref::bgrToYuv420SemiRow,
+         {&impl::ref::bgrToYuv420SemiPairRow, &impl::avx2::bgrToYuv420SemiPairRow}},
+        {FRAME_NV21, &impl::ref::bgrToYuv420SemiRow,
+         {&impl::ref::bgrToYuv420SemiPairRow, &impl::avx2::bgrToYuv420SemiPairRow}},
+    };
+    const int isas = impl::detectedIsa() >= impl::Isa::kAvx2 ? 2 : 1;
+    std::vector<int> widths;
+    for (int w = 1; w <= 67; ++w) widths.push_back(w);
+    widths.push_back(1920);
+    widths.push_back(1921);
+    std::mt19937 rng(7);
+    for (const Kernels& k : kernels)
+        for (int width : widths) {
+            Impl::ImplFormatConverter conv;
+            int window = 0;
+            conv.reuse(FRAME_BGR_8, k.dst, width, &window);
+            const FrameLayout l(k.dst, Size(width, 2), 1);
+            // Exact-size source rows, so that reads past a row end are caught.
+            std::vector<uint8_t> src[2] = {std::vector<uint8_t>(3 * size_t(width)),
+                                           std::vector<uint8_t>(3 * size_t(width))};
+            for (auto& row : src)
+                for (auto& b : row) b = uint8_t(rng());
+            RowData s0, s1;
+            s0.plane[0] = src[0].data();
+            s1.plane[0] = src[1].data();
+            const RowData* both[2] = {&s0, &s1};
+            const RowData* second[2] = {&s1, nullptr};
+            // Expected: row 0 with chroma, then row 1 alone without chroma.
+            std::vector<std::vector<uint8_t>> want(l.planes + 1);
+            RowData w0, w1;
+            for (uint32_t p = 0; p < l.planes; ++p) {
+                want[p].assign(l.plane[p].row_bytes, 0);
+                w0.plane[p] = want[p].data();
+            }
+            want[l.planes].assign(size_t(width), 0);
+            w1.plane[0] = want[l.planes].data();
+            k.row(both, w0, width, conv);
+            k.row(second, w1, width, conv);
+            for (int isa = 0; isa < isas; ++isa) {
+                std::vector<std::vector<uint8_t>> got(l.planes + 1);
+                RowData d;
+                for (uint32_t p = 0; p < l.planes; ++p) {
+                    got[p].assign(l.plane[p].row_bytes + kSlack, 0xA5);
+                    d.plane[p] = got[p].data();
+                }
+                got[l.planes].assign(size_t(width) + kSlack, 0xA5);
+                k.pair[isa](both, d, got[l.planes].data(), width, conv);
+                for (size_t p = 0; p < got.size(); ++p) {
+                    for (size_t i = want[p].size(); i < got[p].size(); ++i)
+                        ASSERT_EQ(got[p][i], 0xA5) << toString(k.dst) << " width " << width << " isa " << isa
+                                                   << " record " << p << " byte " << i;
+                    got[p].resize(want[p].size());
+                    ASSERT_EQ(got[p], want[p]) << toString(k.dst) << " width " << width << " isa " << isa
+                                               << " record " << p;
+                }
+            }
+        }
+}
+
+// The converter parks the second row's luma during the first row of a pair;
+// consumers that skip a row, or that ask for chroma on a row that would not
+// carry it, still get that row's own bytes.
+TEST(ConvertPairKernels, SkippedRowsAndChromaOnEveryRow) {
+    for (impl::Isa isa : {impl::Isa::kScalar, impl::Isa::kAvx2}) {
+        IsaCap cap(isa);
+        const Size size(45, 9);
+        const CallerFrame src(FRAME_BGR_8, size, 21);
+        Frame whole;
+        {
+            FormatConverter c;
+            c.reuse(src.frame, FRAME_NV12);
+            produceFrame(c, whole);
+        }
+        Impl::ImplFormatConverter conv;
+        int window = 0;
+        conv.reuse(FRAME_BGR_8, FRAME_NV12, size.width, &window);
+        FormatConverter c;
+        c.reuse(src.frame, FRAME_NV12);
+        // Per row: 0 skip, 1 Y only, 2 Y and chroma.
+        const int plan[9] = {2, 0, 1, 2, 2, 1, 0, 2, 2};
+        for (int r = 0; r < size.height; ++r) {
+            std::vector<uint8_t> y(size_t(size.width) + kSlack, 0xA5), uv(size_t(size.width + 1) + kSlack, 0xA5);
+            RowData d;
+            d.plane[0] = y.data();
+            if (plan[r] == 2) d.plane[1] = uv.data();
+            if (plan[r] != 0) c.produce(d);
+            c.next();
+            if (plan[r] == 0) continue;
+            EXPECT_EQ(0, std::memcmp(y.data(), whole.rowCpuData(0, r), size_t(size.width))) << "row " << r;
+            EXPECT_EQ(y[size_t(size.width)], 0xA5);
+            if (plan[r] != 2) continue;
+            // Chroma from rows r and r + 1 (r alone on the last row).
+            RowData s0, s1, want;
+            s0.plane[0] = const_cast<uint8_t*>(src.frame.rowCpuData(0, r));
+            if (r + 1 < size.height) s1.plane[0] = const_cast<uint8_t*>(src.frame.rowCpuData(0, r + 1));
+            const RowData* rows[2] = {&s0, r + 1 < size.height ? &s1 : nullptr};
+            std::vector<uint8_t> want_y(size_t(size.width)), want_uv(size_t(size.width + 1));
+            want.plane[0] = want_y.data();
+            want.plane[1] = want_uv.data();
+            impl::ref::bgrToYuv420SemiRow(rows, want, size.width, conv);
+            EXPECT_EQ(0, std::memcmp(uv.data(), want_uv.data(), want_uv.size())) << "row " << r;
+            EXPECT_EQ(uv[want_uv.size()], 0xA5);
         }
     }
 }

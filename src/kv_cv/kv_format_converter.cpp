@@ -95,7 +95,7 @@ void FormatConverter::produce(RowData& dst) {
     } else {
         for (int k = 0; k < ws; ++k) _window_rows[k] = &_window.rowData(k);
     }
-    if (const Impl::ConvertRowFn convert = _impl->convert()) convert(_window_rows, dst, _impl->width(), *_impl);
+    _impl->convertRow(_window_rows, dst, _row);
 }
 
 bool FormatConverter::next() {

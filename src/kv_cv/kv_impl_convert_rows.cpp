@@ -171,6 +171,17 @@ void bgrToYuv420SemiRow(const RowData* const* rows, RowData& dst, int width,
     bgrToYuv420PlanarRow(rows, dst, width, conv);  // the description places the samples
 }
 
+void bgrToYuv420PlanarPairRow(const RowData* const* rows, RowData& dst, uint8_t* next_y, int width,
+                              const Impl::ImplFormatConverter& conv) {
+    bgrToYuv420PlanarRow(rows, dst, width, conv);
+    bgrToYSpan(rows[1]->plane[0], next_y, 1, 0, width);
+}
+
+void bgrToYuv420SemiPairRow(const RowData* const* rows, RowData& dst, uint8_t* next_y, int width,
+                            const Impl::ImplFormatConverter& conv) {
+    bgrToYuv420PlanarPairRow(rows, dst, next_y, width, conv);
+}
+
 void yuv420PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width,
                           const Impl::ImplFormatConverter& conv) {
     yuvToBgrRow(rows, dst, width, conv);
@@ -442,19 +453,24 @@ constexpr int32_t kWeightsV = weights4(-9, -47, 56, 0);
 
 constexpr int32_t kPackOrder[8] = {0, 4, 1, 5, 2, 6, 3, 7};
 
-// Lanes of 8 U then 8 V bytes to U, V pairs (NV12) or V, U pairs (NV21).
-struct alignas(32) PairMask {
+// The 4:2:0 kernel packs the chroma of 8 blocks per lane as U0 U1 V0 V1
+// U2 U3 V2 V3 ... (two blocks per step); these reorder each lane to U0..U7
+// V0..V7 (planar) or to U, V pairs (NV12) or V, U pairs (NV21).
+struct alignas(32) ChromaMask {
     int8_t m[32];
 };
-constexpr PairMask makePairMask(bool u_first) {
-    PairMask p{};
-    for (int i = 0; i < 32; ++i) p.m[i] = int8_t((i % 16) / 2 + ((i & 1) == (u_first ? 1 : 0) ? 8 : 0));
-    return p;
+constexpr int chromaByte(bool v, int block) { return 4 * (block / 2) + (v ? 2 : 0) + block % 2; }
+constexpr ChromaMask makeChromaMask(int kind) {  // 0 planar, 1 UV pairs, 2 VU pairs
+    ChromaMask c{};
+    for (int i = 0; i < 32; ++i) {
+        const int k = i % 16;
+        c.m[i] = int8_t(kind == 0 ? chromaByte(k >= 8, k % 8) : chromaByte((k % 2 == 1) == (kind == 1), k / 2));
+    }
+    return c;
 }
-constexpr PairMask kPairsUvMask = makePairMask(true);
-constexpr PairMask kPairsVuMask = makePairMask(false);
-constexpr const int8_t* kPairsUv = kPairsUvMask.m;
-constexpr const int8_t* kPairsVu = kPairsVuMask.m;
+constexpr ChromaMask kChromaPlanar = makeChromaMask(0);
+constexpr ChromaMask kChromaUv = makeChromaMask(1);
+constexpr ChromaMask kChromaVu = makeChromaMask(2);
 
 }  // namespace
 
@@ -525,51 +541,73 @@ inline void floatsFromBytes32(__m256i bytes32, uint8_t* d) {
     floatsFromBytes(_mm256_extracti128_si256(bytes32, 1), d + 64);
 }
 
-// 4:2:0 luma of row 0 and chroma of the 2x2 blocks, 32 columns a step.
-// Chroma words hold half terms: a pixel's two-row sum stays within +-28560,
-// and the 2x2 sums give (S + 65536) >> 9 for two rows, (S + 32768) >> 8 for one.
-template <bool kTwoRows, bool kSemi>
+// Four 3-byte pixels per lane as B, G, R, G quadruples, from the 32 pixels at
+// p: quarter k holds pixels 4k..4k+3 | 16+4k..19+4k. The last quarter's upper
+// lane is loaded 4 bytes early so that no load passes the 96 bytes.
+inline __m256i loadQuarter(const uint8_t* p, int k) {
+    return k < 3 ? _mm256_shuffle_epi8(load2x128(p + 12 * k, p + 48 + 12 * k), maskOf(kBgrg.first))
+                 : _mm256_shuffle_epi8(load2x128(p + 36, p + 80), maskOf(kBgrg.second));
+}
+
+// Luma of 32 pixels from their quarters' weighted pairs: hadd of quarters 0, 1
+// (and of 2, 3) gives the words of pixels 0..7 | 16..23 (8..15 | 24..31),
+// which packus puts in order. s = 25 B + 129 G + 65 R < 65536 (the pairs wrap
+// in 16 bits and are read unsigned) and Y = (s + 4096) >> 8 = (s >> 8) + 16.
+inline __m256i lumaWords(__m256i m0, __m256i m1) { return _mm256_srli_epi16(_mm256_hadd_epi16(m0, m1), 8); }
+inline __m256i lumaBytes(__m256i lo, __m256i hi) {
+    return _mm256_add_epi8(_mm256_packus_epi16(lo, hi), _mm256_set1_epi8(16));
+}
+
+// 4:2:0 luma of row 0 (and with kLuma1 of row 1 into y1) and chroma of the
+// 2x2 blocks, 32 columns a step. Chroma words hold half terms without their
+// offsets (56 B - 37 G - 19 R and 56 R - 47 G - 9 B): a pixel's two-row sum
+// stays within +-28560, and a block's sum S gives the reference
+// (2 S + 131072) >> 10 = (S >> 9) + 128 for two rows, (S >> 8) + 128 for one;
+// S >> shift lies within -112..111, so the 128 is a flip of the packed bytes' top bit.
+template <bool kTwoRows, bool kSemi, bool kLuma1 = false>
 int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* u, uint8_t* v, bool u_first,
-                    int width) {
+                    int width, uint8_t* y1 = nullptr) {
     const __m256i wy = _mm256_set1_epi32(kWeightsY);
     const __m256i wu = _mm256_set1_epi32(kWeightsU);
     const __m256i wv = _mm256_set1_epi32(kWeightsV);
     const __m256i ones = _mm256_set1_epi16(1);
-    const __m256i y_round = _mm256_set1_epi16(4096);
-    const __m256i c_round = _mm256_set1_epi32(kTwoRows ? 65536 : 32768);
-    const __m256i uv_order = _mm256_setr_epi32(0, 4, 2, 6, 1, 5, 3, 7);
-    const __m256i pair_mask = maskOf(u_first ? kPairsUv : kPairsVu);
+    const __m256i flip = _mm256_set1_epi8(-128);
+    const __m256i order = maskOf(kSemi ? (u_first ? kChromaUv.m : kChromaVu.m) : kChromaPlanar.m);
     const int shift = kTwoRows ? 9 : 8;
     int x = 0;
     for (; x + 32 <= width; x += 32) {
-        __m256i yw[2], uv[2];
+        // Two quarters a step: luma words of rows 0 and 1, chroma words U, V
+        // of blocks 4h..4h+3 | 8+4h..11+4h.
+        __m256i luma0[2], luma1[2], c[2];
         for (int h = 0; h < 2; ++h) {
-            __m256i a0, b0;
-            loadBgrg(s0 + 3 * (x + 16 * h), a0, b0);
-            yw[h] = _mm256_srli_epi16(_mm256_add_epi16(weighted16(a0, b0, wy), y_round), 8);
-            __m256i ua = _mm256_maddubs_epi16(a0, wu), ub = _mm256_maddubs_epi16(b0, wu);
-            __m256i va = _mm256_maddubs_epi16(a0, wv), vb = _mm256_maddubs_epi16(b0, wv);
-            if (kTwoRows) {
-                __m256i a1, b1;
-                loadBgrg(s1 + 3 * (x + 16 * h), a1, b1);
-                ua = _mm256_add_epi16(ua, _mm256_maddubs_epi16(a1, wu));
-                ub = _mm256_add_epi16(ub, _mm256_maddubs_epi16(b1, wu));
-                va = _mm256_add_epi16(va, _mm256_maddubs_epi16(a1, wv));
-                vb = _mm256_add_epi16(vb, _mm256_maddubs_epi16(b1, wv));
+            __m256i m0[2], m1[2], cq[2];
+            for (int j = 0; j < 2; ++j) {
+                const int k = 2 * h + j;
+                const __m256i q0 = loadQuarter(s0 + 3 * x, k);
+                m0[j] = _mm256_maddubs_epi16(q0, wy);
+                __m256i cu = _mm256_maddubs_epi16(q0, wu);
+                __m256i cv = _mm256_maddubs_epi16(q0, wv);
+                if (kTwoRows) {
+                    const __m256i q1 = loadQuarter(s1 + 3 * x, k);
+                    if (kLuma1) m1[j] = _mm256_maddubs_epi16(q1, wy);
+                    cu = _mm256_add_epi16(cu, _mm256_maddubs_epi16(q1, wu));
+                    cv = _mm256_add_epi16(cv, _mm256_maddubs_epi16(q1, wv));
+                }
+                // Per-pixel sums, then blocks: U 2k, 2k+1, V 2k, 2k+1 | the same for blocks 8+2k, 9+2k.
+                cq[j] = _mm256_srai_epi32(_mm256_madd_epi16(_mm256_hadd_epi16(cu, cv), ones), shift);
             }
-            // Per-pixel sums, then pixel pairs: u 0,1 v 0,1 u 4,5 v 4,5 | u 2,3 v 2,3 u 6,7 v 6,7.
-            const __m256i sa = _mm256_madd_epi16(_mm256_hadd_epi16(ua, va), ones);
-            const __m256i sb = _mm256_madd_epi16(_mm256_hadd_epi16(ub, vb), ones);
-            const __m256i ca = _mm256_srai_epi32(_mm256_add_epi32(sa, c_round), shift);
-            const __m256i cb = _mm256_srai_epi32(_mm256_add_epi32(sb, c_round), shift);
-            // Words u 0..7 | v 0..7 of this half.
-            uv[h] = _mm256_permutevar8x32_epi32(_mm256_packs_epi32(ca, cb), uv_order);
+            luma0[h] = lumaWords(m0[0], m0[1]);
+            if (kLuma1) luma1[h] = lumaWords(m1[0], m1[1]);
+            c[h] = _mm256_packs_epi32(cq[0], cq[1]);
         }
-        storeu(y + x, packPixels(yw[0], yw[1]));
-        const __m256i planes = _mm256_packus_epi16(uv[0], uv[1]);  // u 0..15 | v 0..15
+        storeu(y + x, lumaBytes(luma0[0], luma0[1]));
+        if (kLuma1) storeu(y1 + x, lumaBytes(luma1[0], luma1[1]));
+        const __m256i packed = _mm256_xor_si256(_mm256_packs_epi16(c[0], c[1]), flip);
+        const __m256i ordered = _mm256_shuffle_epi8(packed, order);
         if (kSemi) {
-            storeu(u + x, _mm256_shuffle_epi8(_mm256_permute4x64_epi64(planes, 0xD8), pair_mask));
+            storeu(u + x, ordered);
         } else {
+            const __m256i planes = _mm256_permute4x64_epi64(ordered, 0xD8);  // U 0..15 | V 0..15
             _mm_storeu_si128(reinterpret_cast<__m128i*>(u + x / 2), _mm256_castsi256_si128(planes));
             _mm_storeu_si128(reinterpret_cast<__m128i*>(v + x / 2), _mm256_extracti128_si256(planes, 1));
         }
@@ -579,15 +617,11 @@ int bgrToYuv420Bulk(const uint8_t* s0, const uint8_t* s1, uint8_t* y, uint8_t* u
 
 int bgrToYBulk(const uint8_t* s, uint8_t* y, int width) {
     const __m256i wy = _mm256_set1_epi32(kWeightsY);
-    const __m256i y_round = _mm256_set1_epi16(4096);
     int x = 0;
     for (; x + 32 <= width; x += 32) {
-        __m256i a, b, c, d;
-        loadBgrg(s + 3 * x, a, b);
-        loadBgrg(s + 3 * x + 48, c, d);
-        const __m256i lo = _mm256_srli_epi16(_mm256_add_epi16(weighted16(a, b, wy), y_round), 8);
-        const __m256i hi = _mm256_srli_epi16(_mm256_add_epi16(weighted16(c, d, wy), y_round), 8);
-        storeu(y + x, packPixels(lo, hi));
+        __m256i m[4];
+        for (int k = 0; k < 4; ++k) m[k] = _mm256_maddubs_epi16(loadQuarter(s + 3 * x, k), wy);
+        storeu(y + x, lumaBytes(lumaWords(m[0], m[1]), lumaWords(m[2], m[3])));
     }
     return x;
 }
@@ -614,6 +648,23 @@ void bgrToYuv420(const RowData* const* rows, RowData& dst, int width, const Impl
     else
         x = bgrToYuv420Bulk<false, kSemi>(s0, s1, y, kSemi ? pairs : u, v, u_first, width);
     bgrToYSpan(s0, y, 1, x, width);
+    bgrToChroma420Span(s0, s1, u, di.uStep, v, di.vStep, x, width);
+}
+
+template <bool kSemi>
+void bgrToYuv420Pair(const RowData* const* rows, RowData& dst, uint8_t* next_y, int width,
+                     const Impl::ImplFormatConverter& conv) {
+    const YuvFormatInfo& di = conv.dstInfo();
+    const uint8_t* s0 = rows[0]->plane[0];
+    const uint8_t* s1 = rows[1]->plane[0];
+    uint8_t* y = dst.plane[di.yPlane] + di.yOffset;
+    uint8_t* u = dst.plane[di.uPlane] + di.uOffset;
+    uint8_t* v = dst.plane[di.vPlane] + di.vOffset;
+    const bool u_first = di.uOffset < di.vOffset;
+    const int x = bgrToYuv420Bulk<true, kSemi, true>(s0, s1, y, kSemi ? (u_first ? u : v) : u, v, u_first, width,
+                                                     next_y);
+    bgrToYSpan(s0, y, 1, x, width);
+    bgrToYSpan(s1, next_y, 1, x, width);
     bgrToChroma420Span(s0, s1, u, di.uStep, v, di.vStep, x, width);
 }
 
@@ -729,6 +780,16 @@ void bgrToYuv420PlanarRow(const RowData* const* rows, RowData& dst, int width,
 void bgrToYuv420SemiRow(const RowData* const* rows, RowData& dst, int width,
                         const Impl::ImplFormatConverter& conv) {
     bgrToYuv420<true>(rows, dst, width, conv);
+}
+
+void bgrToYuv420PlanarPairRow(const RowData* const* rows, RowData& dst, uint8_t* next_y, int width,
+                              const Impl::ImplFormatConverter& conv) {
+    bgrToYuv420Pair<false>(rows, dst, next_y, width, conv);
+}
+
+void bgrToYuv420SemiPairRow(const RowData* const* rows, RowData& dst, uint8_t* next_y, int width,
+                            const Impl::ImplFormatConverter& conv) {
+    bgrToYuv420Pair<true>(rows, dst, next_y, width, conv);
 }
 
 void yuv420PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width,

@@ -21,20 +21,29 @@ namespace impl {
 #define KV_CONVERT_ROW_KERNEL(name) \
     void name(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv)
 
+// BGR to 4:2:0 over a row pair (rows[1] and both chroma slots present): Y of
+// row r into dst, Y of row r+1 into `next_y` (width bytes, step 1) and the
+// chroma of the pair, so that each source row is deinterleaved once.
+#define KV_CONVERT_PAIR_KERNEL(name)                                                \
+    void name(const RowData* const* rows, RowData& dst, uint8_t* next_y, int width, \
+              const Impl::ImplFormatConverter& conv)
+
 // Kernels with a vector version: declared for both namespaces.
-#define KV_CONVERT_VECTOR_KERNELS                 \
-    KV_CONVERT_ROW_KERNEL(bgrToGrayRow);          \
-    KV_CONVERT_ROW_KERNEL(bgrToYuv420PlanarRow);  \
-    KV_CONVERT_ROW_KERNEL(bgrToYuv420SemiRow);    \
-    KV_CONVERT_ROW_KERNEL(yuv420PlanarToBgrRow);  \
-    KV_CONVERT_ROW_KERNEL(yuv420SemiToBgrRow);    \
-    KV_CONVERT_ROW_KERNEL(yuv444PlanarToBgrRow);  \
-    KV_CONVERT_ROW_KERNEL(bytesToFloatRow);       \
-    KV_CONVERT_ROW_KERNEL(bytesToPlanarFloatRow); \
-    KV_CONVERT_ROW_KERNEL(floatToBytesRow);       \
-    KV_CONVERT_ROW_KERNEL(swapRbRow);             \
-    KV_CONVERT_ROW_KERNEL(interleave3Row);        \
-    KV_CONVERT_ROW_KERNEL(deinterleave3Row)
+#define KV_CONVERT_VECTOR_KERNELS                     \
+    KV_CONVERT_ROW_KERNEL(bgrToGrayRow);              \
+    KV_CONVERT_ROW_KERNEL(bgrToYuv420PlanarRow);      \
+    KV_CONVERT_ROW_KERNEL(bgrToYuv420SemiRow);        \
+    KV_CONVERT_ROW_KERNEL(yuv420PlanarToBgrRow);      \
+    KV_CONVERT_ROW_KERNEL(yuv420SemiToBgrRow);        \
+    KV_CONVERT_ROW_KERNEL(yuv444PlanarToBgrRow);      \
+    KV_CONVERT_ROW_KERNEL(bytesToFloatRow);           \
+    KV_CONVERT_ROW_KERNEL(bytesToPlanarFloatRow);     \
+    KV_CONVERT_ROW_KERNEL(floatToBytesRow);           \
+    KV_CONVERT_ROW_KERNEL(swapRbRow);                 \
+    KV_CONVERT_ROW_KERNEL(interleave3Row);            \
+    KV_CONVERT_ROW_KERNEL(deinterleave3Row);          \
+    KV_CONVERT_PAIR_KERNEL(bgrToYuv420PlanarPairRow); \
+    KV_CONVERT_PAIR_KERNEL(bgrToYuv420SemiPairRow)
 
 // The YUV to 3-byte pixel conversion above on plain row pointers, shared by
 // the converter and the fast backend so that both give the same bytes. `y`

@@ -2,6 +2,8 @@
 // window size for each supported pair of formats.
 #include "kv_impl_format_converter.h"
 
+#include <cstring>
+
 #include "kv_core/kv_exception.h"
 #include "kv_impl_convert_rows.h"
 #include "kv_impl_cpu.h"
@@ -23,10 +25,29 @@ void ImplFormatConverter::reuse(FrameFormat src, FrameFormat dst, int width, int
         KV_THROW_LINE(KV_STATUS_FORMAT_ERROR, "kv::Impl::ImplFormatConverter::reuse", 41,
                       "Failure in ImplFormatConverter::reuse(...) : Null pointer to window size.");
     _convert = nullptr;
+    _convert_pair = nullptr;
+    _next_luma_row = -1;
     _ready = false;
     get_context(src, dst, window_size);
     _width = width;
+    if (_convert_pair) _next_luma.resize(size_t(width < 1 ? 1 : width));
     _ready = true;
+}
+
+void ImplFormatConverter::convertRow(const RowData* const* rows, RowData& dst, int row) {
+    if (!_convert) return;
+    const bool chroma = dst.plane[_dst_info.uPlane] && dst.plane[_dst_info.vPlane];
+    if (_convert_pair && chroma && rows[1]) {
+        _convert_pair(rows, dst, _next_luma.data(), _width, *this);
+        _next_luma_row = row + 1;
+        return;
+    }
+    if (row == _next_luma_row && !chroma) {
+        std::memcpy(dst.plane[_dst_info.yPlane] + _dst_info.yOffset, _next_luma.data(), size_t(_width));
+        _next_luma_row = -1;
+        return;
+    }
+    _convert(rows, dst, _width, *this);
 }
 
 void ImplFormatConverter::getFormatInfo(FrameFormat f, YuvFormatInfo& info) {
@@ -137,11 +158,13 @@ void ImplFormatConverter::get_context(FrameFormat src, FrameFormat dst, int* win
                 case FRAME_I420:
                 case FRAME_YV12:
                     _convert = KV_PICK(bgrToYuv420PlanarRow);
+                    _convert_pair = KV_PICK(bgrToYuv420PlanarPairRow);
                     *window_size = 2;
                     return;
                 case FRAME_NV12:
                 case FRAME_NV21:
                     _convert = KV_PICK(bgrToYuv420SemiRow);
+                    _convert_pair = KV_PICK(bgrToYuv420SemiPairRow);
                     *window_size = 2;
                     return;
                 case FRAME_YV16:

@@ -4,6 +4,7 @@
 // source rows (1 or 2) each output row needs.
 #pragma once
 
+#include "kv_core/kv_buffer.h"
 #include "kv_cv/kv_format_converter.h"
 
 namespace kv {
@@ -13,6 +14,10 @@ namespace Impl {
 // (rows[1] null when row r is the last one) into the non-null slots of dst.
 using ConvertRowFn = void (*)(const RowData* const* rows, RowData& dst, int width,
                               const ImplFormatConverter& conv);
+// A row-pair kernel (BGR to 4:2:0): rows r and r+1 both present and chroma
+// wanted; writes row r into dst and the Y of row r+1 into `next_y`.
+using ConvertPairFn = void (*)(const RowData* const* rows, RowData& dst, uint8_t* next_y, int width,
+                               const ImplFormatConverter& conv);
 
 class ImplFormatConverter {
 public:
@@ -28,6 +33,11 @@ public:
     const YuvFormatInfo& srcInfo() const { return _src_info; }
     const YuvFormatInfo& dstInfo() const { return _dst_info; }
 
+    // Converts output row `row`. With a pair kernel, a row that carries the
+    // chroma of a pair also computes the next row's Y; that row then only
+    // copies it (unless it asks for chroma itself).
+    void convertRow(const RowData* const* rows, RowData& dst, int row);
+
 private:
     void get_context(FrameFormat src, FrameFormat dst, int* window_size);
     static void getFormatInfo(FrameFormat f, YuvFormatInfo& info);
@@ -37,6 +47,9 @@ private:
     int32_t _width = 0;
     bool _ready = false;
     ConvertRowFn _convert = nullptr;
+    ConvertPairFn _convert_pair = nullptr;
+    Buffer _next_luma;            // Y of row _next_luma_row, from the pair kernel
+    int32_t _next_luma_row = -1;  // -1: none parked
 };
 
 }  // namespace Impl
