@@ -1,0 +1,353 @@
+// Affine warp of byte planes: the scalar reference that defines the bytes
+// (OpenCV 4.6's fixed point, see the header), the AVX2 row kernel that runs
+// eight pixels at a time on the columns whose taps all lie inside the source
+// and hands the rest of the row to the reference, and the plane driver.
+#include "kv_cv/kv_impl_fast_warp.h"
+
+#include <immintrin.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <vector>
+
+namespace kv {
+namespace impl {
+
+namespace {
+
+constexpr int kInterBits = 5;                    // source positions in 1/32 pixel
+constexpr int kTableBits = 10;                   // fixed point of the tables
+constexpr int kBilinearRound = 1 << (kTableBits - kInterBits - 1);
+constexpr int kNearestRound = 1 << (kTableBits - 1);
+constexpr int32_t kSmall = 1 << 29;              // see WarpPlane::small
+
+inline int32_t wrapAdd(int32_t a, int32_t b) { return int32_t(uint32_t(a) + uint32_t(b)); }
+
+inline int sat16(int32_t v) { return v < -32768 ? -32768 : v > 32767 ? 32767 : v; }
+
+// OpenCV's cvRound: nearest, ties to even; outside int gives INT_MIN.
+inline int32_t roundToInt(double v) {
+    const double r = std::nearbyint(v);
+    return r >= double(INT_MIN) && r <= double(INT_MAX) ? int32_t(r) : INT_MIN;
+}
+
+inline void nearestPixel(const WarpPlane& p, int sx, int sy, uint8_t* d) {
+    const int cn = p.channels;
+    if (unsigned(sx) < unsigned(p.src_width) && unsigned(sy) < unsigned(p.src_height)) {
+        const uint8_t* s = p.src + size_t(sy) * p.src_step + size_t(sx) * size_t(cn);
+        for (int c = 0; c < cn; ++c) d[c] = s[c];
+    } else {
+        for (int c = 0; c < cn; ++c) d[c] = 0;
+    }
+}
+
+// X, Y: source position in 1/32 pixel.
+inline void bilinearPixel(const WarpPlane& p, int32_t X, int32_t Y, uint8_t* d) {
+    const int cn = p.channels;
+    const int sx = sat16(X >> kInterBits), sy = sat16(Y >> kInterBits);
+    const int fx = X & 31, fy = Y & 31;
+    const int w[4] = {(32 - fx) * (32 - fy), fx * (32 - fy), (32 - fx) * fy, fx * fy};
+    const uint8_t* tap[4] = {};
+    for (int j = 0; j < 2; ++j) {
+        if (unsigned(sy + j) >= unsigned(p.src_height)) continue;
+        for (int i = 0; i < 2; ++i)
+            if (unsigned(sx + i) < unsigned(p.src_width))
+                tap[j * 2 + i] = p.src + size_t(sy + j) * p.src_step + size_t(sx + i) * size_t(cn);
+    }
+    for (int c = 0; c < cn; ++c) {
+        int sum = 512;
+        for (int k = 0; k < 4; ++k)
+            if (tap[k]) sum += tap[k][c] * w[k];
+        d[c] = uint8_t(sum >> 10);
+    }
+}
+
+// Columns [from, to) of a row by the scalar formulas.
+void scalarSpan(const WarpPlane& p, int32_t x0, int32_t y0, uint8_t* dst, int from, int to) {
+    const int cn = p.channels;
+    for (int x = from; x < to; ++x) {
+        const int32_t xs = wrapAdd(x0, p.adelta[x]), ys = wrapAdd(y0, p.bdelta[x]);
+        uint8_t* d = dst + size_t(x) * size_t(cn);
+        if (p.bilinear)
+            bilinearPixel(p, xs >> kInterBits, ys >> kInterBits, d);
+        else
+            nearestPixel(p, sat16(xs >> kTableBits), sat16(ys >> kTableBits), d);
+    }
+}
+
+// First x in [0, n) for which `pred` holds (pred false then true along x); n if none.
+template <typename Pred>
+int firstTrue(int n, Pred pred) {
+    int lo = 0, hi = n;
+    while (lo < hi) {
+        const int mid = lo + (hi - lo) / 2;
+        if (pred(mid))
+            hi = mid;
+        else
+            lo = mid + 1;
+    }
+    return lo;
+}
+
+// [*first, *last): the x in [0, n) with lo <= (base + delta[x]) >> 10 <= hi,
+// for `delta` monotone.
+void monotoneRange(const int32_t* delta, int64_t base, int lo, int hi, int n, int* first, int* last) {
+    const auto pos = [&](int x) { return (base + delta[x]) >> kTableBits; };
+    if (delta[n - 1] >= delta[0]) {
+        *first = firstTrue(n, [&](int x) { return pos(x) >= lo; });
+        *last = firstTrue(n, [&](int x) { return pos(x) > hi; });
+    } else {
+        *first = firstTrue(n, [&](int x) { return pos(x) <= hi; });
+        *last = firstTrue(n, [&](int x) { return pos(x) < lo; });
+    }
+}
+
+}  // namespace
+
+void warpInsideRange(const WarpPlane& plane, int32_t x0, int32_t y0, int width, int max_sx, int max_sy, int* first,
+                     int* last) {
+    *first = *last = 0;
+    if (width < 1 || max_sx < 0 || max_sy < 0) return;
+    int ax, bx, ay, by;
+    monotoneRange(plane.adelta, x0, 0, max_sx, width, &ax, &bx);
+    monotoneRange(plane.bdelta, y0, 0, max_sy, width, &ay, &by);
+    *first = std::max(ax, ay);
+    *last = std::max(*first, std::min(bx, by));
+}
+
+namespace ref {
+
+void warpRow(const WarpPlane& plane, int32_t x0, int32_t y0, uint8_t* dst, int width) {
+    scalarSpan(plane, x0, y0, dst, 0, width);
+}
+
+}  // namespace ref
+
+#pragma GCC push_options
+#pragma GCC target("avx2")
+
+namespace avx2 {
+
+namespace {
+
+// Whole pixels to keep clear of the right edge so that the gathers stay in
+// the row: a 32-bit load per row and pixel for nearest and for bilinear with
+// 1 or 2 channels, a 64-bit one for bilinear with 3 or 4.
+int rightSlack(int cn, bool bilinear) {
+    static const int kNearest[5] = {0, 3, 1, 1, 0};
+    static const int kBilinear[5] = {0, 3, 1, 2, 1};
+    return bilinear ? kBilinear[cn] : kNearest[cn];
+}
+
+// Byte shuffles that take channel c of two adjacent source pixels from the
+// gathered bytes to [p0 0 p1 0] in every 32-bit lane.
+struct Masks {
+    __m256i a[4];  // 32-bit gathers, or the 64-bit gather of pixels 0, 1, 4, 5
+    __m256i b[4];  // the 64-bit gather of pixels 2, 3, 6, 7
+    __m256i pack;  // 32-bit lanes of CN bytes to packed pixels within each half
+};
+
+Masks makeMasks(int cn) {
+    Masks m;
+    alignas(32) int8_t a[32], b[32];
+    for (int c = 0; c < cn; ++c) {
+        for (int k = 0; k < 32; ++k) a[k] = b[k] = -1;
+        for (int half = 0; half < 2; ++half) {
+            int8_t* pa = a + 16 * half;
+            int8_t* pb = b + 16 * half;
+            if (cn <= 2) {
+                for (int d = 0; d < 4; ++d) {
+                    pa[4 * d] = int8_t(4 * d + c);
+                    pa[4 * d + 2] = int8_t(4 * d + cn + c);
+                }
+            } else {
+                for (int q = 0; q < 2; ++q) {
+                    pa[4 * q] = pb[4 * (q + 2)] = int8_t(8 * q + c);
+                    pa[4 * q + 2] = pb[4 * (q + 2) + 2] = int8_t(8 * q + cn + c);
+                }
+            }
+        }
+        m.a[c] = _mm256_load_si256(reinterpret_cast<const __m256i*>(a));
+        m.b[c] = _mm256_load_si256(reinterpret_cast<const __m256i*>(b));
+    }
+    for (int half = 0; half < 2; ++half)
+        for (int k = 0; k < 16; ++k) a[16 * half + k] = k < 4 * cn ? int8_t(k / cn * 4 + k % cn) : int8_t(-1);
+    m.pack = _mm256_load_si256(reinterpret_cast<const __m256i*>(a));
+    return m;
+}
+
+// Stores eight pixels held as the low CN bytes of each 32-bit lane.
+template <int CN>
+inline void storePixels(__m256i v, const Masks& m, uint8_t* d) {
+    if (CN == 4) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d), v);
+        return;
+    }
+    v = _mm256_shuffle_epi8(v, m.pack);
+    if (CN == 3) {
+        v = _mm256_permutevar8x32_epi32(v, _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(v));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + 16), _mm256_extracti128_si256(v, 1));
+    } else if (CN == 2) {
+        v = _mm256_permute4x64_epi64(v, _MM_SHUFFLE(3, 1, 2, 0));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(v));
+    } else {
+        v = _mm256_permutevar8x32_epi32(v, _mm256_setr_epi32(0, 4, 1, 1, 1, 1, 1, 1));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(v));
+    }
+}
+
+template <int CN>
+inline __m256i byteOffsets(__m256i sx, __m256i sy, __m256i step) {
+    __m256i ox = sx;
+    if (CN == 2) ox = _mm256_slli_epi32(sx, 1);
+    if (CN == 3) ox = _mm256_add_epi32(sx, _mm256_slli_epi32(sx, 1));
+    if (CN == 4) ox = _mm256_slli_epi32(sx, 2);
+    return _mm256_add_epi32(_mm256_mullo_epi32(sy, step), ox);
+}
+
+// Eight pixels from column x on; every tap inside the source.
+template <int CN>
+inline void nearest8(const WarpPlane& p, __m256i x0, __m256i y0, __m256i step, const Masks& m, int x, uint8_t* d) {
+    const __m256i xs = _mm256_add_epi32(x0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p.adelta + x)));
+    const __m256i ys = _mm256_add_epi32(y0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p.bdelta + x)));
+    const __m256i off = byteOffsets<CN>(_mm256_srai_epi32(xs, kTableBits), _mm256_srai_epi32(ys, kTableBits), step);
+    const __m256i v = _mm256_i32gather_epi32(reinterpret_cast<const int*>(p.src), off, 1);
+    storePixels<CN>(v, m, d);
+}
+
+template <int CN>
+inline void bilinear8(const WarpPlane& p, __m256i x0, __m256i y0, __m256i step, const Masks& m, int x, uint8_t* d) {
+    const __m256i k31 = _mm256_set1_epi32(31), k32 = _mm256_set1_epi32(32);
+    const __m256i xs = _mm256_add_epi32(x0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p.adelta + x)));
+    const __m256i ys = _mm256_add_epi32(y0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p.bdelta + x)));
+    const __m256i fx = _mm256_and_si256(_mm256_srli_epi32(xs, kInterBits), k31);
+    const __m256i fy = _mm256_and_si256(_mm256_srli_epi32(ys, kInterBits), k31);
+    // 16-bit weight pairs: top (a00, a01), bottom (a10, a11).
+    const __m256i wx = _mm256_or_si256(_mm256_sub_epi32(k32, fx), _mm256_slli_epi32(fx, 16));
+    const __m256i fy0 = _mm256_sub_epi32(k32, fy);
+    const __m256i wtop = _mm256_mullo_epi16(wx, _mm256_or_si256(fy0, _mm256_slli_epi32(fy0, 16)));
+    const __m256i wbot = _mm256_mullo_epi16(wx, _mm256_or_si256(fy, _mm256_slli_epi32(fy, 16)));
+    const __m256i off = byteOffsets<CN>(_mm256_srai_epi32(xs, kTableBits), _mm256_srai_epi32(ys, kTableBits), step);
+    const uint8_t* top = p.src;
+    const uint8_t* bottom = p.src + p.src_step;
+    __m256i t[CN], b[CN];
+    if (CN <= 2) {
+        const __m256i gt = _mm256_i32gather_epi32(reinterpret_cast<const int*>(top), off, 1);
+        const __m256i gb = _mm256_i32gather_epi32(reinterpret_cast<const int*>(bottom), off, 1);
+        for (int c = 0; c < CN; ++c) {
+            t[c] = _mm256_shuffle_epi8(gt, m.a[c]);
+            b[c] = _mm256_shuffle_epi8(gb, m.a[c]);
+        }
+    } else {
+        // Pixels 0, 1, 4, 5 and 2, 3, 6, 7, so that the shuffles below put
+        // them back in order within the halves.
+        const __m256i q = _mm256_permute4x64_epi64(off, _MM_SHUFFLE(3, 1, 2, 0));
+        const __m128i ia = _mm256_castsi256_si128(q), ib = _mm256_extracti128_si256(q, 1);
+        const auto* t64 = reinterpret_cast<const long long*>(top);
+        const auto* b64 = reinterpret_cast<const long long*>(bottom);
+        const __m256i ta = _mm256_i32gather_epi64(t64, ia, 1), tb = _mm256_i32gather_epi64(t64, ib, 1);
+        const __m256i ba = _mm256_i32gather_epi64(b64, ia, 1), bb = _mm256_i32gather_epi64(b64, ib, 1);
+        for (int c = 0; c < CN; ++c) {
+            t[c] = _mm256_or_si256(_mm256_shuffle_epi8(ta, m.a[c]), _mm256_shuffle_epi8(tb, m.b[c]));
+            b[c] = _mm256_or_si256(_mm256_shuffle_epi8(ba, m.a[c]), _mm256_shuffle_epi8(bb, m.b[c]));
+        }
+    }
+    const __m256i half = _mm256_set1_epi32(512);
+    __m256i out = _mm256_setzero_si256();
+    for (int c = 0; c < CN; ++c) {
+        __m256i s = _mm256_add_epi32(_mm256_madd_epi16(t[c], wtop), _mm256_madd_epi16(b[c], wbot));
+        s = _mm256_srli_epi32(_mm256_add_epi32(s, half), kTableBits);
+        out = c == 0 ? s : _mm256_or_si256(out, _mm256_slli_epi32(s, 8 * c));
+    }
+    storePixels<CN>(out, m, d);
+}
+
+// Columns [first, last), last - first >= 8; a short tail is redone as the
+// last eight columns (same bytes again).
+template <int CN, bool BILINEAR>
+void vectorSpan(const WarpPlane& p, int32_t x0, int32_t y0, uint8_t* dst, int first, int last) {
+    static const Masks m = makeMasks(CN);
+    const __m256i vx0 = _mm256_set1_epi32(x0), vy0 = _mm256_set1_epi32(y0);
+    const __m256i step = _mm256_set1_epi32(int(p.src_step));
+    for (int x = first;; x += 8) {
+        if (x > last - 8) x = last - 8;
+        uint8_t* d = dst + size_t(x) * CN;
+        if (BILINEAR)
+            bilinear8<CN>(p, vx0, vy0, step, m, x, d);
+        else
+            nearest8<CN>(p, vx0, vy0, step, m, x, d);
+        if (x == last - 8) break;
+    }
+}
+
+using SpanFn = void (*)(const WarpPlane&, int32_t, int32_t, uint8_t*, int, int);
+
+}  // namespace
+
+void warpRow(const WarpPlane& p, int32_t x0, int32_t y0, uint8_t* dst, int width) {
+    int first = 0, last = 0;
+    if (width >= 8 && p.small && std::abs(int64_t(x0)) < kSmall && std::abs(int64_t(y0)) < kSmall) {
+        const int max_sx = std::min(p.src_width - 1 - rightSlack(p.channels, p.bilinear), 32767);
+        const int max_sy = std::min(p.src_height - (p.bilinear ? 2 : 1), 32767);
+        warpInsideRange(p, x0, y0, width, max_sx, max_sy, &first, &last);
+    }
+    if (last - first < 8) {
+        scalarSpan(p, x0, y0, dst, 0, width);
+        return;
+    }
+    static const SpanFn kSpans[2][4] = {
+        {vectorSpan<1, false>, vectorSpan<2, false>, vectorSpan<3, false>, vectorSpan<4, false>},
+        {vectorSpan<1, true>, vectorSpan<2, true>, vectorSpan<3, true>, vectorSpan<4, true>}};
+    scalarSpan(p, x0, y0, dst, 0, first);
+    kSpans[p.bilinear][p.channels - 1](p, x0, y0, dst, first, last);
+    scalarSpan(p, x0, y0, dst, last, width);
+}
+
+}  // namespace avx2
+
+#pragma GCC pop_options
+
+WarpRowFn warpRowKernel(Isa isa) { return isa >= Isa::kAvx2 ? avx2::warpRow : ref::warpRow; }
+
+void warpAffineBytes(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
+                     size_t dst_step, int dst_width, int dst_height, int channels, const float m[6], bool bilinear,
+                     Isa isa) {
+    // The inverse in double, written as OpenCV writes it.
+    double M[6] = {m[0], m[1], m[2], m[3], m[4], m[5]};
+    double D = M[0] * M[4] - M[1] * M[3];
+    D = D != 0 ? 1. / D : 0;
+    const double A11 = M[4] * D, A22 = M[0] * D;
+    M[0] = A11;
+    M[1] *= -D;
+    M[3] *= -D;
+    M[4] = A22;
+    const double b1 = -M[0] * M[2] - M[1] * M[5];
+    const double b2 = -M[3] * M[2] - M[4] * M[5];
+    M[2] = b1;
+    M[5] = b2;
+
+    thread_local std::vector<int32_t> tables;
+    if (tables.size() < 2 * size_t(dst_width)) tables.resize(2 * size_t(dst_width));
+    int32_t* adelta = tables.data();
+    int32_t* bdelta = adelta + dst_width;
+    bool small = size_t(src_height) * src_step < (size_t(1) << 31);
+    for (int x = 0; x < dst_width; ++x) {
+        adelta[x] = roundToInt(M[0] * x * (1 << kTableBits));
+        bdelta[x] = roundToInt(M[3] * x * (1 << kTableBits));
+        small = small && std::abs(int64_t(adelta[x])) < kSmall && std::abs(int64_t(bdelta[x])) < kSmall;
+    }
+    const WarpPlane plane{src, src_step, src_width, src_height, channels, bilinear, adelta, bdelta, small};
+    const WarpRowFn row = warpRowKernel(isa);
+    const int32_t round = bilinear ? kBilinearRound : kNearestRound;
+    for (int y = 0; y < dst_height; ++y) {
+        const int32_t x0 = wrapAdd(roundToInt((M[1] * y + M[2]) * (1 << kTableBits)), round);
+        const int32_t y0 = wrapAdd(roundToInt((M[4] * y + M[5]) * (1 << kTableBits)), round);
+        row(plane, x0, y0, dst + size_t(y) * dst_step, dst_width);
+    }
+}
+
+}  // namespace impl
+}  // namespace kv
