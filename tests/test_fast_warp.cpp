@@ -184,13 +184,14 @@ TEST(FastWarp, InsideRangeIsExact) {
         }
         const impl::WarpPlane plane{nullptr, 0, 0, 0, 1, true, adelta.data(), bdelta.data(), true};
         const int32_t x0 = int32_t(shift(rng) * 1024), y0 = int32_t(shift(rng) * 1024);
+        const int min_sx = int(rng() % 5) - 2, min_sy = int(rng() % 5) - 2;
         const int max_sx = int(rng() % 60) - 2, max_sy = int(rng() % 60) - 2;
         int first = -1, last = -1;
-        impl::warpInsideRange(plane, x0, y0, width, max_sx, max_sy, &first, &last);
+        impl::warpInsideRange(plane, x0, y0, width, min_sx, max_sx, min_sy, max_sy, &first, &last);
         ASSERT_LE(first, last);
         for (int x = 0; x < width; ++x) {
             const int sx = (x0 + adelta[x]) >> 10, sy = (y0 + bdelta[x]) >> 10;
-            const bool inside = sx >= 0 && sx <= max_sx && sy >= 0 && sy <= max_sy;
+            const bool inside = sx >= min_sx && sx <= max_sx && sy >= min_sy && sy <= max_sy;
             const bool taken = x >= first && x < last;
             ASSERT_EQ(inside, taken) << "trial " << trial << " x " << x;
         }

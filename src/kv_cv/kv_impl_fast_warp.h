@@ -60,11 +60,11 @@ void warpRow(const WarpPlane& plane, int32_t x0, int32_t y0, uint8_t* dst, int w
 WarpRowFn warpRowKernel(Isa isa);
 
 // Columns [*first, *last) of a row in which every source position is in
-// [0, max_sx] x [0, max_sy] (given as pixel coordinates after the final
-// shift by 10); an empty range when none is. Requires plane.small and x0, y0
-// below 2^29 in magnitude (then the positions are monotone in x).
-void warpInsideRange(const WarpPlane& plane, int32_t x0, int32_t y0, int width, int max_sx, int max_sy, int* first,
-                     int* last);
+// [min_sx, max_sx] x [min_sy, max_sy] (pixel coordinates, the positions
+// shifted right by 10); an empty range when none is. Requires plane.small and
+// x0, y0 below 2^29 in magnitude (then the positions are monotone in x).
+void warpInsideRange(const WarpPlane& plane, int32_t x0, int32_t y0, int width, int min_sx, int max_sx, int min_sy,
+                     int max_sy, int* first, int* last);
 
 // Warps a byte plane by the forward matrix `m` (2 x 3 row-major, source to
 // destination) with the kernel of `isa`. The tables live in per-thread
