@@ -133,55 +133,40 @@ namespace avx2 {
 
 namespace {
 
-// Whole pixels to keep clear of the right edge so that the gathers stay in
-// the row: a 32-bit load per row and pixel for nearest and for bilinear with
-// 1 or 2 channels, a 64-bit one for bilinear with 3 or 4.
+// Whole pixels to keep clear of the right edge so that the loads stay in
+// the row: nearest gathers 4 bytes per pixel, bilinear loads 8 bytes from
+// each of the two rows.
 int rightSlack(int cn, bool bilinear) {
     static const int kNearest[5] = {0, 3, 1, 1, 0};
-    static const int kBilinear[5] = {0, 3, 1, 2, 1};
+    static const int kBilinear[5] = {0, 7, 3, 2, 1};
     return bilinear ? kBilinear[cn] : kNearest[cn];
 }
 
-// Byte shuffles that take channel c of two adjacent source pixels from the
-// gathered bytes to [p0 0 p1 0] in every 32-bit lane.
 struct Masks {
-    __m256i a[4];  // 32-bit gathers, or the 64-bit gather of pixels 0, 1, 4, 5
-    __m256i b[4];  // the 64-bit gather of pixels 2, 3, 6, 7
-    __m256i pack;  // 32-bit lanes of CN bytes to packed pixels within each half
+    // From the 8 top bytes and the 8 bottom bytes at a pixel, 32-bit lane c
+    // gets channel c's taps as [top, bottom, top right, bottom right].
+    __m256i quad;
+    // 32-bit lanes of CN bytes to packed pixels within each half.
+    __m256i pack;
 };
 
 Masks makeMasks(int cn) {
     Masks m;
-    alignas(32) int8_t a[32], b[32];
-    for (int c = 0; c < cn; ++c) {
-        for (int k = 0; k < 32; ++k) a[k] = b[k] = -1;
-        for (int half = 0; half < 2; ++half) {
-            int8_t* pa = a + 16 * half;
-            int8_t* pb = b + 16 * half;
-            if (cn <= 2) {
-                for (int d = 0; d < 4; ++d) {
-                    pa[4 * d] = int8_t(4 * d + c);
-                    pa[4 * d + 2] = int8_t(4 * d + cn + c);
-                }
-            } else {
-                for (int q = 0; q < 2; ++q) {
-                    pa[4 * q] = pb[4 * (q + 2)] = int8_t(8 * q + c);
-                    pa[4 * q + 2] = pb[4 * (q + 2) + 2] = int8_t(8 * q + cn + c);
-                }
-            }
-        }
-        m.a[c] = _mm256_load_si256(reinterpret_cast<const __m256i*>(a));
-        m.b[c] = _mm256_load_si256(reinterpret_cast<const __m256i*>(b));
-    }
+    alignas(32) int8_t q[32], k[32];
     for (int half = 0; half < 2; ++half)
-        for (int k = 0; k < 16; ++k) a[16 * half + k] = k < 4 * cn ? int8_t(k / cn * 4 + k % cn) : int8_t(-1);
-    m.pack = _mm256_load_si256(reinterpret_cast<const __m256i*>(a));
+        for (int i = 0; i < 16; ++i) {
+            const int c = i / 4, tap = i % 4;
+            q[16 * half + i] = c < cn ? int8_t((tap & 1) * 8 + (tap >> 1) * cn + c) : int8_t(-1);
+            k[16 * half + i] = i < 4 * cn ? int8_t(i / cn * 4 + i % cn) : int8_t(-1);
+        }
+    m.quad = _mm256_load_si256(reinterpret_cast<const __m256i*>(q));
+    m.pack = _mm256_load_si256(reinterpret_cast<const __m256i*>(k));
     return m;
 }
 
 // Stores eight pixels held as the low CN bytes of each 32-bit lane.
 template <int CN>
-inline void storePixels(__m256i v, const Masks& m, uint8_t* d) {
+__attribute__((always_inline)) inline void storePixels(__m256i v, const Masks& m, uint8_t* d) {
     if (CN == 4) {
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(d), v);
         return;
@@ -200,17 +185,18 @@ inline void storePixels(__m256i v, const Masks& m, uint8_t* d) {
     }
 }
 
-// Eight bytes from each of four offsets, the first two in the low half.
-inline __m256i load4x64(const uint8_t* base, int32_t o0, int32_t o1, int32_t o2, int32_t o3) {
-    __m128d lo = _mm_castsi128_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(base + o0)));
-    __m128d hi = _mm_castsi128_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(base + o2)));
-    lo = _mm_loadh_pd(lo, reinterpret_cast<const double*>(base + o1));
-    hi = _mm_loadh_pd(hi, reinterpret_cast<const double*>(base + o3));
+// The 8 bytes at `o0` of the top and bottom rows in the low half, those at
+// `o1` in the high half.
+__attribute__((always_inline)) inline __m256i loadTaps(const uint8_t* top, const uint8_t* bottom, uint32_t o0, uint32_t o1) {
+    const __m128d lo = _mm_loadh_pd(_mm_castsi128_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(top + o0))),
+                                    reinterpret_cast<const double*>(bottom + o0));
+    const __m128d hi = _mm_loadh_pd(_mm_castsi128_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(top + o1))),
+                                    reinterpret_cast<const double*>(bottom + o1));
     return _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_castpd_si128(lo)), _mm_castpd_si128(hi), 1);
 }
 
 template <int CN>
-inline __m256i byteOffsets(__m256i sx, __m256i sy, __m256i step) {
+__attribute__((always_inline)) inline __m256i byteOffsets(__m256i sx, __m256i sy, __m256i step) {
     __m256i ox = sx;
     if (CN == 2) ox = _mm256_slli_epi32(sx, 1);
     if (CN == 3) ox = _mm256_add_epi32(sx, _mm256_slli_epi32(sx, 1));
@@ -220,7 +206,7 @@ inline __m256i byteOffsets(__m256i sx, __m256i sy, __m256i step) {
 
 // Eight pixels from column x on; every tap inside the source.
 template <int CN>
-inline void nearest8(const WarpPlane& p, __m256i x0, __m256i y0, __m256i step, const Masks& m, int x, uint8_t* d) {
+__attribute__((always_inline)) inline void nearest8(const WarpPlane& p, __m256i x0, __m256i y0, __m256i step, const Masks& m, int x, uint8_t* d) {
     const __m256i xs = _mm256_add_epi32(x0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p.adelta + x)));
     const __m256i ys = _mm256_add_epi32(y0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p.bdelta + x)));
     const __m256i off = byteOffsets<CN>(_mm256_srai_epi32(xs, kTableBits), _mm256_srai_epi32(ys, kTableBits), step);
@@ -229,45 +215,40 @@ inline void nearest8(const WarpPlane& p, __m256i x0, __m256i y0, __m256i step, c
 }
 
 template <int CN>
-inline void bilinear8(const WarpPlane& p, __m256i x0, __m256i y0, __m256i step, const Masks& m, int x, uint8_t* d) {
+__attribute__((always_inline)) inline void bilinear8(const WarpPlane& p, __m256i x0, __m256i y0, __m256i step, const Masks& m, int x, uint8_t* d) {
     const __m256i k31 = _mm256_set1_epi32(31), k32 = _mm256_set1_epi32(32);
     const __m256i xs = _mm256_add_epi32(x0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p.adelta + x)));
     const __m256i ys = _mm256_add_epi32(y0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p.bdelta + x)));
     const __m256i fx = _mm256_and_si256(_mm256_srli_epi32(xs, kInterBits), k31);
     const __m256i fy = _mm256_and_si256(_mm256_srli_epi32(ys, kInterBits), k31);
-    // 16-bit weight pairs: top (a00, a01), bottom (a10, a11).
+    // Per pixel: bytes (32 - fy, fy) twice for the vertical step, words
+    // (32 - fx, fx) for the horizontal one.
+    const __m256i wy1 = _mm256_or_si256(_mm256_sub_epi32(k32, fy), _mm256_slli_epi32(fy, 8));
+    const __m256i wy = _mm256_or_si256(wy1, _mm256_slli_epi32(wy1, 16));
     const __m256i wx = _mm256_or_si256(_mm256_sub_epi32(k32, fx), _mm256_slli_epi32(fx, 16));
-    const __m256i fy0 = _mm256_sub_epi32(k32, fy);
-    const __m256i wtop = _mm256_mullo_epi16(wx, _mm256_or_si256(fy0, _mm256_slli_epi32(fy0, 16)));
-    const __m256i wbot = _mm256_mullo_epi16(wx, _mm256_or_si256(fy, _mm256_slli_epi32(fy, 16)));
-    const __m256i off = byteOffsets<CN>(_mm256_srai_epi32(xs, kTableBits), _mm256_srai_epi32(ys, kTableBits), step);
+    alignas(32) uint32_t o[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(o),
+                       byteOffsets<CN>(_mm256_srai_epi32(xs, kTableBits), _mm256_srai_epi32(ys, kTableBits), step));
     const uint8_t* top = p.src;
     const uint8_t* bottom = p.src + p.src_step;
-    __m256i t[CN], b[CN];
-    if (CN <= 2) {
-        const __m256i gt = _mm256_i32gather_epi32(reinterpret_cast<const int*>(top), off, 1);
-        const __m256i gb = _mm256_i32gather_epi32(reinterpret_cast<const int*>(bottom), off, 1);
-        for (int c = 0; c < CN; ++c) {
-            t[c] = _mm256_shuffle_epi8(gt, m.a[c]);
-            b[c] = _mm256_shuffle_epi8(gb, m.a[c]);
-        }
-    } else {
-        // Pixels 0, 1, 4, 5 and 2, 3, 6, 7, so that the shuffles below put
-        // them back in order within the halves. (Plain loads: faster than
-        // gathers here.)
-        alignas(32) int32_t o[8];
-        _mm256_store_si256(reinterpret_cast<__m256i*>(o), off);
-        const __m256i ta = load4x64(top, o[0], o[1], o[4], o[5]), tb = load4x64(top, o[2], o[3], o[6], o[7]);
-        const __m256i ba = load4x64(bottom, o[0], o[1], o[4], o[5]), bb = load4x64(bottom, o[2], o[3], o[6], o[7]);
-        for (int c = 0; c < CN; ++c) {
-            t[c] = _mm256_or_si256(_mm256_shuffle_epi8(ta, m.a[c]), _mm256_shuffle_epi8(tb, m.b[c]));
-            b[c] = _mm256_or_si256(_mm256_shuffle_epi8(ba, m.a[c]), _mm256_shuffle_epi8(bb, m.b[c]));
-        }
+    // q[k]: pixel k in the low half and k + 4 in the high half, lane c of
+    // each holding channel c's taps; the transposition below makes that one
+    // register per channel with the pixels in order.
+    __m256i q[4];
+    for (int k = 0; k < 4; ++k) q[k] = _mm256_shuffle_epi8(loadTaps(top, bottom, o[k], o[k + 4]), m.quad);
+    const __m256i u0 = _mm256_unpacklo_epi32(q[0], q[1]), u2 = _mm256_unpacklo_epi32(q[2], q[3]);
+    __m256i ch[4];
+    ch[0] = _mm256_unpacklo_epi64(u0, u2);
+    if (CN >= 2) ch[1] = _mm256_unpackhi_epi64(u0, u2);
+    if (CN >= 3) {
+        const __m256i u1 = _mm256_unpackhi_epi32(q[0], q[1]), u3 = _mm256_unpackhi_epi32(q[2], q[3]);
+        ch[2] = _mm256_unpacklo_epi64(u1, u3);
+        if (CN == 4) ch[3] = _mm256_unpackhi_epi64(u1, u3);
     }
     const __m256i half = _mm256_set1_epi32(512);
     __m256i out = _mm256_setzero_si256();
     for (int c = 0; c < CN; ++c) {
-        __m256i s = _mm256_add_epi32(_mm256_madd_epi16(t[c], wtop), _mm256_madd_epi16(b[c], wbot));
+        __m256i s = _mm256_madd_epi16(_mm256_maddubs_epi16(ch[c], wy), wx);
         s = _mm256_srli_epi32(_mm256_add_epi32(s, half), kTableBits);
         out = c == 0 ? s : _mm256_or_si256(out, _mm256_slli_epi32(s, 8 * c));
     }
