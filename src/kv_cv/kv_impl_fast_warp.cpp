@@ -214,21 +214,28 @@ __attribute__((always_inline)) inline void nearest8(const WarpPlane& p, __m256i 
     storePixels<CN>(v, m, d);
 }
 
+// Bilinear, first half: for eight pixels from column x, the byte offsets of
+// their top-left taps and the weights, per pixel: bytes (32 - fy, fy) twice
+// for the vertical step, words (32 - fx, fx) for the horizontal one.
 template <int CN>
-__attribute__((always_inline)) inline void bilinear8(const WarpPlane& p, __m256i x0, __m256i y0, __m256i step, const Masks& m, int x, uint8_t* d) {
+__attribute__((always_inline)) inline void bilinearPrepare(const WarpPlane& p, __m256i x0, __m256i y0, __m256i step,
+                                                           int x, uint32_t* off, __m256i* wy, __m256i* wx) {
     const __m256i k31 = _mm256_set1_epi32(31), k32 = _mm256_set1_epi32(32);
     const __m256i xs = _mm256_add_epi32(x0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p.adelta + x)));
     const __m256i ys = _mm256_add_epi32(y0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p.bdelta + x)));
     const __m256i fx = _mm256_and_si256(_mm256_srli_epi32(xs, kInterBits), k31);
     const __m256i fy = _mm256_and_si256(_mm256_srli_epi32(ys, kInterBits), k31);
-    // Per pixel: bytes (32 - fy, fy) twice for the vertical step, words
-    // (32 - fx, fx) for the horizontal one.
     const __m256i wy1 = _mm256_or_si256(_mm256_sub_epi32(k32, fy), _mm256_slli_epi32(fy, 8));
-    const __m256i wy = _mm256_or_si256(wy1, _mm256_slli_epi32(wy1, 16));
-    const __m256i wx = _mm256_or_si256(_mm256_sub_epi32(k32, fx), _mm256_slli_epi32(fx, 16));
-    alignas(32) uint32_t o[8];
-    _mm256_store_si256(reinterpret_cast<__m256i*>(o),
+    *wy = _mm256_or_si256(wy1, _mm256_slli_epi32(wy1, 16));
+    *wx = _mm256_or_si256(_mm256_sub_epi32(k32, fx), _mm256_slli_epi32(fx, 16));
+    _mm256_store_si256(reinterpret_cast<__m256i*>(off),
                        byteOffsets<CN>(_mm256_srai_epi32(xs, kTableBits), _mm256_srai_epi32(ys, kTableBits), step));
+}
+
+// Bilinear, second half: loads the taps and writes the eight pixels.
+template <int CN>
+__attribute__((always_inline)) inline void bilinearTaps(const WarpPlane& p, const uint32_t* o, __m256i wy, __m256i wx,
+                                                        const Masks& m, uint8_t* d) {
     const uint8_t* top = p.src;
     const uint8_t* bottom = p.src + p.src_step;
     // q[k]: pixel k in the low half and k + 4 in the high half, lane c of
@@ -255,21 +262,38 @@ __attribute__((always_inline)) inline void bilinear8(const WarpPlane& p, __m256i
     storePixels<CN>(out, m, d);
 }
 
-// Columns [first, last), last - first >= 8; a short tail is redone as the
-// last eight columns (same bytes again).
-template <int CN, bool BILINEAR>
-void vectorSpan(const WarpPlane& p, int32_t x0, int32_t y0, uint8_t* dst, int first, int last) {
+// Columns [first, last), last - first >= 8, in groups of eight; a short tail
+// is redone as the last eight columns (same bytes again).
+template <int CN>
+void nearestSpan(const WarpPlane& p, int32_t x0, int32_t y0, uint8_t* dst, int first, int last) {
     static const Masks m = makeMasks(CN);
     const __m256i vx0 = _mm256_set1_epi32(x0), vy0 = _mm256_set1_epi32(y0);
     const __m256i step = _mm256_set1_epi32(int(p.src_step));
     for (int x = first;; x += 8) {
         if (x > last - 8) x = last - 8;
-        uint8_t* d = dst + size_t(x) * CN;
-        if (BILINEAR)
-            bilinear8<CN>(p, vx0, vy0, step, m, x, d);
-        else
-            nearest8<CN>(p, vx0, vy0, step, m, x, d);
+        nearest8<CN>(p, vx0, vy0, step, m, x, dst + size_t(x) * CN);
         if (x == last - 8) break;
+    }
+}
+
+// As nearestSpan; the offsets of a few groups go through memory first, which
+// is cheaper than taking them out of the vector one by one.
+template <int CN>
+void bilinearSpan(const WarpPlane& p, int32_t x0, int32_t y0, uint8_t* dst, int first, int last) {
+    constexpr int kGroups = 4;
+    static const Masks m = makeMasks(CN);
+    const __m256i vx0 = _mm256_set1_epi32(x0), vy0 = _mm256_set1_epi32(y0);
+    const __m256i step = _mm256_set1_epi32(int(p.src_step));
+    alignas(32) uint32_t off[kGroups][8];
+    __m256i wy[kGroups], wx[kGroups];
+    int at[kGroups];
+    for (int x = first; x < last;) {
+        int n = 0;
+        for (; n < kGroups && x < last; ++n, x += 8) {
+            at[n] = std::min(x, last - 8);
+            bilinearPrepare<CN>(p, vx0, vy0, step, at[n], off[n], &wy[n], &wx[n]);
+        }
+        for (int g = 0; g < n; ++g) bilinearTaps<CN>(p, off[g], wy[g], wx[g], m, dst + size_t(at[g]) * CN);
     }
 }
 
@@ -301,9 +325,8 @@ void warpRow(const WarpPlane& p, int32_t x0, int32_t y0, uint8_t* dst, int width
         scalarSpan(p, x0, y0, dst, touch_first, touch_last);
         return;
     }
-    static const SpanFn kSpans[2][4] = {
-        {vectorSpan<1, false>, vectorSpan<2, false>, vectorSpan<3, false>, vectorSpan<4, false>},
-        {vectorSpan<1, true>, vectorSpan<2, true>, vectorSpan<3, true>, vectorSpan<4, true>}};
+    static const SpanFn kSpans[2][4] = {{nearestSpan<1>, nearestSpan<2>, nearestSpan<3>, nearestSpan<4>},
+                                        {bilinearSpan<1>, bilinearSpan<2>, bilinearSpan<3>, bilinearSpan<4>}};
     scalarSpan(p, x0, y0, dst, touch_first, first);
     kSpans[p.bilinear][cn - 1](p, x0, y0, dst, first, last);
     scalarSpan(p, x0, y0, dst, last, touch_last);
