@@ -182,7 +182,7 @@ TEST(FastWarp, InsideRangeIsExact) {
             adelta[x] = int32_t(std::nearbyint(m0 * x * 1024));
             bdelta[x] = int32_t(std::nearbyint(m3 * x * 1024));
         }
-        const impl::WarpPlane plane{nullptr, 0, 0, 0, 1, true, adelta.data(), bdelta.data(), true};
+        const impl::WarpPlane plane{nullptr, 0, 0, 0, 1, true, adelta.data(), bdelta.data(), true, 0};
         const int32_t x0 = int32_t(shift(rng) * 1024), y0 = int32_t(shift(rng) * 1024);
         const int min_sx = int(rng() % 5) - 2, min_sy = int(rng() % 5) - 2;
         const int max_sx = int(rng() % 60) - 2, max_sy = int(rng() % 60) - 2;

@@ -241,6 +241,8 @@ __attribute__((always_inline)) inline void bilinearTaps(const WarpPlane& p, cons
     // q[k]: pixel k in the low half and k + 4 in the high half, lane c of
     // each holding channel c's taps; the transposition below makes that one
     // register per channel with the pixels in order.
+    for (int k = 0; k < 8; k += 2)
+        _mm_prefetch(reinterpret_cast<const char*>(uintptr_t(top) + o[k] + uintptr_t(p.ahead)), _MM_HINT_T0);
     __m256i q[4];
     for (int k = 0; k < 4; ++k) q[k] = _mm256_shuffle_epi8(loadTaps(top, bottom, o[k], o[k + 4]), m.quad);
     const __m256i u0 = _mm256_unpacklo_epi32(q[0], q[1]), u2 = _mm256_unpacklo_epi32(q[2], q[3]);
@@ -365,7 +367,12 @@ void warpAffineBytes(const uint8_t* src, size_t src_step, int src_width, int src
         bdelta[x] = roundToInt(M[3] * x * (1 << kTableBits));
         small = small && std::abs(int64_t(adelta[x])) < kSmall && std::abs(int64_t(bdelta[x])) < kSmall;
     }
-    const WarpPlane plane{src, src_step, src_width, src_height, channels, bilinear, adelta, bdelta, small};
+    // Hardware prefetchers do not follow a rotated row down the source; the
+    // bilinear kernel asks for the lines that row y + 4 will need.
+    const double rows_ahead = 4;
+    const ptrdiff_t ahead = ptrdiff_t(std::lround(M[4] * rows_ahead)) * ptrdiff_t(src_step) +
+                            ptrdiff_t(std::lround(M[1] * rows_ahead)) * channels;
+    const WarpPlane plane{src, src_step, src_width, src_height, channels, bilinear, adelta, bdelta, small, ahead};
     const WarpRowFn row = warpRowKernel(isa);
     const int32_t round = bilinear ? kBilinearRound : kNearestRound;
     for (int y = 0; y < dst_height; ++y) {

@@ -43,6 +43,9 @@ struct WarpPlane {
     // spans fewer than 2^31 bytes, so the vector kernels may use 32-bit
     // offsets and need not care for wrap-around.
     bool small;
+    // Bytes from a source position to where the same destination column of
+    // a later row samples (a prefetch hint only; 0 for none).
+    ptrdiff_t ahead;
 };
 
 // Writes `width` pixels of one destination row whose start is (x0, y0) in
