@@ -163,7 +163,8 @@ TEST(FastWarp, MatchesOpenCv) {
                         if (isa > impl::detectedIsa()) continue;
                         Dst ours(w, h, channels);
                         warp(src, ours, w, h, m.m, bilinear, isa);
-                        EXPECT_TRUE(ours.samePixels(cv)) << label(m, channels, bilinear, w) << " " << impl::isaName(isa);
+                        EXPECT_TRUE(ours.samePixels(cv))
+                            << label(m, channels, bilinear, w) << " " << impl::isaName(isa);
                     }
                 }
     }

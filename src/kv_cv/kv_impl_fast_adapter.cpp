@@ -304,8 +304,8 @@ bool invertible(const float matrix[6]) {
 
 }  // namespace
 
-// Byte planes: our warp (kv_impl_fast_warp), OpenCV's arithmetic at four
-// times its speed; OpenCV keeps the float planes.
+// Byte planes: our warp (kv_impl_fast_warp), OpenCV's arithmetic at about
+// three times its speed; OpenCV keeps the float planes.
 bool warpAffinePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst,
                      size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
                      const float matrix[6], bool bilinear) {

@@ -1,7 +1,9 @@
 // Affine warp of byte planes: the scalar reference that defines the bytes
-// (OpenCV 4.6's fixed point, see the header), the AVX2 row kernel that runs
-// eight pixels at a time on the columns whose taps all lie inside the source
-// and hands the rest of the row to the reference, and the plane driver.
+// (OpenCV 4.6's fixed point, see the header), the AVX2 row kernel, and the
+// plane driver. Per row the AVX2 kernel finds by binary search the columns
+// whose taps all lie inside the source (eight pixels at a time there), zeroes
+// the columns that cannot touch it, and leaves the few in between to the
+// reference's formulas.
 #include "kv_cv/kv_impl_fast_warp.h"
 
 #include <immintrin.h>
@@ -187,7 +189,8 @@ __attribute__((always_inline)) inline void storePixels(__m256i v, const Masks& m
 
 // The 8 bytes at `o0` of the top and bottom rows in the low half, those at
 // `o1` in the high half.
-__attribute__((always_inline)) inline __m256i loadTaps(const uint8_t* top, const uint8_t* bottom, uint32_t o0, uint32_t o1) {
+__attribute__((always_inline)) inline __m256i loadTaps(const uint8_t* top, const uint8_t* bottom, uint32_t o0,
+                                                       uint32_t o1) {
     const __m128d lo = _mm_loadh_pd(_mm_castsi128_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(top + o0))),
                                     reinterpret_cast<const double*>(bottom + o0));
     const __m128d hi = _mm_loadh_pd(_mm_castsi128_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(top + o1))),
@@ -206,7 +209,8 @@ __attribute__((always_inline)) inline __m256i byteOffsets(__m256i sx, __m256i sy
 
 // Eight pixels from column x on; every tap inside the source.
 template <int CN>
-__attribute__((always_inline)) inline void nearest8(const WarpPlane& p, __m256i x0, __m256i y0, __m256i step, const Masks& m, int x, uint8_t* d) {
+__attribute__((always_inline)) inline void nearest8(const WarpPlane& p, __m256i x0, __m256i y0, __m256i step,
+                                                    const Masks& m, int x, uint8_t* d) {
     const __m256i xs = _mm256_add_epi32(x0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p.adelta + x)));
     const __m256i ys = _mm256_add_epi32(y0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p.bdelta + x)));
     const __m256i off = byteOffsets<CN>(_mm256_srai_epi32(xs, kTableBits), _mm256_srai_epi32(ys, kTableBits), step);
