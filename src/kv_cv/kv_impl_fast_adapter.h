@@ -133,10 +133,16 @@ void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int
                          size_t dst_step, int dst_width, int dst_height, int channels, BilinearPlaneCache& cache);
 // Warps a plane of 1 to 4 channels of bytes or floats by `matrix` (2x3 row-major, source to
 // destination); destination pixels that map outside the source become 0.
-// Returns false, writing nothing, when the matrix is singular.
+// Returns false, writing nothing, when the matrix is singular. Byte planes run
+// the module's own warp (kv_impl_fast_warp), which gives OpenCV's bytes;
+// float planes go to OpenCV. warpAffinePlaneWithLibrary is OpenCV for both,
+// so that tests can hold the kernel against it.
 bool warpAffinePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst,
                      size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
                      const float matrix[6], bool bilinear);
+bool warpAffinePlaneWithLibrary(const void* src, size_t src_step, int src_width, int src_height, void* dst,
+                                size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
+                                const float matrix[6], bool bilinear);
 // Rotates a plane of `pixel_bytes`-byte pixels (1 to 4; width x height is the
 // source size): code 1 is 90 degrees counter-clockwise, 2 is 180 degrees, 3
 // is 270 degrees counter-clockwise.
