@@ -3,7 +3,8 @@
 // libyuv for BGR to YUV (it averages 2x2 chroma blocks; OpenCV's BGR to I420
 // takes one pixel per block), channel swaps, plane splits and merges and
 // 1-byte rotation; OpenCV for float bilinear and non-integer area resizing
-// and for affine warps; plain loops for nearest resizing; the bilinear
+// and for warps of float planes; plain loops for nearest resizing; our warp
+// (kv_impl_fast_warp, OpenCV's arithmetic) for byte planes; the bilinear
 // scalers' row kernels (kv_impl_scale_rows) for bilinear resizing of byte
 // planes; our kernels (kv_impl_fast_kernels) for gray, byte/float,
 // half/float, 3-byte rotation and integer-factor area reduction, where they
