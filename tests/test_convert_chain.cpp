@@ -1,6 +1,5 @@
 // Scaler and FormatConverter chained in one pass, in both orders, against the
-// same steps done whole frame by whole frame. Built when the scaler exists.
-#if __has_include("kv_cv/kv_scaler.h")
+// same steps done whole frame by whole frame.
 
 #include <gtest/gtest.h>
 
@@ -83,4 +82,3 @@ TEST(ConvertChain, Nv12ThenScalerThenConverter) {
 
 }  // namespace
 
-#endif  // __has_include("kv_cv/kv_scaler.h")

@@ -286,7 +286,6 @@ std::string parseBackendName(const std::string& text) {
     throw UsageError("--backend must be base or fast, got '" + text + "'");
 }
 
-void notAvailable(const std::string& what) { throw RunError(what + " is not available in this build"); }
 
 // ---- files ----------------------------------------------------------------------
 
@@ -453,11 +452,10 @@ void convertFrame(kv::ICvBackend& primary, bool fallback, const kv::Frame& src, 
     withBackend(primary);
     std::unique_ptr<kv::ICvBackend> other;
     if (fallback) {
-        for (const char* name : {"fast", "base"})
-            if (backendAvailable(name)) {
-                auto b = makeBackend(name);
-                if (typeid(*b) != typeid(primary)) other = std::move(b);
-            }
+        for (const char* name : {"fast", "base"}) {
+            auto b = makeBackend(name);
+            if (typeid(*b) != typeid(primary)) other = std::move(b);
+        }
         if (other) withBackend(*other);
         if (Converter pipeline = rowPipelineConverter()) converters.push_back(std::move(pipeline));
     }

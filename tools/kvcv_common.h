@@ -82,17 +82,12 @@ std::string formatName(kv::FrameFormat format);  // "NV12", "BGR_8"
 
 // ---- backends ---------------------------------------------------------------
 
-// "base" is the library's generic backend on its row pipeline, "fast" the SIMD
-// one. Throws RunError "... not available in this build" when the backend is
-// not part of this build.
+// "base" is the library's generic backend on its row pipeline, "fast" the SIMD one.
 std::unique_ptr<kv::ICvBackend> makeBackend(const std::string& name);
-// The fast backend when it is in the build, else the base one.
+// The fast backend.
 std::unique_ptr<kv::ICvBackend> anyBackend();
 // "base" | "fast", or a UsageError.
 std::string parseBackendName(const std::string& text);
-bool backendAvailable(const std::string& name);
-// Throws RunError naming `what` as not available in this build.
-[[noreturn]] void notAvailable(const std::string& what);
 
 // ---- frames and files ---------------------------------------------------------
 

@@ -23,27 +23,12 @@
 #include "kv_core/kv_exception.h"
 #include "kvcv_common.h"
 
-#if __has_include("kv_cv/kv_scaler.h") && __has_include("kv_cv/kv_format_converter.h")
 #include "kv_cv/kv_format_converter.h"
 #include "kv_cv/kv_scaler.h"
-#define KVCV_HAVE_PIPELINE 1
-#else
-#define KVCV_HAVE_PIPELINE 0
-#endif
 
-#if __has_include("kv_cv/kv_cv_helpers.h")
 #include "kv_cv/kv_cv_helpers.h"
-#define KVCV_HAVE_HELPERS 1
-#else
-#define KVCV_HAVE_HELPERS 0
-#endif
 
-#if __has_include("kv_cv/kv_group_rectangles.h")
 #include "kv_cv/kv_group_rectangles.h"
-#define KVCV_HAVE_GROUPING 1
-#else
-#define KVCV_HAVE_GROUPING 0
-#endif
 
 namespace fs = std::filesystem;
 
@@ -71,7 +56,7 @@ public:
         : _dir(std::move(dir)), _min_time(min_time),
           _table({"operation", "backend", "time/call", "base vs fast", "note"}) {
         for (int i = 0; i < 2; ++i)
-            if (backendAvailable(kBackends[i])) _backend[i] = makeBackend(kBackends[i]);
+            _backend[i] = makeBackend(kBackends[i]);
     }
 
     kv::ICvBackend* backend(int i) { return _backend[i].get(); }
@@ -105,9 +90,6 @@ public:
         status(op);
         _table.add({op, backend, seconds > 0 ? formatDuration(seconds) : std::string("-"), diff, note});
     }
-    void missing(const std::string& op, const std::string& backend, const std::string& what) {
-        _table.add({op, backend, "-", "-", what + " not in this build"});
-    }
 
     void write(const std::string& name, const kv::Frame& frame) {
         writeImage((_dir / name).string(), frame);
@@ -130,10 +112,6 @@ public:
         std::string note[2];
         bool ok[2] = {false, false};
         for (int i = 0; i < 2; ++i) {
-            if (!_backend[i]) {
-                note[i] = std::string("the ") + kBackends[i] + " backend is not in this build";
-                continue;
-            }
             kv::ICvBackend& b = *_backend[i];
             kv::Frame& o = out[i];
             ok[i] = time([&] { fn(b, o); }, t[i], note[i]);
@@ -269,7 +247,6 @@ int runDemo(int argc, char** argv) {
     const kv::Size piped((size.width * 2 / 3) & ~1, (size.height * 2 / 3) & ~1);
     const std::string pipe_op = "NV12 " + sizeText(even_size) + " -> scale -> BGR " + sizeText(piped);
     kv::Frame pipe_out;
-#if KVCV_HAVE_PIPELINE
     if (nv12.initialized()) {
         kv::Scaler scaler;
         kv::FormatConverter converter;
@@ -289,9 +266,6 @@ int runDemo(int argc, char** argv) {
     } else {
         demo.row(pipe_op, "row pipeline", 0, "-", "no backend could make the NV12 frame");
     }
-#else
-    demo.missing(pipe_op, "row pipeline", "Scaler / FormatConverter");
-#endif
     demo.perBackend(pipe_op + " (convert)", "convert_nv12_bgr",
                     [&](kv::ICvBackend& b, kv::Frame& out) {
                         if (!nv12.initialized()) throw RunError("no backend could make the NV12 frame");
@@ -304,7 +278,6 @@ int runDemo(int argc, char** argv) {
                     });
 
     // ---- rotations: fixed quarter turns, an angle, an affine warp ----
-#if KVCV_HAVE_HELPERS
     {
         kv::Frame turned[4];
         for (int r = 1; r <= 3; ++r) {
@@ -331,9 +304,6 @@ int runDemo(int argc, char** argv) {
         }
         demo.row("rotate 30 degrees", "helpers (fast)", t, "-", note);
     }
-#else
-    demo.missing("rotate 90/180/270, rotate 30 degrees", "helpers", "kv::rotateFrame");
-#endif
     float warp[2][3] = {{0.8f, 0.25f, 20.f}, {-0.1f, 0.9f, 40.f}};
     demo.perBackend("affine warp (scale, shear, shift)", "warp", [&](kv::ICvBackend& b, kv::Frame& out) {
         out.reuse(kv::FRAME_BGR_8, size, kv::DeviceContext::cpuContext());
@@ -354,10 +324,6 @@ int runDemo(int argc, char** argv) {
         double t[2] = {0, 0};
         std::string note[2];
         for (int i = 0; i < 2; ++i) {
-            if (!demo.backend(i)) {
-                note[i] = std::string("the ") + kBackends[i] + " backend is not in this build";
-                continue;
-            }
             tensor[i].reuse(layout);
             tensor[i].setZero();
             ok[i] = demo.time([&] { demo.backend(i)->cropAndResize(chart, tensor[i], {roi}, {box}); }, t[i], note[i]);
@@ -390,7 +356,6 @@ int runDemo(int argc, char** argv) {
     });
 
     // ---- grouping of rectangles ----
-#if KVCV_HAVE_GROUPING
     {
         std::vector<kv::Rect> input;
         const kv::Rect centres[3] = {kv::Rect(size.width / 10, size.height / 2, size.width / 5, size.height / 4),
@@ -428,12 +393,8 @@ int runDemo(int argc, char** argv) {
         }
         demo.row("group rectangles", "-", t, "-", note);
     }
-#else
-    demo.missing("group rectangles", "-", "kv::groupRectangles");
-#endif
 
     // ---- half-float round trip ----
-#if KVCV_HAVE_HELPERS
     if (chart_f.initialized()) {
         const size_t count = size_t(size.width) * size_t(size.height) * 3;
         std::vector<float> values(count), back(count);
@@ -462,9 +423,6 @@ int runDemo(int argc, char** argv) {
     } else {
         demo.row("half float round trip", "helpers", 0, "-", "no backend could make the float frame");
     }
-#else
-    demo.missing("half float round trip", "helpers", "kv::convertFp32ToFp16");
-#endif
 
     demo.endStatus();
     std::printf("kvcv demo: test chart %s (colour round trips on its even %s part), results in %s/\n\n",

@@ -5,12 +5,7 @@
 
 #include "kvcv_common.h"
 
-#if __has_include("kv_cv/kv_cv_helpers.h")
 #include "kv_cv/kv_cv_helpers.h"
-#define KVCV_HAVE_HELPERS 1
-#else
-#define KVCV_HAVE_HELPERS 0
-#endif
 
 namespace kvcv {
 
@@ -65,7 +60,6 @@ int runRotate(int argc, char** argv) {
     const kv::FrameFormat out_format = outFormat(args);
     const Image in = readImage(args.positional()[0], wanted);
     kv::Frame out;
-#if KVCV_HAVE_HELPERS
     if (fixed_rotation) {
         kv::rotateFrame(in.frame, static_cast<kv::FixedRotation>(fixed_rotation), out);
     } else {
@@ -87,12 +81,6 @@ int runRotate(int argc, char** argv) {
         std::printf("rotated rectangle %d,%d,%dx%d lies at %d,%d,%dx%d of the output\n", rect.x, rect.y, rect.width,
                     rect.height, placed.x, placed.y, placed.width, placed.height);
     }
-#else
-    (void)fixed_rotation;
-    (void)angle;
-    (void)given_rect;
-    notAvailable("rotation (kv::rotateFrame)");
-#endif
     writeResult(args.positional()[1], out, out_format, "fast", false);
     return kExitOk;
 }

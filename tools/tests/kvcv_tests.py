@@ -5,9 +5,7 @@ Usage: kvcv_tests.py --list
        kvcv_tests.py KVCV TEST WORKDIR
 
 Each test runs the built tool and checks its files with independent readers
-(PNG and .npy are decoded here with the standard library). A test whose
-library piece is not part of the build (the tool says "not available in this
-build") exits 77, which ctest counts as skipped.
+(PNG and .npy are decoded here with the standard library).
 """
 import os
 import shutil
@@ -15,13 +13,6 @@ import struct
 import subprocess
 import sys
 import zlib
-
-SKIP = 77
-
-
-class Skip(Exception):
-    pass
-
 
 class Failure(Exception):
     pass
@@ -128,10 +119,8 @@ class Tool:
     def path(self, *parts):
         return os.path.join(self.work, *parts)
 
-    def run(self, *args, expect=0, skip_unavailable=True):
+    def run(self, *args, expect=0):
         proc = subprocess.run([self.exe] + [str(a) for a in args], capture_output=True, text=True, timeout=100)
-        if skip_unavailable and proc.returncode == 1 and "not available in this build" in proc.stderr:
-            raise Skip(proc.stderr.strip())
         for bad in ("Traceback", "terminate called", "Segmentation", "AddressSanitizer", "runtime error"):
             check(bad not in proc.stderr, f"kvcv {' '.join(map(str, args))} crashed:\n{proc.stderr}")
         if expect is not None and proc.returncode != expect:
@@ -169,7 +158,7 @@ def test_help(t):
     top = t.run("--help")
     check("usage:" in top.stdout, "kvcv --help prints no usage")
     for cmd in ("demo", "convert", "resize", "rotate", "tensor", "batch", "bench"):
-        p = t.run(cmd, "--help", skip_unavailable=False)
+        p = t.run(cmd, "--help")
         check(p.stdout.startswith("usage: kvcv " + cmd), f"kvcv {cmd} --help: {p.stdout[:80]}")
 
 
@@ -219,7 +208,7 @@ def test_bad_arguments(t):
         ["demo", "--size", "8x8"],
     ]
     for args in cases:
-        p = t.run(*args, expect=2, skip_unavailable=False)
+        p = t.run(*args, expect=2)
         lines = message_lines(p.stderr)
         check(len(lines) == 1, f"kvcv {' '.join(args)}: want one line on stderr, got:\n{p.stderr}")
         check(p.stdout == "", f"kvcv {' '.join(args)}: unexpected stdout {p.stdout!r}")
@@ -247,11 +236,11 @@ def test_unreadable_files(t):
         ["batch", t.path("missing"), t.path("out"), "--size", "4x4"],
     ]
     for args in cases:
-        p = t.run(*args, expect=1, skip_unavailable=False)
+        p = t.run(*args, expect=1)
         lines = message_lines(p.stderr)
         check(len(lines) == 1, f"kvcv {' '.join(args)}: want one line on stderr, got:\n{p.stderr}")
     # A raw frame given without its format is not decodable, and the message says what to do.
-    p = t.run("convert", t.path("short.nv12"), t.path("o.png"), expect=1, skip_unavailable=False)
+    p = t.run("convert", t.path("short.nv12"), t.path("o.png"), expect=1)
     check("--in-format" in p.stderr, "no hint about --in-format: " + p.stderr)
 
 
@@ -282,29 +271,22 @@ def test_convert_yuv_roundtrips(t):
              "i420": lambda w, h: w * h + 2 * ((w + 1) // 2) * ((h + 1) // 2),
              "yuv444p": lambda w, h: 3 * w * h,
              "gray": lambda w, h: w * h}
-    ran = 0
     for w, h in ((32, 20), (33, 21)):
         name = f"in_{w}x{h}.png"
         write_png(t.path(name), w, h, smooth(w, h))
         _, _, _, rows = read_png(t.path(name))
         for fmt, size in sizes.items():
             raw = t.path(f"out_{w}x{h}.{fmt}")
-            try:
-                t.run("convert", t.path(name), raw, "--to", fmt)
-                check(os.path.getsize(raw) == size(w, h), f"{fmt} {w}x{h}: {os.path.getsize(raw)} bytes")
-                back = t.path(f"back_{w}x{h}_{fmt}.png")
-                t.run("convert", raw, back, "--in-format", fmt, "--in-size", f"{w}x{h}")
-            except Skip:
-                continue
-            ran += 1
+            t.run("convert", t.path(name), raw, "--to", fmt)
+            check(os.path.getsize(raw) == size(w, h), f"{fmt} {w}x{h}: {os.path.getsize(raw)} bytes")
+            back = t.path(f"back_{w}x{h}_{fmt}.png")
+            t.run("convert", raw, back, "--in-format", fmt, "--in-size", f"{w}x{h}")
             bw, bh, channels, back_rows = read_png(back)
             check((bw, bh) == (w, h), f"{fmt}: round trip size {bw}x{bh}")
             if fmt == "gray":
                 check(channels == 1, "a gray frame is written as a gray PNG")
                 continue
             check(max_diff(rows, back_rows) <= 12, f"{fmt} {w}x{h}: round trip error {max_diff(rows, back_rows)}")
-    if not ran:
-        raise Skip("no YUV conversion in this build")
     # Image to image through a format: the PNG shows the NV12 version.
     t.run("convert", t.path("in_32x20.png"), t.path("shown.png"), "--to", "nv12")
     check(read_png(t.path("shown.png"))[:2] == (32, 20), "image output through NV12")
@@ -314,17 +296,12 @@ def test_resize_sizes(t):
     # Every method on both backends gives the asked size, and a constant image stays constant.
     write_png(t.path("busy.png"), 23, 17, busy)
     write_png(t.path("flat.png"), 23, 17, lambda x, y: (200, 30, 90))
-    ran = 0
     for backend in ("base", "fast"):
         for method in ("nearest", "bilinear", "area"):
             for w, h in ((1, 1), (7, 5), (11, 17), (23, 3)):
                 out = t.path(f"r_{backend}_{method}_{w}x{h}.png")
-                try:
-                    t.run("resize", t.path("busy.png"), out, "--size", f"{w}x{h}", "--method", method,
-                          "--backend", backend)
-                except Skip:
-                    continue
-                ran += 1
+                t.run("resize", t.path("busy.png"), out, "--size", f"{w}x{h}", "--method", method,
+                      "--backend", backend)
                 check(read_png(out)[:2] == (w, h), f"{backend} {method} {w}x{h}: wrong size")
                 flat = t.path(f"f_{backend}_{method}_{w}x{h}.png")
                 t.run("resize", t.path("flat.png"), flat, "--size", f"{w}x{h}", "--method", method,
@@ -338,14 +315,9 @@ def test_resize_sizes(t):
             # Enlarging: bilinear and nearest on every backend.
             if method != "area":
                 out = t.path(f"up_{backend}_{method}.png")
-                try:
-                    t.run("resize", t.path("busy.png"), out, "--size", "40x31", "--method", method,
-                          "--backend", backend)
-                    check(read_png(out)[:2] == (40, 31), "enlarged size")
-                except Skip:
-                    pass
-    if not ran:
-        raise Skip("no backend in this build")
+                t.run("resize", t.path("busy.png"), out, "--size", "40x31", "--method", method,
+                      "--backend", backend)
+                check(read_png(out)[:2] == (40, 31), "enlarged size")
     # A raw NV12 frame is resized as NV12.
     with open(t.path("cam.nv12"), "wb") as f:
         f.write(bytes((i * 7) & 255 for i in range(17 * 11 + 2 * 9 * 6)))
@@ -498,9 +470,6 @@ def main():
     os.makedirs(work)
     try:
         TESTS[name](Tool(exe, work))
-    except Skip as e:
-        print(f"skipped: {e}")
-        return SKIP
     except Failure as e:
         print(f"FAILED: {e}")
         return 1
