@@ -175,6 +175,9 @@ Frame expectedFrame(Frame& src, FrameFormat dst_format) {
 
 using kvtest::IsaCap;
 
+const char* const kConverterFile = "src/kv_cv/kv_format_converter";
+const char* const kImplFile = "src/kv_cv/kv_impl_format_converter";
+
 Frame convert(const Frame& src, FrameFormat dst_format) {
     FormatConverter c;
     c.reuse(src, dst_format);
@@ -182,20 +185,6 @@ Frame convert(const Frame& src, FrameFormat dst_format) {
     produceFrame(c, out);
     return out;
 }
-
-// Checks status, message, function and line of the exception `stmt` throws.
-#define EXPECT_KV_THROW_AT(stmt, status_value, function_name, line_number, message_text) \
-    do {                                                                                  \
-        try {                                                                             \
-            stmt;                                                                         \
-            ADD_FAILURE() << "no exception from " #stmt;                                  \
-        } catch (const kv::Exception& e_) {                                               \
-            EXPECT_EQ(int(e_.status()), int(status_value));                               \
-            EXPECT_EQ(e_.message(), std::string(message_text));                           \
-            EXPECT_EQ(e_.function(), std::string(function_name));                        \
-            EXPECT_EQ(e_.line(), line_number);                                            \
-        }                                                                                 \
-    } while (0)
 
 const FrameFormat kAllFormats[] = {
     FRAME_GRAY_8, FRAME_RGB_8,  FRAME_RGB_8_PLANAR, FRAME_BGR_8,         FRAME_BGR_8_PLANAR,  FRAME_I420,
@@ -436,18 +425,16 @@ TEST(FormatConvert, ErrorsCarryStatusFunctionLineAndMessage) {
     FormatConverter c;
     const Frame empty;
     const Frame bgr(FRAME_BGR_8, Size(4, 4));
-    EXPECT_KV_THROW_AT(c.reuse(empty, FRAME_BGR_8), 6, kReuse, 81, "Parameter 'frame' is not initialized.");
-    EXPECT_KV_THROW_AT(c.reuse(empty, FRAME_UNDEFINED), 6, kReuse, 81, "Parameter 'frame' is not initialized.");
-    EXPECT_KV_THROW_AT(c.reuse(bgr, FRAME_UNDEFINED), 29, kReuse, 88, "Invalid value for parameter 'dst_format'.");
+    EXPECT_KV_THROW_AT(c.reuse(empty, FRAME_BGR_8), 6, "Parameter 'frame' is not initialized.", kReuse, kConverterFile, 81);
+    EXPECT_KV_THROW_AT(c.reuse(empty, FRAME_UNDEFINED), 6, "Parameter 'frame' is not initialized.", kReuse, kConverterFile, 81);
+    EXPECT_KV_THROW_AT(c.reuse(bgr, FRAME_UNDEFINED), 29, "Invalid value for parameter 'dst_format'.", kReuse, kConverterFile, 88);
     FormatConverter unready;
-    EXPECT_KV_THROW_AT(c.reuse(unready, FRAME_BGR_8), 6, kReuse, 119, "Parameter 'producer' is not initialized.");
+    EXPECT_KV_THROW_AT(c.reuse(unready, FRAME_BGR_8), 6, "Parameter 'producer' is not initialized.", kReuse, kConverterFile, 119);
     RowCopier copier;
     copier.reuse(bgr);
-    EXPECT_KV_THROW_AT(c.reuse(copier, FRAME_UNDEFINED), 29, kReuse, 126,
-                       "Invalid value for parameter 'dst_format'.");
+    EXPECT_KV_THROW_AT(c.reuse(copier, FRAME_UNDEFINED), 29, "Invalid value for parameter 'dst_format'.", kReuse, kConverterFile, 126);
     RowData row;
-    EXPECT_KV_THROW_AT(unready.produce(row), 7, "kv::FormatConverter::produce", 166,
-                       "FormatConverter is not initialized. Call FormatConverter::reuse(...) first.");
+    EXPECT_KV_THROW_AT(unready.produce(row), 7, "FormatConverter is not initialized. Call FormatConverter::reuse(...) first.", "kv::FormatConverter::produce", kConverterFile, 166);
     EXPECT_FALSE(unready.next());
 
     constexpr const char* kGet = "kv::Impl::ImplFormatConverter::get_context";
@@ -476,12 +463,11 @@ TEST(FormatConvert, ErrorsCarryStatusFunctionLineAndMessage) {
     for (const auto& k : cases) {
         Impl::ImplFormatConverter impl;
         int window = 0;
-        EXPECT_KV_THROW_AT(impl.reuse(k.src, k.dst, 4, &window), k.status, k.function, k.line, kMsg);
+        EXPECT_KV_THROW_AT(impl.reuse(k.src, k.dst, 4, &window), k.status, kMsg, k.function, kImplFile, k.line);
         EXPECT_FALSE(impl.ready());
     }
     Impl::ImplFormatConverter impl;
-    EXPECT_KV_THROW_AT(impl.reuse(FRAME_BGR_8, FRAME_I420, 4, nullptr), 29, "kv::Impl::ImplFormatConverter::reuse",
-                       41, "Failure in ImplFormatConverter::reuse(...) : Null pointer to window size.");
+    EXPECT_KV_THROW_AT(impl.reuse(FRAME_BGR_8, FRAME_I420, 4, nullptr), 29, "Failure in ImplFormatConverter::reuse(...) : Null pointer to window size.", "kv::Impl::ImplFormatConverter::reuse", kImplFile, 41);
     // Through the producer, unsupported pairs pass the same errors on.
     EXPECT_KV_THROW(c.reuse(bgr, FRAME_C4_8), 29, kMsg);
     EXPECT_KV_THROW(c.reuse(Frame(FRAME_RGB_8_PLANAR, Size(4, 4)), FRAME_GRAY_8), 8, kMsg);

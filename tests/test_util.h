@@ -1,5 +1,6 @@
 // Shared helpers of the test suite: seeded random frames, row-exact frame
-// comparison, and exception matching.
+// comparison, instruction-set capping, and exception matching (status and
+// message, or everything an exception carries).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -89,4 +90,21 @@ inline std::vector<kv::impl::Isa> availableIsas() {
             EXPECT_EQ(int(e_.status()), int(status_value));                                 \
             EXPECT_EQ(e_.message(), std::string(message_text));                             \
         }                                                                                   \
+    } while (0)
+
+
+// Expects `stmt` to throw kv::Exception with this status, exact message,
+// function, source file and line.
+#define EXPECT_KV_THROW_AT(stmt, status_value, message_text, function_name, file_name, line_value) \
+    do {                                                                                         \
+        try {                                                                                    \
+            stmt;                                                                                \
+            ADD_FAILURE() << "no exception from " #stmt;                                         \
+        } catch (const kv::Exception& e_) {                                                      \
+            EXPECT_EQ(int(e_.status()), int(status_value)) << #stmt;                             \
+            EXPECT_EQ(e_.message(), std::string(message_text)) << #stmt;                         \
+            EXPECT_EQ(e_.function(), std::string(function_name)) << #stmt;                      \
+            EXPECT_EQ(e_.file(), std::string(file_name)) << #stmt;                               \
+            EXPECT_EQ(e_.line(), int(line_value)) << #stmt;                                      \
+        }                                                                                        \
     } while (0)
