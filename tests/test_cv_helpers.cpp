@@ -131,18 +131,19 @@ TEST(CvHelpers, FixedRotationErrors) {
     gray.setZero();
     EXPECT_KV_THROW_AT(rotateFrame(gray, FixedRotation(4), dst), 6, "Invalid fixed rotation 4", fn, kHelpersFile, 76);
     EXPECT_KV_THROW_AT(rotateFrame(gray, FixedRotation(-1), dst), 6, "Invalid fixed rotation -1", fn, kHelpersFile, 76);
-    EXPECT_KV_THROW_AT(rotateFrame(Frame(), Rotate90, dst), 2, "Assertion failed: src.initialized()", fn, kHelpersFile, 54);
+    EXPECT_KV_THROW_AT(rotateFrame(Frame(), Rotate90, dst), 2, "Assertion failed: src.initialized()", fn, kHelpersFile,
+                       54);
     Frame floats(FRAME_FLOAT_32, Size(4, 2));
     EXPECT_KV_THROW_AT(rotateFrame(floats, Rotate90, dst), 2,
-                        "Assertion failed: src.layout().plane[0].bits_per_channel == 8", fn, kHelpersFile, 56);
+                       "Assertion failed: src.layout().plane[0].bits_per_channel == 8", fn, kHelpersFile, 56);
     std::vector<uint8_t> mem(8);
     Frame gpu = Frame::wrap(FRAME_GRAY_8, Size(4, 2), mem.data(), 4, DeviceContext(KV_DEVICE_GPU, 0, nullptr));
     EXPECT_KV_THROW_AT(rotateFrame(gpu, Rotate90, dst), 2,
-                        "Assertion failed: src.deviceContext() == DeviceContext::cpuContext()", fn, kHelpersFile, 55);
+                       "Assertion failed: src.deviceContext() == DeviceContext::cpuContext()", fn, kHelpersFile, 55);
     Frame nv16(FRAME_NV16, Size(4, 2));
     nv16.setZero();
-    EXPECT_KV_THROW_AT(rotateFrame(nv16, Rotate90, dst), 8, "rotateFrame: Unsupported format FRAME_NV16 for rotation 1.",
-                        fn, kHelpersFile, 82);
+    EXPECT_KV_THROW_AT(rotateFrame(nv16, Rotate90, dst), 8,
+                       "rotateFrame: Unsupported format FRAME_NV16 for rotation 1.", fn, kHelpersFile, 82);
     rotateFrame(nv16, Rotate180, dst);  // chroma keeps its shape
     EXPECT_EQ(dst.size(), Size(4, 2));
     rotateFrame(gray, Rotate0, dst);
@@ -190,9 +191,9 @@ TEST(CvHelpers, AngleRotation) {
         for (int x = 0; x < 12; ++x) EXPECT_EQ(dst.rowCpuData(0, y)[x], 0);
 
     EXPECT_KV_THROW_AT(rotateFrame(Frame(), corner, 10.f, dst, placed), 2, "Assertion failed: src.initialized()",
-                        "kv::rotateFrame", kHelpersFile, 95);
+                       "kv::rotateFrame", kHelpersFile, 95);
     EXPECT_KV_THROW_AT(rotateFrame(src, Rect(1, 1, 0, 5), 10.f, dst, placed), 2, "Assertion failed: !rect.empty()",
-                        "kv::rotateFrame", kHelpersFile, 97);
+                       "kv::rotateFrame", kHelpersFile, 97);
 }
 
 TEST(CvHelpers, InvertAffineTransform) {
@@ -259,13 +260,12 @@ TEST(CvHelpers, TensorFp16ToFp32) {
 
     const char* fn = "kv::tensorFp16ToFp32";
     Tensor floats(TensorLayout(TENSOR_FLOAT_32, TENSOR_NCHW, TensorSize{1, 1, 2, 2}));
-    EXPECT_KV_THROW_AT(tensorFp16ToFp32(floats, dst), 2,
-                        "Assertion failed: src.initialized() && src.layout().dataType() == TENSOR_FLOAT_16", fn, kHelpersFile, 150);
-    EXPECT_KV_THROW_AT(tensorFp16ToFp32(Tensor(), dst), 2,
-                        "Assertion failed: src.initialized() && src.layout().dataType() == TENSOR_FLOAT_16", fn, kHelpersFile, 150);
+    const char* const kFp16 = "Assertion failed: src.initialized() && src.layout().dataType() == TENSOR_FLOAT_16";
+    EXPECT_KV_THROW_AT(tensorFp16ToFp32(floats, dst), 2, kFp16, fn, kHelpersFile, 150);
+    EXPECT_KV_THROW_AT(tensorFp16ToFp32(Tensor(), dst), 2, kFp16, fn, kHelpersFile, 150);
     Tensor gpu(layout, DeviceContext(KV_DEVICE_GPU, 0, nullptr));
     EXPECT_KV_THROW_AT(tensorFp16ToFp32(gpu, dst), 2,
-                        "Assertion failed: src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() "
-                        "== dst.deviceContext()",
-                        fn, kHelpersFile, 151);
+                       "Assertion failed: src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() "
+                       "== dst.deviceContext()",
+                       fn, kHelpersFile, 151);
 }
