@@ -32,7 +32,7 @@ const char* const kSimdFile = "src/kv_cv/kv_cv_backend_simd";
 
 // ---- Per-pixel oracle ----------------------------------------------------------
 
-bool isYuv(FrameFormat f) { return f >= FRAME_I420 && f <= FRAME_YUV444_PLANAR; }
+using kvtest::isYuv;
 bool isFloat(FrameFormat f) { return f == FRAME_GRAY_FLOAT_32 || f == FRAME_FLOAT_32_C3 || f == FRAME_FLOAT_32_C3_PLANAR; }
 bool isGray(FrameFormat f) { return f == FRAME_GRAY_8 || f == FRAME_GRAY_FLOAT_32; }
 // +1: R first; -1: B first; 0: the float formats, which keep the order of the
@@ -66,18 +66,9 @@ Px readRaw(const Frame& f, int x, int y) {
 
 // (Y, U, V) of pixel (x, y), chroma from the sample that covers it.
 Px readYuv(const Frame& f, int x, int y) {
-    auto b = [&](int p, int bx, int by) { return double(f.rowCpuData(size_t(p), by)[bx]); };
-    const double luma = f.format() == FRAME_YUV444 ? b(0, 3 * x, y) : b(0, x, y);
-    switch (f.format()) {
-        case FRAME_I420: return {{luma, b(1, x / 2, y / 2), b(2, x / 2, y / 2)}};
-        case FRAME_NV12: return {{luma, b(1, x / 2 * 2, y / 2), b(1, x / 2 * 2 + 1, y / 2)}};
-        case FRAME_NV21: return {{luma, b(1, x / 2 * 2 + 1, y / 2), b(1, x / 2 * 2, y / 2)}};
-        case FRAME_NV16: return {{luma, b(1, x / 2 * 2, y), b(1, x / 2 * 2 + 1, y)}};
-        case FRAME_YV16: return {{luma, b(2, x / 2, y), b(1, x / 2, y)}};
-        case FRAME_YUV444: return {{luma, b(0, 3 * x + 1, y), b(0, 3 * x + 2, y)}};
-        case FRAME_YUV444_PLANAR: return {{luma, b(1, x, y), b(2, x, y)}};
-        default: return {};
-    }
+    const kvtest::YuvModel m = kvtest::yuvModel(f.format());
+    return {{double(kvtest::lumaAt(f, x, y)), double(kvtest::chromaAt(f, false, x / m.xs, y / m.ys)),
+             double(kvtest::chromaAt(f, true, x / m.xs, y / m.ys))}};
 }
 
 // BT.601 limited range from full-range R, G, B.
@@ -504,29 +495,23 @@ TEST(CvBackendSimdResize, OnePixelHighOrWideDestinationsUseNearest) {
 TEST(CvBackendSimdResize, EveryPlaneAndRegions) {
     // Flat planes stay flat with every method, odd sizes included; only the
     // destination region is written.
+    Frame src(FRAME_I420, Size(12, 10)), dst(FRAME_I420, Size(24, 20)), want(FRAME_I420, Size(24, 20));
+    const auto flat = [](Frame f) {  // a view: fills the frame it was made from
+        for (int p = 0; p < 3; ++p)
+            for (int y = 0; y < f.layout().plane[p].size.height; ++y)
+                std::memset(f.rowCpuData(p, y), 50 + 60 * p, size_t(f.layout().plane[p].size.width));
+    };
+    flat(src);
     for (int method : {0, 1, 2})
         for (Size to : {Size(7, 5), Size(20, 14), Size(3, 9)}) {
-            Frame src(FRAME_I420, Size(12, 10));
-            for (int p = 0; p < 3; ++p)
-                for (int y = 0; y < src.layout().plane[p].size.height; ++y)
-                    std::memset(src.rowCpuData(p, y), 50 + 60 * p, size_t(src.layout().plane[p].size.width));
-            Frame dst(FRAME_I420, Size(24, 20));
+            const Rect dst_roi(2, 4, to.width, to.height);
             dst.setZero();
+            want.setZero();
+            flat(getRegion(want, dst_roi));
             CvBackendSimd b;
             b.setIntProperty(1, method);
-            const Rect dst_roi(2, 4, to.width, to.height);
             b.resize(src, dst, Rect(0, 0, 12, 10), dst_roi);
-            for (int p = 0; p < 3; ++p) {
-                const int s = p ? 2 : 1;
-                for (int y = 0; y < dst.layout().plane[p].size.height; ++y)
-                    for (int x = 0; x < dst.layout().plane[p].size.width; ++x) {
-                        const Frame reg = getRegion(dst, dst_roi);
-                        const bool inside = x >= dst_roi.x / s && x < dst_roi.x / s + reg.layout().plane[p].size.width &&
-                                            y >= dst_roi.y / s && y < dst_roi.y / s + reg.layout().plane[p].size.height;
-                        EXPECT_EQ(dst.rowCpuData(p, y)[x], inside ? 50 + 60 * p : 0)
-                            << "method " << method << " plane " << p << " " << x << "," << y;
-                    }
-            }
+            EXPECT_TRUE(kvtest::framesEqual(dst, want)) << "method " << method << " to " << to.width << "x" << to.height;
         }
 }
 

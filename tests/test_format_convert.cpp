@@ -19,38 +19,11 @@ using namespace kv;
 
 // ---- a pixel model of the formats -------------------------------------------
 
-// Where the samples of a YUV format sit (from the frame format table).
-struct YuvModel {
-    int xs, ys;              // chroma subsampling
-    int up, uo, vp, vo, cs;  // chroma planes, first-byte offsets, step
-    int yo, ystep;           // luma offset and step in plane 0
-};
-
-bool isYuv(FrameFormat f) { return f >= FRAME_I420 && f <= FRAME_YUV444_PLANAR; }
-
-YuvModel yuvModel(FrameFormat f) {
-    switch (f) {
-        case FRAME_I420: return {2, 2, 1, 0, 2, 0, 1, 0, 1};
-        case FRAME_YV12: return {2, 2, 2, 0, 1, 0, 1, 0, 1};
-        case FRAME_NV12: return {2, 2, 1, 0, 1, 1, 2, 0, 1};
-        case FRAME_NV21: return {2, 2, 1, 1, 1, 0, 2, 0, 1};
-        case FRAME_YV16: return {2, 1, 2, 0, 1, 0, 1, 0, 1};
-        case FRAME_YUYV: return {2, 1, 0, 1, 0, 3, 4, 0, 2};
-        case FRAME_UYVY: return {2, 1, 0, 0, 0, 2, 4, 1, 2};
-        case FRAME_NV16: return {2, 1, 1, 0, 1, 1, 2, 0, 1};
-        case FRAME_YUV444: return {1, 1, 0, 1, 0, 2, 3, 0, 3};
-        default: return {1, 1, 1, 0, 2, 0, 1, 0, 1};  // FRAME_YUV444_PLANAR
-    }
-}
-
-uint8_t& lumaAt(Frame& f, int x, int y) {
-    const YuvModel m = yuvModel(f.format());
-    return f.rowCpuData(0, y)[m.yo + x * m.ystep];
-}
-uint8_t& chromaAt(Frame& f, bool v, int cx, int cy) {
-    const YuvModel m = yuvModel(f.format());
-    return f.rowCpuData(v ? m.vp : m.up, cy)[(v ? m.vo : m.uo) + cx * m.cs];
-}
+using kvtest::chromaAt;
+using kvtest::isYuv;
+using kvtest::lumaAt;
+using kvtest::YuvModel;
+using kvtest::yuvModel;
 
 // Channel c (memory order) of pixel (x, y) of an RGB-like 8-bit frame.
 uint8_t channelAt(const Frame& f, int c, int x, int y) {
@@ -71,7 +44,7 @@ int vTermOf(int b, int g, int r) { return 112 * r - 94 * g - 18 * b + 32768; }
 uint8_t clampByte(int v) { return uint8_t(v < 0 ? 0 : v > 255 ? 255 : v); }
 
 // The converted frame as the formulas define it, pixel by pixel.
-Frame expectedFrame(Frame& src, FrameFormat dst_format) {
+Frame expectedFrame(const Frame& src, FrameFormat dst_format) {
     const int w = src.size().width, h = src.size().height;
     Frame dst(dst_format, src.size());
     dst.setZero();  // also the Y byte of a packed pair's missing pixel
@@ -353,7 +326,7 @@ TEST(FormatConvert, SameFormatPassesRowsThrough) {
 
 TEST(FormatConvert, ReuseSwitchesModesAndRepeats) {
     const Frame bgr = kvtest::randomFrame(FRAME_BGR_8, Size(41, 7), 3);
-    const Frame want = expectedFrame(const_cast<Frame&>(bgr), FRAME_NV12);
+    const Frame want = expectedFrame(bgr, FRAME_NV12);
     FormatConverter c;
     for (int round = 0; round < 2; ++round) {
         c.reuse(bgr, FRAME_NV12);

@@ -1,5 +1,5 @@
 // Shared helpers of the test suite: seeded random frames, row-exact frame
-// comparison, instruction-set capping, and exception matching (status and
+// comparison, where YUV samples sit, instruction-set capping, and exception matching (status and
 // message, or everything an exception carries).
 #pragma once
 
@@ -59,6 +59,43 @@ inline ::testing::AssertionResult framesEqual(const kv::Frame& a, const kv::Fram
                                                          << int(ra[x]) << " vs " << int(rb[x]);
         }
     return ::testing::AssertionSuccess();
+}
+
+inline bool isYuv(kv::FrameFormat f) { return f >= kv::FRAME_I420 && f <= kv::FRAME_YUV444_PLANAR; }
+
+// Where the samples of a YUV format sit, as the frame format table gives them.
+struct YuvModel {
+    int xs, ys;              // chroma subsampling
+    int up, uo, vp, vo, cs;  // chroma planes, first-byte offsets, step
+    int yo, ystep;           // luma offset and step in plane 0
+};
+
+inline YuvModel yuvModel(kv::FrameFormat f) {
+    switch (f) {
+        case kv::FRAME_I420: return {2, 2, 1, 0, 2, 0, 1, 0, 1};
+        case kv::FRAME_YV12: return {2, 2, 2, 0, 1, 0, 1, 0, 1};
+        case kv::FRAME_NV12: return {2, 2, 1, 0, 1, 1, 2, 0, 1};
+        case kv::FRAME_NV21: return {2, 2, 1, 1, 1, 0, 2, 0, 1};
+        case kv::FRAME_YV16: return {2, 1, 2, 0, 1, 0, 1, 0, 1};
+        case kv::FRAME_YUYV: return {2, 1, 0, 1, 0, 3, 4, 0, 2};
+        case kv::FRAME_UYVY: return {2, 1, 0, 0, 0, 2, 4, 1, 2};
+        case kv::FRAME_NV16: return {2, 1, 1, 0, 1, 1, 2, 0, 1};
+        case kv::FRAME_YUV444: return {1, 1, 0, 1, 0, 2, 3, 0, 3};
+        default: return {1, 1, 1, 0, 2, 0, 1, 0, 1};  // FRAME_YUV444_PLANAR
+    }
+}
+
+// Luma of pixel (x, y); U or V of chroma sample (cx, cy). Writable for a
+// non-const frame.
+template <typename FrameT>
+auto& lumaAt(FrameT& f, int x, int y) {
+    const YuvModel m = yuvModel(f.format());
+    return f.rowCpuData(0, y)[m.yo + x * m.ystep];
+}
+template <typename FrameT>
+auto& chromaAt(FrameT& f, bool v, int cx, int cy) {
+    const YuvModel m = yuvModel(f.format());
+    return f.rowCpuData(v ? m.vp : m.up, cy)[(v ? m.vo : m.uo) + cx * m.cs];
 }
 
 // Caps the kernels' instruction set while it lives; the full set comes back
