@@ -30,17 +30,6 @@ namespace {
 
 namespace fast = impl::fast;
 
-struct IsaScope {
-    explicit IsaScope(impl::Isa isa) { impl::setMaxIsaForTesting(isa); }
-    ~IsaScope() { impl::setMaxIsaForTesting(impl::Isa::kAvx2); }
-};
-
-std::vector<impl::Isa> isas() {
-    std::vector<impl::Isa> v{impl::Isa::kScalar};
-    if (impl::detectedIsa() == impl::Isa::kAvx2) v.push_back(impl::Isa::kAvx2);
-    return v;
-}
-
 // 16.16 centre-aligned positions, clamped at 0.
 std::vector<int64_t> positions(int src, int dst) {
     const int64_t step = (int64_t(src) << 16) / dst;
@@ -107,8 +96,8 @@ constexpr int kMargin = 2;
 }  // namespace
 
 TEST(CvBackendSimdBilinear, EveryBytePlaneMatchesTheFormulasAndOpenCv) {
-    for (impl::Isa isa : isas()) {
-        IsaScope scope(isa);
+    for (impl::Isa isa : kvtest::availableIsas()) {
+        kvtest::IsaCap cap(isa);
         for (FrameFormat f : kByteFormats)
             for (const SizePair& sp : kPairs)
                 for (bool with_roi : {false, true}) {

@@ -16,18 +16,7 @@ using namespace kv;
 
 namespace {
 
-#define EXPECT_HELPER_THROW(stmt, status_value, message_text, function_name)    \
-    do {                                                                        \
-        try {                                                                   \
-            stmt;                                                               \
-            ADD_FAILURE() << "no exception from " #stmt;                        \
-        } catch (const kv::Exception& e_) {                                     \
-            EXPECT_EQ(int(e_.status()), int(status_value));                     \
-            EXPECT_EQ(e_.message(), std::string(message_text));                 \
-            EXPECT_EQ(e_.function(), std::string(function_name));               \
-            EXPECT_EQ(e_.file(), std::string("src/kv_cv/kv_cv_helpers"));       \
-        }                                                                       \
-    } while (0)
+const char* const kHelpersFile = "src/kv_cv/kv_cv_helpers";
 
 // Source pixel that lands on destination (x, y) for each FixedRotation.
 void sourceOf(int rotation, int x, int y, Size src, int& sx, int& sy) {
@@ -140,20 +129,21 @@ TEST(CvHelpers, FixedRotationErrors) {
     const char* fn = "kv::rotateFrame";
     Frame dst, gray(FRAME_GRAY_8, Size(4, 2));
     gray.setZero();
-    EXPECT_HELPER_THROW(rotateFrame(gray, FixedRotation(4), dst), 6, "Invalid fixed rotation 4", fn);
-    EXPECT_HELPER_THROW(rotateFrame(gray, FixedRotation(-1), dst), 6, "Invalid fixed rotation -1", fn);
-    EXPECT_HELPER_THROW(rotateFrame(Frame(), Rotate90, dst), 2, "Assertion failed: src.initialized()", fn);
+    EXPECT_KV_THROW_AT(rotateFrame(gray, FixedRotation(4), dst), 6, "Invalid fixed rotation 4", fn, kHelpersFile, 76);
+    EXPECT_KV_THROW_AT(rotateFrame(gray, FixedRotation(-1), dst), 6, "Invalid fixed rotation -1", fn, kHelpersFile, 76);
+    EXPECT_KV_THROW_AT(rotateFrame(Frame(), Rotate90, dst), 2, "Assertion failed: src.initialized()", fn, kHelpersFile,
+                       54);
     Frame floats(FRAME_FLOAT_32, Size(4, 2));
-    EXPECT_HELPER_THROW(rotateFrame(floats, Rotate90, dst), 2,
-                        "Assertion failed: src.layout().plane[0].bits_per_channel == 8", fn);
+    EXPECT_KV_THROW_AT(rotateFrame(floats, Rotate90, dst), 2,
+                       "Assertion failed: src.layout().plane[0].bits_per_channel == 8", fn, kHelpersFile, 56);
     std::vector<uint8_t> mem(8);
     Frame gpu = Frame::wrap(FRAME_GRAY_8, Size(4, 2), mem.data(), 4, DeviceContext(KV_DEVICE_GPU, 0, nullptr));
-    EXPECT_HELPER_THROW(rotateFrame(gpu, Rotate90, dst), 2,
-                        "Assertion failed: src.deviceContext() == DeviceContext::cpuContext()", fn);
+    EXPECT_KV_THROW_AT(rotateFrame(gpu, Rotate90, dst), 2,
+                       "Assertion failed: src.deviceContext() == DeviceContext::cpuContext()", fn, kHelpersFile, 55);
     Frame nv16(FRAME_NV16, Size(4, 2));
     nv16.setZero();
-    EXPECT_HELPER_THROW(rotateFrame(nv16, Rotate90, dst), 8, "rotateFrame: Unsupported format FRAME_NV16 for rotation 1.",
-                        fn);
+    EXPECT_KV_THROW_AT(rotateFrame(nv16, Rotate90, dst), 8,
+                       "rotateFrame: Unsupported format FRAME_NV16 for rotation 1.", fn, kHelpersFile, 82);
     rotateFrame(nv16, Rotate180, dst);  // chroma keeps its shape
     EXPECT_EQ(dst.size(), Size(4, 2));
     rotateFrame(gray, Rotate0, dst);
@@ -200,10 +190,10 @@ TEST(CvHelpers, AngleRotation) {
     for (int y = 0; y < 4; ++y)
         for (int x = 0; x < 12; ++x) EXPECT_EQ(dst.rowCpuData(0, y)[x], 0);
 
-    EXPECT_HELPER_THROW(rotateFrame(Frame(), corner, 10.f, dst, placed), 2, "Assertion failed: src.initialized()",
-                        "kv::rotateFrame");
-    EXPECT_HELPER_THROW(rotateFrame(src, Rect(1, 1, 0, 5), 10.f, dst, placed), 2, "Assertion failed: !rect.empty()",
-                        "kv::rotateFrame");
+    EXPECT_KV_THROW_AT(rotateFrame(Frame(), corner, 10.f, dst, placed), 2, "Assertion failed: src.initialized()",
+                       "kv::rotateFrame", kHelpersFile, 95);
+    EXPECT_KV_THROW_AT(rotateFrame(src, Rect(1, 1, 0, 5), 10.f, dst, placed), 2, "Assertion failed: !rect.empty()",
+                       "kv::rotateFrame", kHelpersFile, 97);
 }
 
 TEST(CvHelpers, InvertAffineTransform) {
@@ -270,13 +260,12 @@ TEST(CvHelpers, TensorFp16ToFp32) {
 
     const char* fn = "kv::tensorFp16ToFp32";
     Tensor floats(TensorLayout(TENSOR_FLOAT_32, TENSOR_NCHW, TensorSize{1, 1, 2, 2}));
-    EXPECT_HELPER_THROW(tensorFp16ToFp32(floats, dst), 2,
-                        "Assertion failed: src.initialized() && src.layout().dataType() == TENSOR_FLOAT_16", fn);
-    EXPECT_HELPER_THROW(tensorFp16ToFp32(Tensor(), dst), 2,
-                        "Assertion failed: src.initialized() && src.layout().dataType() == TENSOR_FLOAT_16", fn);
+    const char* const kFp16 = "Assertion failed: src.initialized() && src.layout().dataType() == TENSOR_FLOAT_16";
+    EXPECT_KV_THROW_AT(tensorFp16ToFp32(floats, dst), 2, kFp16, fn, kHelpersFile, 150);
+    EXPECT_KV_THROW_AT(tensorFp16ToFp32(Tensor(), dst), 2, kFp16, fn, kHelpersFile, 150);
     Tensor gpu(layout, DeviceContext(KV_DEVICE_GPU, 0, nullptr));
-    EXPECT_HELPER_THROW(tensorFp16ToFp32(gpu, dst), 2,
-                        "Assertion failed: src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() "
-                        "== dst.deviceContext()",
-                        fn);
+    EXPECT_KV_THROW_AT(tensorFp16ToFp32(gpu, dst), 2,
+                       "Assertion failed: src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() "
+                       "== dst.deviceContext()",
+                       fn, kHelpersFile, 151);
 }

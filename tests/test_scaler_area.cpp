@@ -15,6 +15,7 @@
 #include "kv_cv/kv_impl_cpu.h"
 #include "kv_cv/kv_impl_scale_area.h"
 #include "test_util.h"
+#include "wrapped_frame.h"
 
 namespace {
 
@@ -48,23 +49,12 @@ const kv::FrameFormat kFormats[] = {
 
 // Sample e of a row, 0 at or past the row's samples.
 uint64_t sample(const kv::Frame& f, int p, int row, int64_t e, int sample_bytes) {
-    const kv::FramePlane& pl = f.layout().plane[p];
-    if (e >= int64_t(pl.row_bytes / uint64_t(sample_bytes))) return 0;
-    const uint8_t* r = f.rowCpuData(size_t(p), row);
-    switch (sample_bytes) {
-        case 1: return r[e];
-        case 2: return reinterpret_cast<const uint16_t*>(r)[e];
-        default: return reinterpret_cast<const uint32_t*>(r)[e];
-    }
+    if (e >= int64_t(f.layout().plane[p].row_bytes / uint64_t(sample_bytes))) return 0;
+    return kvtest::sampleAt(f.rowCpuData(size_t(p), row), sample_bytes, int(e));
 }
 
 void store(kv::Frame& f, int p, int row, int64_t e, int sample_bytes, uint64_t v) {
-    uint8_t* r = f.rowCpuData(size_t(p), row);
-    switch (sample_bytes) {
-        case 1: r[e] = uint8_t(v); break;
-        case 2: reinterpret_cast<uint16_t*>(r)[e] = uint16_t(v); break;
-        default: reinterpret_cast<uint32_t*>(r)[e] = uint32_t(v); break;
-    }
+    kvtest::setSample(f.rowCpuData(size_t(p), row), sample_bytes, int(e), v);
 }
 
 // Weights of source indices first.. for output i of the table (the combination rule).
@@ -189,25 +179,11 @@ kv::Frame expectXY(const kv::Frame& src, kv::Size dst) {
 // A copy of `f` in caller memory with rows exactly row_bytes long and nothing
 // after the last row, so a read past any row's bytes reaches the next row or
 // leaves the allocation (which AddressSanitizer reports).
-struct Wrapped {
-    std::vector<std::vector<uint8_t>> planes;
-    kv::Frame frame;
-    explicit Wrapped(const kv::Frame& f) {
-        const kv::FrameLayout& l = f.layout();
-        void* ptrs[4] = {};
-        size_t steps[4] = {};
-        planes.resize(l.planes);
-        for (uint32_t p = 0; p < l.planes; ++p) {
-            const size_t rb = size_t(l.plane[p].row_bytes);
-            planes[p].resize(rb * size_t(l.plane[p].size.height));
-            for (int y = 0; y < l.plane[p].size.height; ++y)
-                std::memcpy(planes[p].data() + rb * size_t(y), f.rowCpuData(p, y), rb);
-            ptrs[p] = planes[p].data();
-            steps[p] = rb;
-        }
-        frame = kv::Frame::wrap(l.format, l.size, ptrs, steps);
-    }
-};
+kvtest::WrappedFrame wrappedCopy(const kv::Frame& f) {
+    kvtest::WrappedFrame w = kvtest::wrappedFrame(f.format(), f.size(), 0, 0);
+    f.copyTo(w.frame);
+    return w;
+}
 
 using kvtest::IsaCap;
 
@@ -349,7 +325,7 @@ TEST_P(AreaFrames, SeparableMatchesTheRuleOnEverySource) {
     const kv::FrameFormat f = GetParam();
     for (const SizeCase& c : kSizes) {
         const kv::Frame src = kvtest::randomFrame(f, c.src, uint32_t(c.src.width * 131 + c.dst.height));
-        Wrapped wrapped(src);
+        const kvtest::WrappedFrame wrapped = wrappedCopy(src);
         for (int shift : {15, 7}) {
             const auto precision = static_cast<kv::ScalerPrecision>(shift + 1);
             const kv::Frame ex = expectX(src, c.dst.width, shift);
@@ -364,25 +340,24 @@ TEST_P(AreaFrames, SeparableMatchesTheRuleOnEverySource) {
                 kv::ScalerAreaY y;
                 kv::RowCopier copier;
                 kv::Frame out;
+                auto expectOut = [&](kv::IRowProducer& p, const kv::Frame& want, const char* what) {
+                    kv::produceFrame(p, out);
+                    EXPECT_TRUE(kvtest::framesEqual(out, want)) << what;
+                };
                 for (const kv::Frame* s : std::initializer_list<const kv::Frame*>{&src, &wrapped.frame}) {
                     x.reuse(*s, c.dst.width, precision);
-                    kv::produceFrame(x, out);
-                    EXPECT_TRUE(kvtest::framesEqual(out, ex)) << "X from frame";
+                    expectOut(x, ex, "X from frame");
                     y.reuse(*s, c.dst.height, precision);
-                    kv::produceFrame(y, out);
-                    EXPECT_TRUE(kvtest::framesEqual(out, ey)) << "Y from frame";
+                    expectOut(y, ey, "Y from frame");
                     copier.reuse(*s);
                     x.reuse(copier, c.dst.width, precision);
-                    kv::produceFrame(x, out);
-                    EXPECT_TRUE(kvtest::framesEqual(out, ex)) << "X from producer";
+                    expectOut(x, ex, "X from producer");
                     copier.reuse(*s);
                     y.reuse(copier, c.dst.height, precision);
-                    kv::produceFrame(y, out);
-                    EXPECT_TRUE(kvtest::framesEqual(out, ey)) << "Y from producer";
+                    expectOut(y, ey, "Y from producer");
                     x.reuse(*s, c.dst.width, precision);
                     y.reuse(x, c.dst.height, precision);
-                    kv::produceFrame(y, out);
-                    EXPECT_TRUE(kvtest::framesEqual(out, exy)) << "X then Y";
+                    expectOut(y, exy, "X then Y");
                 }
             }
         }
@@ -401,7 +376,7 @@ TEST_P(AreaFrames, TwoAxisMatchesTheRule) {
         if ((c420 ? 3 * r : r) > c.src.height) continue;
         SCOPED_TRACE(testing::Message() << kv::toString(f) << " " << c.src.width << "x" << c.src.height << " -> "
                                         << c.dst.width << "x" << c.dst.height);
-        Wrapped wrapped(src);
+        const kvtest::WrappedFrame wrapped = wrappedCopy(src);
         const kv::Frame e = expectXY(src, c.dst);
         kv::scaleAreaXY xy;
         kv::Frame out;
@@ -432,15 +407,11 @@ TEST(AreaFrames, TwoAxisOnAFourTwoZeroFrameWhoseChromaStartsBelowTheLuma) {
 // The element past a row's last pixel carries the enlargement's small deficit
 // weight; it counts as 0, so whatever lies there cannot change the output.
 TEST(AreaFrames, EnlargementIgnoresWhatLiesPastTheRow) {
-    kv::Frame base(kv::FRAME_GRAY_8, kv::Size(24, 3));
-    std::vector<uint8_t> mem(size_t(26) * 3);
     for (uint8_t tail : {0, 255}) {
-        std::fill(mem.begin(), mem.end(), tail);
+        kvtest::WrappedFrame w = kvtest::wrappedFrame(kv::FRAME_GRAY_8, kv::Size(24, 3), 2, 0, tail);
+        kv::Frame& src = w.frame;
         for (int y = 0; y < 3; ++y)
-            for (int x = 0; x < 24; ++x) mem[size_t(y) * 26 + size_t(x)] = uint8_t(x * 10 + y);
-        void* planes[1] = {mem.data()};
-        const size_t steps[1] = {26};
-        const kv::Frame src = kv::Frame::wrap(kv::FRAME_GRAY_8, kv::Size(24, 3), planes, steps);
+            for (int x = 0; x < 24; ++x) src.rowCpuData(0, y)[x] = uint8_t(x * 10 + y);
         for (Isa isa : kvtest::availableIsas()) {
             IsaCap cap(isa);
             kv::ScalerAreaX x;

@@ -1,5 +1,6 @@
 // Shared helpers of the test suite: seeded random frames, row-exact frame
-// comparison, and exception matching.
+// comparison, where YUV samples sit, instruction-set capping, and exception matching (status and
+// message, or everything an exception carries).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -60,6 +61,43 @@ inline ::testing::AssertionResult framesEqual(const kv::Frame& a, const kv::Fram
     return ::testing::AssertionSuccess();
 }
 
+inline bool isYuv(kv::FrameFormat f) { return f >= kv::FRAME_I420 && f <= kv::FRAME_YUV444_PLANAR; }
+
+// Where the samples of a YUV format sit, as the frame format table gives them.
+struct YuvModel {
+    int xs, ys;              // chroma subsampling
+    int up, uo, vp, vo, cs;  // chroma planes, first-byte offsets, step
+    int yo, ystep;           // luma offset and step in plane 0
+};
+
+inline YuvModel yuvModel(kv::FrameFormat f) {
+    switch (f) {
+        case kv::FRAME_I420: return {2, 2, 1, 0, 2, 0, 1, 0, 1};
+        case kv::FRAME_YV12: return {2, 2, 2, 0, 1, 0, 1, 0, 1};
+        case kv::FRAME_NV12: return {2, 2, 1, 0, 1, 1, 2, 0, 1};
+        case kv::FRAME_NV21: return {2, 2, 1, 1, 1, 0, 2, 0, 1};
+        case kv::FRAME_YV16: return {2, 1, 2, 0, 1, 0, 1, 0, 1};
+        case kv::FRAME_YUYV: return {2, 1, 0, 1, 0, 3, 4, 0, 2};
+        case kv::FRAME_UYVY: return {2, 1, 0, 0, 0, 2, 4, 1, 2};
+        case kv::FRAME_NV16: return {2, 1, 1, 0, 1, 1, 2, 0, 1};
+        case kv::FRAME_YUV444: return {1, 1, 0, 1, 0, 2, 3, 0, 3};
+        default: return {1, 1, 1, 0, 2, 0, 1, 0, 1};  // FRAME_YUV444_PLANAR
+    }
+}
+
+// Luma of pixel (x, y); U or V of chroma sample (cx, cy). Writable for a
+// non-const frame.
+template <typename FrameT>
+auto& lumaAt(FrameT& f, int x, int y) {
+    const YuvModel m = yuvModel(f.format());
+    return f.rowCpuData(0, y)[m.yo + x * m.ystep];
+}
+template <typename FrameT>
+auto& chromaAt(FrameT& f, bool v, int cx, int cy) {
+    const YuvModel m = yuvModel(f.format());
+    return f.rowCpuData(v ? m.vp : m.up, cy)[(v ? m.vo : m.uo) + cx * m.cs];
+}
+
 // Caps the kernels' instruction set while it lives; the full set comes back
 // when the test ends, however it ends.
 struct IsaCap {
@@ -89,4 +127,21 @@ inline std::vector<kv::impl::Isa> availableIsas() {
             EXPECT_EQ(int(e_.status()), int(status_value));                                 \
             EXPECT_EQ(e_.message(), std::string(message_text));                             \
         }                                                                                   \
+    } while (0)
+
+
+// Expects `stmt` to throw kv::Exception with this status, exact message,
+// function, source file and line.
+#define EXPECT_KV_THROW_AT(stmt, status_value, message_text, function_name, file_name, line_value) \
+    do {                                                                                         \
+        try {                                                                                    \
+            stmt;                                                                                \
+            ADD_FAILURE() << "no exception from " #stmt;                                         \
+        } catch (const kv::Exception& e_) {                                                      \
+            EXPECT_EQ(int(e_.status()), int(status_value)) << #stmt;                             \
+            EXPECT_EQ(e_.message(), std::string(message_text)) << #stmt;                         \
+            EXPECT_EQ(e_.function(), std::string(function_name)) << #stmt;                      \
+            EXPECT_EQ(e_.file(), std::string(file_name)) << #stmt;                               \
+            EXPECT_EQ(e_.line(), int(line_value)) << #stmt;                                      \
+        }                                                                                        \
     } while (0)
