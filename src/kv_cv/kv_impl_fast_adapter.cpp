@@ -269,25 +269,8 @@ void resizeNearest(const uint8_t* src, size_t src_step, int src_width, int src_h
         row(src + size_t(pos_y >> 16) * src_step, dst + size_t(y) * dst_step, dst_width, step_x, pixel);
 }
 
-}  // namespace
-
-namespace {
-
 // Sides the 16.16 bilinear tables hold (src << 16 stays in 32 bits).
 bool bilinearRange(int side) { return side >= 1 && side < 32768; }
-
-// 16.16 positions of output sample centres in source samples, clamped at 0:
-// (i + 0.5) * src / dst - 0.5 with a truncated step, as the bilinear scalers
-// build them.
-void bilinearPositions(std::vector<int32_t>& table, int src, int dst) {
-    const int32_t step = int32_t(uint32_t(src) << kBilinearShift) / dst;
-    int32_t p = (step - 65536) / 2;
-    table.resize(size_t(dst));
-    for (int i = 0; i < dst; ++i) {
-        table[size_t(i)] = p < 0 ? 0 : p;
-        p = int32_t(uint32_t(p) + uint32_t(step));  // the value past the last may wrap; it is not used
-    }
-}
 
 }  // namespace
 
@@ -298,8 +281,8 @@ void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int
     const bool same_width = src_width == dst_width;
     if (c.src_width != src_width || c.src_height != src_height || c.dst_width != dst_width ||
         c.dst_height != dst_height || c.channels != channels) {
-        bilinearPositions(c.xs, src_width, dst_width);
-        bilinearPositions(c.ys, src_height, dst_height);
+        buildBilinearPositions(c.xs, src_width, dst_width);
+        buildBilinearPositions(c.ys, src_height, dst_height);
         if (!same_width) {
             buildLerpPlan(c.plan, c.xs.data(), dst_width, src_width, channels, n, src_width * channels, true);
             for (auto& r : c.rows) r.resize(size_t(n));

@@ -28,6 +28,16 @@ namespace {
 constexpr int kMaxLerpChunks = 8;
 }  // namespace
 
+void buildBilinearPositions(std::vector<int32_t>& table, int src, int dst) {
+    const int32_t step = int32_t(uint32_t(src) << kBilinearShift) / dst;
+    int32_t p = (step - 65536) / 2;
+    table.resize(size_t(dst));
+    for (int i = 0; i < dst; ++i) {
+        table[size_t(i)] = p < 0 ? 0 : p;
+        p = int32_t(uint32_t(p) + uint32_t(step));  // the value past the last may wrap; it is not used
+    }
+}
+
 void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, int channels, int n, int src_elems,
                    bool bytes8) {
     plan.n = n;
@@ -435,17 +445,6 @@ BilinearFormat bilinearFormat(FrameFormat f) {
     }
 }
 
-// 16.16 positions of output sample centres in source samples, clamped at 0.
-void buildPositions(std::vector<int32_t>& table, int src, int dst) {
-    const int32_t step = int32_t(uint32_t(src) << SHIFT) / dst;
-    int32_t p = (step - 65536) / 2;
-    table.resize(size_t(dst));
-    for (int i = 0; i < dst; ++i) {
-        table[size_t(i)] = p < 0 ? 0 : p;
-        p = int32_t(uint32_t(p) + uint32_t(step));
-    }
-}
-
 // One plane's horizontal plan and the two horizontally scaled rows kept for
 // the vertical blend (keyed by plane row, so an enlargement scales each
 // source row once).
@@ -591,7 +590,7 @@ public:
 void ScalerBilinearX::Impl::_reuse(const FrameLayout& src_layout, int dst_width) {
     const Size src_size = src_layout.size;
     if (cached_src.width != src_size.width || cached_dst != dst_width) {
-        buildPositions(_src_xs, src_size.width, dst_width);
+        impl::buildBilinearPositions(_src_xs, src_size.width, dst_width);
         KV_ASSERT(_src_xs[dst_width - 1] < (src_size.width << SHIFT), "kv::ScalerBilinearX::Impl::_reuse");
         cached_src = src_size;
         cached_dst = dst_width;
@@ -663,7 +662,7 @@ public:
 
 void ScalerBilinearY::Impl::_reuse(const FrameLayout& src_layout, int dst_height) {
     if (cached_src != src_layout.size.height || cached_dst != dst_height) {
-        buildPositions(_src_ys, src_layout.size.height, dst_height);
+        impl::buildBilinearPositions(_src_ys, src_layout.size.height, dst_height);
         KV_ASSERT(_src_ys[dst_height - 1] < (src_layout.size.height << SHIFT), "kv::ScalerBilinearY::Impl::_reuse");
         cached_src = src_layout.size.height;
         cached_dst = dst_height;
@@ -747,8 +746,8 @@ public:
 void ScalerBilinearXY::Impl::_reuse(const FrameLayout& src_layout, Size dst_size) {
     const Size src_size = src_layout.size;
     if (cached_src != src_size || cached_dst != dst_size) {
-        buildPositions(_src_xs, src_size.width, dst_size.width);
-        buildPositions(_src_ys, src_size.height, dst_size.height);
+        impl::buildBilinearPositions(_src_xs, src_size.width, dst_size.width);
+        impl::buildBilinearPositions(_src_ys, src_size.height, dst_size.height);
         KV_ASSERT(_src_xs[dst_size.width - 1] < (src_size.width << SHIFT), "kv::ScalerBilinearXY::Impl::_reuse");
         KV_ASSERT(_src_ys[dst_size.height - 1] < (src_size.height << SHIFT), "kv::ScalerBilinearXY::Impl::_reuse");
         cached_src = src_size;
