@@ -30,7 +30,7 @@ constexpr int kMaxLerpChunks = 8;
 
 void buildBilinearPositions(std::vector<int32_t>& table, int src, int dst) {
     const int32_t step = int32_t(uint32_t(src) << kBilinearShift) / dst;
-    int32_t p = (step - 65536) / 2;
+    int32_t p = int32_t(uint32_t(step) - 65536u) / 2;
     table.resize(size_t(dst));
     for (int i = 0; i < dst; ++i) {
         table[size_t(i)] = p < 0 ? 0 : p;
@@ -411,6 +411,11 @@ namespace {
 
 constexpr int SHIFT = impl::kBilinearShift;
 
+// side << SHIFT in the position tables' 32-bit wrapping arithmetic. A side of
+// 32768 or more wraps here as it does in the tables (and fails the checks in
+// _reuse) instead of overflowing a signed shift.
+int32_t fixedSide(int side) { return int32_t(uint32_t(side) << SHIFT); }
+
 // How a format is interpolated: sample width of plane 0, samples per unit of
 // each plane, and whether planes 1 and 2 are separate (planar or semi-planar).
 struct BilinearFormat {
@@ -591,7 +596,9 @@ void ScalerBilinearX::Impl::_reuse(const FrameLayout& src_layout, int dst_width)
     const Size src_size = src_layout.size;
     if (cached_src.width != src_size.width || cached_dst != dst_width) {
         impl::buildBilinearPositions(_src_xs, src_size.width, dst_width);
-        KV_ASSERT(_src_xs[dst_width - 1] < (src_size.width << SHIFT), "kv::ScalerBilinearX::Impl::_reuse");
+        KV_ASSERT_TEXT_LINE(_src_xs[dst_width - 1] < fixedSide(src_size.width),
+                            "_src_xs[dst_width - 1] < (src_size.width << SHIFT)", "kv::ScalerBilinearX::Impl::_reuse",
+                            __LINE__);
         cached_src = src_size;
         cached_dst = dst_width;
     }
@@ -663,7 +670,9 @@ public:
 void ScalerBilinearY::Impl::_reuse(const FrameLayout& src_layout, int dst_height) {
     if (cached_src != src_layout.size.height || cached_dst != dst_height) {
         impl::buildBilinearPositions(_src_ys, src_layout.size.height, dst_height);
-        KV_ASSERT(_src_ys[dst_height - 1] < (src_layout.size.height << SHIFT), "kv::ScalerBilinearY::Impl::_reuse");
+        KV_ASSERT_TEXT_LINE(_src_ys[dst_height - 1] < fixedSide(src_layout.size.height),
+                            "_src_ys[dst_height - 1] < (src_layout.size.height << SHIFT)",
+                            "kv::ScalerBilinearY::Impl::_reuse", __LINE__);
         cached_src = src_layout.size.height;
         cached_dst = dst_height;
     }
@@ -748,8 +757,12 @@ void ScalerBilinearXY::Impl::_reuse(const FrameLayout& src_layout, Size dst_size
     if (cached_src != src_size || cached_dst != dst_size) {
         impl::buildBilinearPositions(_src_xs, src_size.width, dst_size.width);
         impl::buildBilinearPositions(_src_ys, src_size.height, dst_size.height);
-        KV_ASSERT(_src_xs[dst_size.width - 1] < (src_size.width << SHIFT), "kv::ScalerBilinearXY::Impl::_reuse");
-        KV_ASSERT(_src_ys[dst_size.height - 1] < (src_size.height << SHIFT), "kv::ScalerBilinearXY::Impl::_reuse");
+        KV_ASSERT_TEXT_LINE(_src_xs[dst_size.width - 1] < fixedSide(src_size.width),
+                            "_src_xs[dst_size.width - 1] < (src_size.width << SHIFT)",
+                            "kv::ScalerBilinearXY::Impl::_reuse", __LINE__);
+        KV_ASSERT_TEXT_LINE(_src_ys[dst_size.height - 1] < fixedSide(src_size.height),
+                            "_src_ys[dst_size.height - 1] < (src_size.height << SHIFT)",
+                            "kv::ScalerBilinearXY::Impl::_reuse", __LINE__);
         cached_src = src_size;
         cached_dst = dst_size;
     }
