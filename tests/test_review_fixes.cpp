@@ -1,11 +1,16 @@
 // Regression tests of faults found in review: integer overflow in the bilinear
-// position checks on very wide or tall sources.
+// position checks on very wide or tall sources; 16- and 32-bit samples of the
+// area scalers read and written at odd addresses (caller frames with odd
+// pitches).
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "kv_core/kv_frame.h"
+#include "kv_cv/kv_row_producer.h"
+#include "kv_cv/kv_scaler_area.h"
 #include "kv_cv/kv_scaler_bilinear.h"
 #include "test_util.h"
 
@@ -34,6 +39,49 @@ TEST(ReviewFixes, BilinearRejectsSidesPastTheTables) {
                         "Assertion failed: _src_xs[dst_size.width - 1] < (src_size.width << SHIFT)");
         EXPECT_KV_THROW(xy.reuse(tall, Size(1, 1)), kv::KV_STATUS_ASSERTION_FAILED,
                         "Assertion failed: _src_ys[dst_size.height - 1] < (src_size.height << SHIFT)");
+    }
+}
+
+// A copy of the one-plane frame `f` in `storage` at an odd address with an
+// odd pitch, so that no 16- or 32-bit sample is aligned.
+Frame oddCopy(const Frame& f, std::vector<uint8_t>& storage) {
+    const size_t row = f.layout().plane[0].row_bytes, step = row + 1;
+    storage.assign(1 + step * size_t(f.size().height), 0);
+    Frame odd = Frame::wrap(f.format(), f.size(), storage.data() + 1, step);
+    for (int y = 0; y < f.size().height; ++y) std::memcpy(odd.rowCpuData(0, y), f.rowCpuData(0, y), row);
+    return odd;
+}
+
+// The area scalers give the same bytes from and into caller frames whose
+// samples sit at odd addresses as between aligned frames.
+TEST(ReviewFixes, AreaScalersWideSamplesAtOddAddresses) {
+    const Size src_size(13, 9);
+    for (const kv::FrameFormat format : {kv::FRAME_GRAY_16, kv::FRAME_GRAY_FLOAT_32}) {
+        SCOPED_TRACE(kv::toString(format));
+        const Frame src = kvtest::randomFrame(format, src_size, 31);
+        std::vector<uint8_t> src_storage, dst_storage;
+        const Frame odd_src = oddCopy(src, src_storage);
+        // Runs `reuse` on both sources and compares the outputs.
+        auto check = [&](kv::IRowProducer& producer, auto reuse, Size dst_size) {
+            Frame expected;
+            reuse(src);
+            kv::produceFrame(producer, expected);
+            Frame odd_dst = oddCopy(Frame(format, dst_size), dst_storage);
+            reuse(odd_src);
+            kv::produceFrame(producer, odd_dst);
+            EXPECT_TRUE(kvtest::framesEqual(expected, odd_dst));
+        };
+        for (const Size dst_size : {Size(5, 4), Size(20, 17)}) {
+            SCOPED_TRACE(::testing::Message() << dst_size.width << "x" << dst_size.height);
+            kv::ScalerAreaX x;
+            check(x, [&](const Frame& s) { x.reuse(s, dst_size.width, kv::KV_SCALER_FIXED_POINT_16S); },
+                  Size(dst_size.width, src_size.height));
+            kv::ScalerAreaY y;
+            check(y, [&](const Frame& s) { y.reuse(s, dst_size.height, kv::KV_SCALER_FIXED_POINT_16S); },
+                  Size(src_size.width, dst_size.height));
+        }
+        kv::scaleAreaXY xy;
+        check(xy, [&](const Frame& s) { xy.reuse(s, Size(5, 4), kv::KV_SCALER_FIXED_POINT_16S); }, Size(5, 4));
     }
 }
 
