@@ -15,6 +15,7 @@
 
 #include "kv_core/kv_exception.h"
 #include "kv_cv/kv_impl_scale_rows.h"
+#include "kv_cv/kv_impl_unaligned.h"
 #include "kv_cv/kv_row_window.h"
 
 #define KV_SOURCE_FILE "src/kv_cv/kv_scaler_bilinear"
@@ -116,18 +117,11 @@ void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, 
 }
 
 namespace {
-// Caller rows of 16- and 32-bit samples may sit at any byte address (a
-// wrapped frame's pitch is the caller's), so samples move through memcpy.
+// A 16- or 32-bit sample widened for the 64-bit products (caller rows may
+// sit at any byte address: see kv_impl_unaligned.h).
 template <typename T>
 inline uint64_t load(const T* p, int i) {
-    T v;
-    std::memcpy(&v, p + i, sizeof v);
-    return v;
-}
-template <typename T>
-inline void store(T* p, int i, uint64_t v) {
-    const T t = T(v);
-    std::memcpy(p + i, &t, sizeof t);
+    return loadSample(p, i);
 }
 
 template <typename T>
@@ -137,7 +131,7 @@ void lerpElems(const LerpPlan& plan, const T* src, T* dst, int from) {
     const uint16_t* fx = plan.fx.data();
     for (int e = from; e < plan.n; ++e) {
         const uint64_t f = fx[e];
-        store(dst, e, (load(src, left[e]) * (65536 - f) + load(src, right[e]) * f) >> kBilinearShift);
+        storeSample(dst, e, (load(src, left[e]) * (65536 - f) + load(src, right[e]) * f) >> kBilinearShift);
     }
 }
 }  // namespace
@@ -153,7 +147,7 @@ void lerpRow(const LerpPlan& plan, const T* src, T* dst) {
 template <typename T>
 void blendRow(const T* a, const T* b, T* dst, int n, uint32_t fy) {
     const uint64_t w1 = fy, w0 = 65536 - w1;
-    for (int i = 0; i < n; ++i) store(dst, i, (load(a, i) * w0 + load(b, i) * w1) >> kBilinearShift);
+    for (int i = 0; i < n; ++i) storeSample(dst, i, (load(a, i) * w0 + load(b, i) * w1) >> kBilinearShift);
 }
 }  // namespace
 
