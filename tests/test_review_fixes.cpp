@@ -1,6 +1,7 @@
 // Regression tests of faults found in review: integer overflow in the bilinear
 // position checks on very wide or tall sources; 16- and 32-bit samples of the
-// area scalers read and written at odd addresses (caller frames with odd
+// area scalers, and floats of both backends' arithmetic and byte/float
+// conversions, read and written at odd addresses (caller frames with odd
 // pitches).
 #include <gtest/gtest.h>
 
@@ -9,6 +10,8 @@
 #include <vector>
 
 #include "kv_core/kv_frame.h"
+#include "kv_cv/kv_cv_backend_base.h"
+#include "kv_cv/kv_cv_backend_simd.h"
 #include "kv_cv/kv_row_producer.h"
 #include "kv_cv/kv_scaler_area.h"
 #include "kv_cv/kv_scaler_bilinear.h"
@@ -82,6 +85,38 @@ TEST(ReviewFixes, AreaScalersWideSamplesAtOddAddresses) {
         }
         kv::scaleAreaXY xy;
         check(xy, [&](const Frame& s) { xy.reuse(s, Size(5, 4), kv::KV_SCALER_FIXED_POINT_16S); }, Size(5, 4));
+    }
+}
+
+// Float planes at odd addresses: add and mul of both backends and the fast
+// backend's byte <-> float conversions give the aligned frames' bytes. Rows of
+// 30 values run the scalar tails, 3 x 40 values the vector bulk too.
+TEST(ReviewFixes, FloatPlanesAtOddAddresses) {
+    for (const int width : {10, 40}) {
+        SCOPED_TRACE(width);
+        const Size size(width, 3);
+        const Frame bgr = kvtest::randomFrame(kv::FRAME_BGR_8, size, 5);
+        kv::CvBackendSimd simd;
+        kv::CvBackendBase base;
+        for (kv::ICvBackend* backend : {static_cast<kv::ICvBackend*>(&simd), static_cast<kv::ICvBackend*>(&base)})
+            for (const kv::FrameFormat format : {kv::FRAME_FLOAT_32, kv::FRAME_FLOAT_32_C3}) {
+                Frame aligned = kvtest::randomFrame(format, size, 9);
+                std::vector<uint8_t> storage;
+                Frame odd = oddCopy(aligned, storage);
+                for (Frame* f : {&aligned, &odd}) {
+                    backend->add(*f, 1.5f, kv::Rect());
+                    backend->mul(*f, 0.75f, kv::Rect());
+                }
+                EXPECT_TRUE(kvtest::framesEqual(aligned, odd));
+            }
+        Frame floats(kv::FRAME_FLOAT_32_C3, size), back(kv::FRAME_BGR_8, size);
+        simd.colorCvt(bgr, floats, kv::Rect());
+        std::vector<uint8_t> storage;
+        Frame odd_floats = oddCopy(Frame(kv::FRAME_FLOAT_32_C3, size), storage);
+        simd.colorCvt(bgr, odd_floats, kv::Rect());
+        EXPECT_TRUE(kvtest::framesEqual(floats, odd_floats));
+        simd.colorCvt(odd_floats, back, kv::Rect());
+        EXPECT_TRUE(kvtest::framesEqual(bgr, back));
     }
 }
 

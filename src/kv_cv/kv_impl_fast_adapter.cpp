@@ -24,6 +24,7 @@
 #include "kv_cv/kv_impl_cpu.h"
 #include "kv_cv/kv_impl_fast_kernels.h"
 #include "kv_cv/kv_impl_fast_warp.h"
+#include "kv_cv/kv_impl_unaligned.h"
 
 namespace kv {
 namespace impl {
@@ -220,11 +221,12 @@ void f32ToU8(const float* src, size_t src_step, uint8_t* dst, size_t dst_step, s
 }
 
 // One IEEE operation per element; the compiler vectorises these loops.
+// Caller rows may sit at any byte address, hence the sample loads and stores.
 void addF32(float* data, size_t step, size_t count, int height, float value) {
     auto* d = reinterpret_cast<uint8_t*>(data);
     forRows(height, [&](int y) {
         float* row = reinterpret_cast<float*>(d + size_t(y) * step);
-        for (size_t i = 0; i < count; ++i) row[i] += value;
+        for (size_t i = 0; i < count; ++i) storeSample(row, i, loadSample(row, i) + value);
     });
 }
 
@@ -232,7 +234,7 @@ void mulF32(float* data, size_t step, size_t count, int height, float value) {
     auto* d = reinterpret_cast<uint8_t*>(data);
     forRows(height, [&](int y) {
         float* row = reinterpret_cast<float*>(d + size_t(y) * step);
-        for (size_t i = 0; i < count; ++i) row[i] *= value;
+        for (size_t i = 0; i < count; ++i) storeSample(row, i, loadSample(row, i) * value);
     });
 }
 
