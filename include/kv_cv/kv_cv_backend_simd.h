@@ -9,14 +9,17 @@
 // - Gray is the BT.601 luma of the bytes, rounded; float to byte clamps to
 //   0..255 and rounds half to even.
 // - Resizing and warping are centre-aligned (pixel centres at x + 0.5).
-// - Float planes may be warped too (as floats); 16-bit planes are rejected.
+// - Float planes may be resized and warped too (as floats). resize rejects
+//   16-bit planes (status 2); warpAffine does not check the sample size and
+//   is meant for 8-bit and float planes only (a 16-bit plane is warped as the
+//   bytes of the first half of each row).
 // - Bilinear resizing of byte planes runs the module's own 16.16 row kernels
 //   (truncating, like the bilinear scalers); it differs from OpenCV's
 //   INTER_LINEAR (11-bit weights, rounded) by at most 2 levels. Float planes
 //   go to OpenCV.
 // - One object serves one thread at a time (its temporary frames and resize
 //   tables are shared state). Library calls run on the calling thread: the
-//   first call sets OpenCV's process-wide thread count to 1.
+//   first call that reaches OpenCV sets its process-wide thread count to 1.
 #pragma once
 
 #include <cstdint>

@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 namespace kv {
 
@@ -38,6 +39,16 @@ void getRotationRoi(float angle, const Rect& source, Rect& bounding, Size& size,
 }
 
 namespace impl {
+
+// Float rows of caller frames may sit at any byte address: samples move
+// through memcpy (a plain load or store) instead of typed access.
+inline float loadFloat(const float* p) {
+    float v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+inline void storeFloat(float* p, float v) { std::memcpy(p, &v, sizeof v); }
+
 namespace ref {
 
 template <bool kAdd>
@@ -45,7 +56,10 @@ void apply(const float* pattern, int period, unsigned char* data, size_t step, R
     for (int y = 0; y < region.height; ++y) {
         float* row = reinterpret_cast<float*>(data + size_t(region.y + y) * step) + size_t(region.x) * period;
         const int n = region.width * period;
-        for (int i = 0; i < n; ++i) row[i] = kAdd ? row[i] + pattern[i % period] : row[i] * pattern[i % period];
+        for (int i = 0; i < n; ++i) {
+            const float v = loadFloat(row + i);
+            storeFloat(row + i, kAdd ? v + pattern[i % period] : v * pattern[i % period]);
+        }
     }
 }
 
@@ -81,7 +95,10 @@ void apply(const float* pattern, int period, unsigned char* data, size_t step, R
             }
             _mm256_storeu_ps(row + i, a); _mm256_storeu_ps(row + i + 8, b); _mm256_storeu_ps(row + i + 16, c);
         }
-        for (; i < n; ++i) row[i] = kAdd ? row[i] + rep[i % 24] : row[i] * rep[i % 24];
+        for (; i < n; ++i) {
+            const float v = loadFloat(row + i);
+            storeFloat(row + i, kAdd ? v + rep[i % 24] : v * rep[i % 24]);
+        }
     }
 }
 

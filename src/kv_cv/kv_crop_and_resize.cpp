@@ -7,6 +7,7 @@
 
 #include "kv_core/kv_exception.h"
 #include "kv_cv/kv_cv_backend.h"
+#include "kv_cv/kv_impl_unaligned.h"
 
 #define KV_SOURCE_FILE "src/kv_cv/kv_crop_and_resize"
 
@@ -111,7 +112,7 @@ void bytesToFloat(const Frame& src, Frame& dst) {
     for (int y = 0; y < src.size().height; ++y) {
         const uint8_t* s = src.rowCpuData(0, y);
         float* d = reinterpret_cast<float*>(dst.rowCpuData(0, y));
-        for (int x = 0; x < src.size().width; ++x) d[x] = float(s[x]);
+        for (int x = 0; x < src.size().width; ++x) impl::storeSample(d, x, float(s[x]));
     }
 }
 

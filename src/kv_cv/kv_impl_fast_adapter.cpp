@@ -1,16 +1,17 @@
 // The fast backend's facilities on libyuv, OpenCV and our own row kernels.
 // Which serves what was chosen by measurement at 1920x1080 on one thread:
 // libyuv for BGR to YUV (it averages 2x2 chroma blocks; OpenCV's BGR to I420
-// takes one pixel per block), channel swaps, plane splits and merges and
-// 1-byte rotation; OpenCV for float bilinear and non-integer area resizing
-// and for warps of float planes; plain loops for nearest resizing; our warp
-// (kv_impl_fast_warp, OpenCV's arithmetic) for byte planes; the bilinear
-// scalers' row kernels (kv_impl_scale_rows) for bilinear resizing of byte
-// planes; our kernels (kv_impl_fast_kernels) for gray, byte/float,
-// half/float, 3-byte rotation and integer-factor area reduction, where they
-// beat both libraries, and for YUV to BGR / RGB, where they match libyuv's
-// speed and give the generic backend's exact bytes (libyuv's 6-bit
-// coefficients differ from them by up to 4).
+// takes one pixel per block), channel swaps, plane copies, splits and merges
+// and 1-byte rotation; OpenCV for float bilinear and non-integer area
+// resizing (and bilinear byte planes with a side past the 16.16 tables), for
+// warps of float planes and for 2- and 4-byte rotation; plain loops for
+// nearest resizing; our warp (kv_impl_fast_warp, OpenCV's arithmetic) for
+// byte planes; the bilinear scalers' row kernels (kv_impl_scale_rows) for
+// bilinear resizing of byte planes; our kernels (kv_impl_fast_kernels) for
+// gray, byte/float, half/float, 3-byte rotation and integer-factor area
+// reduction, where they beat both libraries, and for YUV to BGR / RGB, where
+// they match libyuv's speed and give the generic backend's exact bytes
+// (libyuv's 6-bit coefficients differ from them by up to 4).
 #include "kv_cv/kv_impl_fast_adapter.h"
 
 #include <libyuv.h>
@@ -24,6 +25,7 @@
 #include "kv_cv/kv_impl_cpu.h"
 #include "kv_cv/kv_impl_fast_kernels.h"
 #include "kv_cv/kv_impl_fast_warp.h"
+#include "kv_cv/kv_impl_unaligned.h"
 
 namespace kv {
 namespace impl {
@@ -220,11 +222,12 @@ void f32ToU8(const float* src, size_t src_step, uint8_t* dst, size_t dst_step, s
 }
 
 // One IEEE operation per element; the compiler vectorises these loops.
+// Caller rows may sit at any byte address, hence the sample loads and stores.
 void addF32(float* data, size_t step, size_t count, int height, float value) {
     auto* d = reinterpret_cast<uint8_t*>(data);
     forRows(height, [&](int y) {
         float* row = reinterpret_cast<float*>(d + size_t(y) * step);
-        for (size_t i = 0; i < count; ++i) row[i] += value;
+        for (size_t i = 0; i < count; ++i) storeSample(row, i, loadSample(row, i) + value);
     });
 }
 
@@ -232,7 +235,7 @@ void mulF32(float* data, size_t step, size_t count, int height, float value) {
     auto* d = reinterpret_cast<uint8_t*>(data);
     forRows(height, [&](int y) {
         float* row = reinterpret_cast<float*>(d + size_t(y) * step);
-        for (size_t i = 0; i < count; ++i) row[i] *= value;
+        for (size_t i = 0; i < count; ++i) storeSample(row, i, loadSample(row, i) * value);
     });
 }
 
@@ -269,25 +272,8 @@ void resizeNearest(const uint8_t* src, size_t src_step, int src_width, int src_h
         row(src + size_t(pos_y >> 16) * src_step, dst + size_t(y) * dst_step, dst_width, step_x, pixel);
 }
 
-}  // namespace
-
-namespace {
-
 // Sides the 16.16 bilinear tables hold (src << 16 stays in 32 bits).
 bool bilinearRange(int side) { return side >= 1 && side < 32768; }
-
-// 16.16 positions of output sample centres in source samples, clamped at 0:
-// (i + 0.5) * src / dst - 0.5 with a truncated step, as the bilinear scalers
-// build them.
-void bilinearPositions(std::vector<int32_t>& table, int src, int dst) {
-    const int32_t step = int32_t(uint32_t(src) << kBilinearShift) / dst;
-    int32_t p = (step - 65536) / 2;
-    table.resize(size_t(dst));
-    for (int i = 0; i < dst; ++i) {
-        table[size_t(i)] = p < 0 ? 0 : p;
-        p = int32_t(uint32_t(p) + uint32_t(step));  // the value past the last may wrap; it is not used
-    }
-}
 
 }  // namespace
 
@@ -298,8 +284,8 @@ void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int
     const bool same_width = src_width == dst_width;
     if (c.src_width != src_width || c.src_height != src_height || c.dst_width != dst_width ||
         c.dst_height != dst_height || c.channels != channels) {
-        bilinearPositions(c.xs, src_width, dst_width);
-        bilinearPositions(c.ys, src_height, dst_height);
+        buildBilinearPositions(c.xs, src_width, dst_width);
+        buildBilinearPositions(c.ys, src_height, dst_height);
         if (!same_width) {
             buildLerpPlan(c.plan, c.xs.data(), dst_width, src_width, channels, n, src_width * channels, true);
             for (auto& r : c.rows) r.resize(size_t(n));

@@ -12,7 +12,7 @@
 //   written outside width x height of a plane.
 // - Threads: the module starts none. OpenCV runs its calls on its own pool
 //   unless told otherwise, and its thread count is process-wide, so the first
-//   call into the adapter sets OpenCV's thread count to 1 (once). An
+//   adapter call that goes to OpenCV sets its thread count to 1 (once). An
 //   application that raises it again afterwards makes OpenCV spread this
 //   library's calls over its pool too; results do not change.
 #pragma once

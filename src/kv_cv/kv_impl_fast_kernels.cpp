@@ -10,6 +10,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "kv_cv/kv_impl_unaligned.h"
+
 namespace kv {
 namespace impl {
 
@@ -25,14 +27,16 @@ void grayToBgrRow(const uint8_t* gray, uint8_t* bgr, int width) {
     for (int x = 0; x < width; ++x, bgr += 3) bgr[0] = bgr[1] = bgr[2] = gray[x];
 }
 
+// Float rows of caller frames may sit at any byte address.
 void u8ToF32Row(const uint8_t* src, float* dst, size_t count) {
-    for (size_t i = 0; i < count; ++i) dst[i] = float(src[i]);
+    for (size_t i = 0; i < count; ++i) storeSample(dst, i, float(src[i]));
 }
 
 void f32ToU8Row(const float* src, uint8_t* dst, size_t count) {
     for (size_t i = 0; i < count; ++i) {
         // Written as the vector max/min behave: a NaN compares false and gives 0.
-        float v = src[i] > 0.f ? src[i] : 0.f;
+        const float s = loadSample(src, i);
+        float v = s > 0.f ? s : 0.f;
         v = v < 255.f ? v : 255.f;
         dst[i] = uint8_t(std::lrint(v));  // current rounding mode: nearest even
     }

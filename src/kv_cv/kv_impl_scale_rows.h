@@ -24,6 +24,13 @@ namespace impl {
 // The fixed-point fraction width of bilinear positions (one = 65536).
 constexpr int kBilinearShift = 16;
 
+// 16.16 positions of output sample centres in source samples, clamped at 0:
+// (i + 0.5) * src / dst - 0.5 with the step (src << 16) / dst truncated, in
+// 32-bit wrapping arithmetic (sides below 32768 stay exact). Shared by the
+// bilinear scalers and the fast backend's bilinear resize, so both sample the
+// same positions.
+void buildBilinearPositions(std::vector<int32_t>& table, int src, int dst);
+
 // dst[e] = src[index[e]] for the n output bytes of a row.
 struct GatherPlan {
     int32_t n = 0;

@@ -13,6 +13,7 @@
 #include "kv_cv/kv_row_window.h"
 #include "kv_impl_cpu.h"
 #include "kv_impl_scale_area.h"
+#include "kv_impl_unaligned.h"
 
 #define KV_SOURCE_FILE "src/kv_cv/kv_scaler_area"
 
@@ -113,7 +114,7 @@ void areaRowXT(const T* src, T* dst, const AreaRowX& r, int o_begin) {
         const int i = o / C, c = o % C;
         auto at = [&](int k) -> Acc {
             const int64_t e = int64_t(k) * C + c;
-            return e < r.src_len ? Acc(src[e]) : Acc(0);
+            return e < r.src_len ? Acc(loadSample(src, e)) : Acc(0);
         };
         const AreaTableEntry e0 = r.table[i];
         const AreaTableEntry e1 = r.table[i + 1];
@@ -132,7 +133,7 @@ void areaRowXT(const T* src, T* dst, const AreaRowX& r, int o_begin) {
         } else if (e0.weight != wm) {
             acc += at(e0.first + 1) * (wm - e0.weight);
         }
-        dst[o] = T(acc >> r.shift);
+        storeSample(dst, o, acc >> r.shift);
     }
 }
 
@@ -142,9 +143,9 @@ void areaRowsYT(const AreaRowsY& r, T* dst, uint64_t* acc) {
     for (int k = 0; k < r.count; ++k) {
         const T* row = reinterpret_cast<const T*>(r.rows[k]);
         const uint64_t w = r.weights[k];
-        for (int x = 0; x < r.len; ++x) acc[x] += uint64_t(row[x]) * w;
+        for (int x = 0; x < r.len; ++x) acc[x] += uint64_t(loadSample(row, x)) * w;
     }
-    for (int x = 0; x < r.len; ++x) dst[x] = T(acc[x] >> r.shift);
+    for (int x = 0; x < r.len; ++x) storeSample(dst, x, acc[x] >> r.shift);
 }
 
 }  // namespace
@@ -764,7 +765,7 @@ void scaleAreaXY::Impl::_row(const AreaFormat& f, int p, T* dst) {
             const T* v = reinterpret_cast<const T*>(rw.row);
             auto at = [&](int64_t k) -> uint64_t {
                 const int64_t e = k * C + c;
-                return e < src_len ? uint64_t(v[e]) : 0u;
+                return e < src_len ? uint64_t(impl::loadSample(v, e)) : 0u;
             };
             uint64_t h = at(x0 >> shift);
             if (x0 & mask) h = (uint64_t(one - (x0 & mask)) * h) >> shift;
@@ -772,7 +773,7 @@ void scaleAreaXY::Impl::_row(const AreaFormat& f, int p, T* dst) {
             for (int64_t k = (x0 >> shift) + 1; k < (x1 >> shift); ++k) h += at(k);
             sum += (uint64_t(rw.weight) * h) >> shift;
         }
-        dst[o] = T((sum << 32) / denom);
+        impl::storeSample(dst, o, (sum << 32) / denom);
     }
     zeroTail(reinterpret_cast<uint8_t*>(dst), dst_len, row_len, f.sample_bytes);
 }

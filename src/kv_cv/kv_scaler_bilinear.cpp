@@ -15,6 +15,7 @@
 
 #include "kv_core/kv_exception.h"
 #include "kv_cv/kv_impl_scale_rows.h"
+#include "kv_cv/kv_impl_unaligned.h"
 #include "kv_cv/kv_row_window.h"
 
 #define KV_SOURCE_FILE "src/kv_cv/kv_scaler_bilinear"
@@ -27,6 +28,16 @@ namespace {
 // worth its tables; such rows run the reference loop.
 constexpr int kMaxLerpChunks = 8;
 }  // namespace
+
+void buildBilinearPositions(std::vector<int32_t>& table, int src, int dst) {
+    const int32_t step = int32_t(uint32_t(src) << kBilinearShift) / dst;
+    int32_t p = int32_t(uint32_t(step) - 65536u) / 2;
+    table.resize(size_t(dst));
+    for (int i = 0; i < dst; ++i) {
+        table[size_t(i)] = p < 0 ? 0 : p;
+        p = int32_t(uint32_t(p) + uint32_t(step));  // the value past the last may wrap; it is not used
+    }
+}
 
 void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, int channels, int n, int src_elems,
                    bool bytes8) {
@@ -106,18 +117,11 @@ void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, 
 }
 
 namespace {
-// Caller rows of 16- and 32-bit samples may sit at any byte address (a
-// wrapped frame's pitch is the caller's), so samples move through memcpy.
+// A 16- or 32-bit sample widened for the 64-bit products (caller rows may
+// sit at any byte address: see kv_impl_unaligned.h).
 template <typename T>
 inline uint64_t load(const T* p, int i) {
-    T v;
-    std::memcpy(&v, p + i, sizeof v);
-    return v;
-}
-template <typename T>
-inline void store(T* p, int i, uint64_t v) {
-    const T t = T(v);
-    std::memcpy(p + i, &t, sizeof t);
+    return loadSample(p, i);
 }
 
 template <typename T>
@@ -127,7 +131,7 @@ void lerpElems(const LerpPlan& plan, const T* src, T* dst, int from) {
     const uint16_t* fx = plan.fx.data();
     for (int e = from; e < plan.n; ++e) {
         const uint64_t f = fx[e];
-        store(dst, e, (load(src, left[e]) * (65536 - f) + load(src, right[e]) * f) >> kBilinearShift);
+        storeSample(dst, e, (load(src, left[e]) * (65536 - f) + load(src, right[e]) * f) >> kBilinearShift);
     }
 }
 }  // namespace
@@ -143,7 +147,7 @@ void lerpRow(const LerpPlan& plan, const T* src, T* dst) {
 template <typename T>
 void blendRow(const T* a, const T* b, T* dst, int n, uint32_t fy) {
     const uint64_t w1 = fy, w0 = 65536 - w1;
-    for (int i = 0; i < n; ++i) store(dst, i, (load(a, i) * w0 + load(b, i) * w1) >> kBilinearShift);
+    for (int i = 0; i < n; ++i) storeSample(dst, i, (load(a, i) * w0 + load(b, i) * w1) >> kBilinearShift);
 }
 }  // namespace
 
@@ -401,6 +405,11 @@ namespace {
 
 constexpr int SHIFT = impl::kBilinearShift;
 
+// side << SHIFT in the position tables' 32-bit wrapping arithmetic. A side of
+// 32768 or more wraps here as it does in the tables (and fails the checks in
+// _reuse) instead of overflowing a signed shift.
+int32_t fixedSide(int side) { return int32_t(uint32_t(side) << SHIFT); }
+
 // How a format is interpolated: sample width of plane 0, samples per unit of
 // each plane, and whether planes 1 and 2 are separate (planar or semi-planar).
 struct BilinearFormat {
@@ -432,17 +441,6 @@ BilinearFormat bilinearFormat(FrameFormat f) {
         case FRAME_NV21:
         case FRAME_NV16: return {2, 1, {1, 2}};
         default: return {};
-    }
-}
-
-// 16.16 positions of output sample centres in source samples, clamped at 0.
-void buildPositions(std::vector<int32_t>& table, int src, int dst) {
-    const int32_t step = int32_t(uint32_t(src) << SHIFT) / dst;
-    int32_t p = (step - 65536) / 2;
-    table.resize(size_t(dst));
-    for (int i = 0; i < dst; ++i) {
-        table[size_t(i)] = p < 0 ? 0 : p;
-        p = int32_t(uint32_t(p) + uint32_t(step));
     }
 }
 
@@ -591,8 +589,10 @@ public:
 void ScalerBilinearX::Impl::_reuse(const FrameLayout& src_layout, int dst_width) {
     const Size src_size = src_layout.size;
     if (cached_src.width != src_size.width || cached_dst != dst_width) {
-        buildPositions(_src_xs, src_size.width, dst_width);
-        KV_ASSERT(_src_xs[dst_width - 1] < (src_size.width << SHIFT), "kv::ScalerBilinearX::Impl::_reuse");
+        impl::buildBilinearPositions(_src_xs, src_size.width, dst_width);
+        KV_ASSERT_TEXT_LINE(_src_xs[dst_width - 1] < fixedSide(src_size.width),
+                            "_src_xs[dst_width - 1] < (src_size.width << SHIFT)", "kv::ScalerBilinearX::Impl::_reuse",
+                            __LINE__);
         cached_src = src_size;
         cached_dst = dst_width;
     }
@@ -663,8 +663,10 @@ public:
 
 void ScalerBilinearY::Impl::_reuse(const FrameLayout& src_layout, int dst_height) {
     if (cached_src != src_layout.size.height || cached_dst != dst_height) {
-        buildPositions(_src_ys, src_layout.size.height, dst_height);
-        KV_ASSERT(_src_ys[dst_height - 1] < (src_layout.size.height << SHIFT), "kv::ScalerBilinearY::Impl::_reuse");
+        impl::buildBilinearPositions(_src_ys, src_layout.size.height, dst_height);
+        KV_ASSERT_TEXT_LINE(_src_ys[dst_height - 1] < fixedSide(src_layout.size.height),
+                            "_src_ys[dst_height - 1] < (src_layout.size.height << SHIFT)",
+                            "kv::ScalerBilinearY::Impl::_reuse", __LINE__);
         cached_src = src_layout.size.height;
         cached_dst = dst_height;
     }
@@ -747,10 +749,14 @@ public:
 void ScalerBilinearXY::Impl::_reuse(const FrameLayout& src_layout, Size dst_size) {
     const Size src_size = src_layout.size;
     if (cached_src != src_size || cached_dst != dst_size) {
-        buildPositions(_src_xs, src_size.width, dst_size.width);
-        buildPositions(_src_ys, src_size.height, dst_size.height);
-        KV_ASSERT(_src_xs[dst_size.width - 1] < (src_size.width << SHIFT), "kv::ScalerBilinearXY::Impl::_reuse");
-        KV_ASSERT(_src_ys[dst_size.height - 1] < (src_size.height << SHIFT), "kv::ScalerBilinearXY::Impl::_reuse");
+        impl::buildBilinearPositions(_src_xs, src_size.width, dst_size.width);
+        impl::buildBilinearPositions(_src_ys, src_size.height, dst_size.height);
+        KV_ASSERT_TEXT_LINE(_src_xs[dst_size.width - 1] < fixedSide(src_size.width),
+                            "_src_xs[dst_size.width - 1] < (src_size.width << SHIFT)",
+                            "kv::ScalerBilinearXY::Impl::_reuse", __LINE__);
+        KV_ASSERT_TEXT_LINE(_src_ys[dst_size.height - 1] < fixedSide(src_size.height),
+                            "_src_ys[dst_size.height - 1] < (src_size.height << SHIFT)",
+                            "kv::ScalerBilinearXY::Impl::_reuse", __LINE__);
         cached_src = src_size;
         cached_dst = dst_size;
     }
