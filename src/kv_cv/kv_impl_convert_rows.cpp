@@ -405,12 +405,6 @@ constexpr Shuffle48 makeShuffle48(F source_of) {
 constexpr Shuffle48 kSwapRb = makeShuffle48([](int j) { return 3 * (j / 3) + 2 - j % 3; });
 constexpr Shuffle48 kDeinterleave = makeShuffle48([](int j) { return 3 * (j % 16) + j / 16; });
 constexpr Shuffle48 kInterleave = makeShuffle48([](int j) { return 16 * (j % 3) + j / 3; });
-// Interleave of channel registers that hold the even pixels in bytes 0..7 and
-// the odd pixels in bytes 8..15 of each lane (packus of even and odd words).
-constexpr Shuffle48 kInterleaveEvenOdd = makeShuffle48([](int j) {
-    const int q = j / 3;
-    return 16 * (j % 3) + ((q & 1) ? 8 + q / 2 : q / 2);
-});
 
 // Shuffle of four 3-byte pixels in a lane to B, G, R, G quadruples; the second
 // register of a 16-pixel group is loaded 4 bytes early in its upper lane so
@@ -534,6 +528,10 @@ inline void floatsFromBytes(__m128i bytes16, uint8_t* d) {
     _mm256_storeu_ps(reinterpret_cast<float*>(d), _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(bytes16)));
     _mm256_storeu_ps(reinterpret_cast<float*>(d + 32),
                      _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_srli_si128(bytes16, 8))));
+}
+
+inline __m256 floatsFromBytes8(const uint8_t* s) {
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(s))));
 }
 
 inline void floatsFromBytes32(__m256i bytes32, uint8_t* d) {
@@ -668,74 +666,96 @@ void bgrToYuv420Pair(const RowData* const* rows, RowData& dst, uint8_t* next_y, 
     bgrToChroma420Span(s0, s1, u, di.uStep, v, di.vStep, x, width);
 }
 
-// YUV to BGR or RGB, 32 pixels a step, in 16-bit arithmetic on even and odd
-// pixels separately (with half-width chroma each pair shares one sample, so
-// no duplication is needed; full-width chroma splits like the luma).
-// With a = Y - 16, b = U - 128, c = V - 128 the reference numerators split as
-//   297a + 516b        = 256 (a + 2b) + (41a + 4b)
-//   297a - 100b - 207c = 256 (a - c)  + (41a - 100b + 49c)
-//   297a + 408c        = 256 (a + c)  + (41a + 152c)
-// whose remainders stay within int16; flooring equals the reference's
-// truncation wherever the clamp does not turn both into 0.
+// YUV to BGR or RGB, 32 pixels a step. Chroma is first brought to one byte
+// per pixel (duplicated for half-width layouts), then each half of the row is
+// unpacked into (Y, U) and (Y, V) byte pairs, on which pmaddubsw forms the
+// products exactly in 16 bits. The reference numerators split as
+//   297 (Y-16) + 516 (U-128)                = 256 (Y + 2U - 277)  + (41Y + 4U + 112)
+//   297 (Y-16) - 100 U - 207 V + 39296      = 256 (Y - V + 134)   + (41Y + 49V - 100U + 240)
+//   297 (Y-16) + 408 (V-128)                = 256 (Y + 2V - 223)  + (41Y - 104V + 112)
+// with every pair sum and remainder within int16; flooring the remainder
+// equals the reference's truncation wherever the clamp does not turn both
+// into 0, and packus does the clamp.
+struct YuvToRgbConsts {
+    __m256i int_b, frac_b, int_r, frac_r, int_g, frac_g_yv, frac_g_yu, add_br, add_g, off_b, off_r, off_g;
+};
+
+inline __m256i pairWeights(int first, int second) {
+    return _mm256_set1_epi16(int16_t(uint16_t(uint8_t(first)) | uint16_t(uint16_t(uint8_t(second)) << 8)));
+}
+
+inline YuvToRgbConsts yuvToRgbConsts() {
+    return {pairWeights(1, 2),    pairWeights(41, 4),        pairWeights(1, 2),
+            pairWeights(41, -104), pairWeights(1, -1),       pairWeights(41, 49),
+            pairWeights(0, -100), _mm256_set1_epi16(112),    _mm256_set1_epi16(240),
+            _mm256_set1_epi16(-277), _mm256_set1_epi16(-223), _mm256_set1_epi16(134)};
+}
+
+// B, G, R words of 16 pixels from their (Y, U) and (Y, V) byte pairs.
+inline void yuvPairsToWords(__m256i yu, __m256i yv, const YuvToRgbConsts& k, __m256i& b, __m256i& g, __m256i& r) {
+    b = _mm256_add_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(yu, k.int_b), k.off_b),
+                         _mm256_srai_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(yu, k.frac_b), k.add_br), 8));
+    r = _mm256_add_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(yv, k.int_r), k.off_r),
+                         _mm256_srai_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(yv, k.frac_r), k.add_br), 8));
+    const __m256i frac_g = _mm256_add_epi16(_mm256_maddubs_epi16(yv, k.frac_g_yv), _mm256_maddubs_epi16(yu, k.frac_g_yu));
+    g = _mm256_add_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(yv, k.int_g), k.off_g),
+                         _mm256_srai_epi16(_mm256_add_epi16(frac_g, k.add_g), 8));
+}
+
+// pshufb masks that spread chroma to one byte per pixel: kDupHalf on a row of
+// half-width samples loaded into both lanes (lane 0 takes samples 0..7, lane 1
+// samples 8..15), kDupEven / kDupOdd on 16 (first, second) pairs.
+struct alignas(32) DupMasks {
+    int8_t half[32];
+    int8_t even[32];
+    int8_t odd[32];
+};
+constexpr DupMasks makeDupMasks() {
+    DupMasks m{};
+    for (int i = 0; i < 32; ++i) {
+        m.half[i] = int8_t((i / 16) * 8 + (i % 16) / 2);
+        m.even[i] = int8_t(2 * ((i % 16) / 2));
+        m.odd[i] = int8_t(2 * ((i % 16) / 2) + 1);
+    }
+    return m;
+}
+constexpr DupMasks kDup = makeDupMasks();
+
 template <Chroma kChroma, bool kRgb>
 int yuvToRgbBulk(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* d, int width) {
-    const __m256i low_bytes = _mm256_set1_epi16(0x00FF);
-    const __m256i k16 = _mm256_set1_epi16(16);
-    const __m256i k128 = _mm256_set1_epi16(128);
-    const __m256i k41 = _mm256_set1_epi16(41);
-    const __m256i km100 = _mm256_set1_epi16(-100);
-    const __m256i k49 = _mm256_set1_epi16(49);
-    const __m256i k152 = _mm256_set1_epi16(152);
+    const YuvToRgbConsts k = yuvToRgbConsts();
     // Pair order (kPairs only: u and v are one byte apart in the same row).
     const bool u_first = reinterpret_cast<uintptr_t>(u) < reinterpret_cast<uintptr_t>(v);
     const uint8_t* pairs = u_first ? u : v;
+    const __m256i dup_u = maskOf(kChroma == Chroma::kPairs ? (u_first ? kDup.even : kDup.odd) : kDup.half);
+    const __m256i dup_v = maskOf(kChroma == Chroma::kPairs ? (u_first ? kDup.odd : kDup.even) : kDup.half);
     int x = 0;
     for (; x + 32 <= width; x += 32) {
         const __m256i yy = loadu(y + x);
-        // Chroma words of the even (0) and odd (1) pixels.
-        __m256i uu[2], vv[2];
+        __m256i uu, vv;  // one chroma byte per pixel, pixel order
         if (kChroma == Chroma::kPairs) {
             const __m256i p = loadu(pairs + x);
-            const __m256i first = _mm256_and_si256(p, low_bytes);
-            const __m256i second = _mm256_srli_epi16(p, 8);
-            uu[0] = uu[1] = u_first ? first : second;
-            vv[0] = vv[1] = u_first ? second : first;
+            uu = _mm256_shuffle_epi8(p, dup_u);
+            vv = _mm256_shuffle_epi8(p, dup_v);
         } else if (kChroma == Chroma::kHalf) {
-            uu[0] = uu[1] = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(u + x / 2)));
-            vv[0] = vv[1] = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(v + x / 2)));
+            uu = _mm256_shuffle_epi8(
+                _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(u + x / 2))), dup_u);
+            vv = _mm256_shuffle_epi8(
+                _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(v + x / 2))), dup_v);
         } else {
-            const __m256i pu = loadu(u + x), pv = loadu(v + x);
-            uu[0] = _mm256_and_si256(pu, low_bytes);
-            uu[1] = _mm256_srli_epi16(pu, 8);
-            vv[0] = _mm256_and_si256(pv, low_bytes);
-            vv[1] = _mm256_srli_epi16(pv, 8);
+            uu = loadu(u + x);
+            vv = loadu(v + x);
         }
-        __m256i out_b[2], out_g[2], out_r[2];
-        for (int parity = 0; parity < 2; ++parity) {
-            const __m256i b = _mm256_sub_epi16(uu[parity], k128);
-            const __m256i c = _mm256_sub_epi16(vv[parity], k128);
-            const __m256i int_b = _mm256_slli_epi16(b, 1);
-            const __m256i frac_b = _mm256_slli_epi16(b, 2);
-            const __m256i int_g = _mm256_sub_epi16(_mm256_setzero_si256(), c);
-            const __m256i frac_g = _mm256_add_epi16(_mm256_mullo_epi16(b, km100), _mm256_mullo_epi16(c, k49));
-            const __m256i frac_r = _mm256_mullo_epi16(c, k152);
-            const __m256i yw = parity ? _mm256_srli_epi16(yy, 8) : _mm256_and_si256(yy, low_bytes);
-            const __m256i a = _mm256_sub_epi16(yw, k16);
-            const __m256i a41 = _mm256_mullo_epi16(a, k41);
-            out_b[parity] = _mm256_add_epi16(_mm256_add_epi16(a, int_b),
-                                             _mm256_srai_epi16(_mm256_add_epi16(a41, frac_b), 8));
-            out_g[parity] = _mm256_add_epi16(_mm256_add_epi16(a, int_g),
-                                             _mm256_srai_epi16(_mm256_add_epi16(a41, frac_g), 8));
-            out_r[parity] = _mm256_add_epi16(_mm256_add_epi16(a, c),
-                                             _mm256_srai_epi16(_mm256_add_epi16(a41, frac_r), 8));
-        }
-        // packus clamps to 0..255; each lane then holds even pixels, odd pixels.
-        const __m256i pb = _mm256_packus_epi16(out_b[0], out_b[1]);
-        const __m256i pg = _mm256_packus_epi16(out_g[0], out_g[1]);
-        const __m256i pr = _mm256_packus_epi16(out_r[0], out_r[1]);
+        // Pixels 0..7 | 16..23 (lo) and 8..15 | 24..31 (hi); packus restores the order.
+        __m256i b[2], g[2], r[2];
+        yuvPairsToWords(_mm256_unpacklo_epi8(yy, uu), _mm256_unpacklo_epi8(yy, vv), k, b[0], g[0], r[0]);
+        yuvPairsToWords(_mm256_unpackhi_epi8(yy, uu), _mm256_unpackhi_epi8(yy, vv), k, b[1], g[1], r[1]);
+        const __m256i pb = _mm256_packus_epi16(b[0], b[1]);
+        const __m256i pg = _mm256_packus_epi16(g[0], g[1]);
+        const __m256i pr = _mm256_packus_epi16(r[0], r[1]);
         const __m256i planes[3] = {kRgb ? pr : pb, pg, kRgb ? pb : pr};
         __m256i out[3];
-        shuffle48(kInterleaveEvenOdd, planes, out);
+        shuffle48(kInterleave, planes, out);
         store3(d + 3 * x, out);
     }
     return x;
@@ -831,8 +851,14 @@ void bytesToFloatRow(const RowData* const* rows, RowData& dst, int width, const 
     uint8_t* d = dst.plane[0];
     const int n = 3 * width;
     int i = 0;
-    for (; i + 32 <= n; i += 32) floatsFromBytes32(loadu(s + i), d + 4 * i);
-    for (; i + 16 <= n; i += 16) floatsFromBytes(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i)), d + 4 * i);
+    // 8 bytes a step, widened straight from memory; rows of library frames
+    // start 32-byte aligned and take aligned stores.
+    if ((reinterpret_cast<uintptr_t>(d) & 31) == 0) {
+        for (; i + 32 <= n; i += 32)
+            for (int k = 0; k < 32; k += 8)
+                _mm256_store_ps(reinterpret_cast<float*>(d + 4 * (i + k)), floatsFromBytes8(s + i + k));
+    }
+    for (; i + 8 <= n; i += 8) _mm256_storeu_ps(reinterpret_cast<float*>(d + 4 * i), floatsFromBytes8(s + i));
     bytesToFloatSpan(s, d, i, n);
 }
 
