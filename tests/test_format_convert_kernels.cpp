@@ -4,6 +4,7 @@
 // sentinels that must survive.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -156,6 +157,26 @@ TEST(ConvertKernelsExtremes, CubeCornersAgree) {
                           convertRows(src.frame, FRAME_GRAY_8, impl::Isa::kAvx2, 1));
             }
         }
+    }
+}
+
+// The vector YUV to BGR arithmetic splits each numerator into a multiple of
+// 256 and a 16-bit remainder; checked over every (Y, U, V) triple. Rows of
+// 4:4:4 carry the triples (each pixel has its own chroma); the half-width
+// layouts share that arithmetic and are covered at every width above.
+TEST(ConvertKernelsExtremes, EveryYuvTripleAgrees) {
+    if (impl::detectedIsa() < impl::Isa::kAvx2) GTEST_SKIP() << "no AVX2";
+    const int width = 65536;  // Y = x & 255, V = x >> 8, one U per row
+    std::vector<uint8_t> y(width), u(width), v(width), a(3 * size_t(width)), b(3 * size_t(width));
+    for (int x = 0; x < width; ++x) {
+        y[size_t(x)] = uint8_t(x);
+        v[size_t(x)] = uint8_t(x >> 8);
+    }
+    for (int uu = 0; uu < 256; ++uu) {
+        std::fill(u.begin(), u.end(), uint8_t(uu));
+        impl::ref::yuvFullToBgrRow(y.data(), u.data(), v.data(), a.data(), width);
+        impl::avx2::yuvFullToBgrRow(y.data(), u.data(), v.data(), b.data(), width);
+        ASSERT_EQ(a, b) << "U " << uu;
     }
 }
 
