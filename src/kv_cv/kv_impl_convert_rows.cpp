@@ -677,7 +677,7 @@ void bgrToYuv420Pair(const RowData* const* rows, RowData& dst, uint8_t* next_y, 
 // equals the reference's truncation wherever the clamp does not turn both
 // into 0, and packus does the clamp.
 struct YuvToRgbConsts {
-    __m256i int_b, frac_b, int_r, frac_r, int_g, frac_g_yv, frac_g_yu, add_br, add_g, off_b, off_r, off_g;
+    __m256i int_br, frac_b, frac_r, int_g, frac_g_yv, frac_g_yu, add_br, add_g, off_b, off_r, off_g;
 };
 
 inline __m256i pairWeights(int first, int second) {
@@ -685,26 +685,26 @@ inline __m256i pairWeights(int first, int second) {
 }
 
 inline YuvToRgbConsts yuvToRgbConsts() {
-    return {pairWeights(1, 2),    pairWeights(41, 4),        pairWeights(1, 2),
-            pairWeights(41, -104), pairWeights(1, -1),       pairWeights(41, 49),
-            pairWeights(0, -100), _mm256_set1_epi16(112),    _mm256_set1_epi16(240),
-            _mm256_set1_epi16(-277), _mm256_set1_epi16(-223), _mm256_set1_epi16(134)};
+    return {pairWeights(1, 2),        pairWeights(41, 4),       pairWeights(41, -104),   pairWeights(1, -1),
+            pairWeights(41, 49),      pairWeights(0, -100),     _mm256_set1_epi16(112),  _mm256_set1_epi16(240),
+            _mm256_set1_epi16(-277),  _mm256_set1_epi16(-223),  _mm256_set1_epi16(134)};
 }
 
 // B, G, R words of 16 pixels from their (Y, U) and (Y, V) byte pairs.
 inline void yuvPairsToWords(__m256i yu, __m256i yv, const YuvToRgbConsts& k, __m256i& b, __m256i& g, __m256i& r) {
-    b = _mm256_add_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(yu, k.int_b), k.off_b),
+    b = _mm256_add_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(yu, k.int_br), k.off_b),
                          _mm256_srai_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(yu, k.frac_b), k.add_br), 8));
-    r = _mm256_add_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(yv, k.int_r), k.off_r),
+    r = _mm256_add_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(yv, k.int_br), k.off_r),
                          _mm256_srai_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(yv, k.frac_r), k.add_br), 8));
-    const __m256i frac_g = _mm256_add_epi16(_mm256_maddubs_epi16(yv, k.frac_g_yv), _mm256_maddubs_epi16(yu, k.frac_g_yu));
+    const __m256i frac_g =
+        _mm256_add_epi16(_mm256_maddubs_epi16(yv, k.frac_g_yv), _mm256_maddubs_epi16(yu, k.frac_g_yu));
     g = _mm256_add_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(yv, k.int_g), k.off_g),
                          _mm256_srai_epi16(_mm256_add_epi16(frac_g, k.add_g), 8));
 }
 
-// pshufb masks that spread chroma to one byte per pixel: kDupHalf on a row of
+// pshufb masks that spread chroma to one byte per pixel: `half` on 16
 // half-width samples loaded into both lanes (lane 0 takes samples 0..7, lane 1
-// samples 8..15), kDupEven / kDupOdd on 16 (first, second) pairs.
+// samples 8..15), `even` / `odd` on 16 (first, second) pairs.
 struct alignas(32) DupMasks {
     int8_t half[32];
     int8_t even[32];

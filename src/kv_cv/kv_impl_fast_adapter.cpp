@@ -10,7 +10,7 @@
 // bilinear resizing of byte planes; our kernels (kv_impl_fast_kernels) for
 // gray, byte/float, half/float, 3-byte rotation and integer-factor area
 // reduction, where they beat both libraries, and for YUV to BGR / RGB, where
-// they match libyuv's speed and give the generic backend's exact bytes
+// they outrun libyuv and give the generic backend's exact bytes
 // (libyuv's 6-bit coefficients differ from them by up to 4).
 #include "kv_cv/kv_impl_fast_adapter.h"
 
