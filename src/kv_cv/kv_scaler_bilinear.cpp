@@ -639,15 +639,14 @@ bool ScalerBilinearX::next() { return _impl->next(); }
 
 // ---- ScalerBilinearY --------------------------------------------------------
 
-class ScalerBilinearY::Impl {
-public:
-    void _reuse(const FrameLayout& src_layout, int dst_height);
+// The vertical cursor shared by the Y and XY scalers: a window positioned on
+// the source row of each output row's 16.16 table entry.
+struct VerticalCursor {
     template <typename Source>
     void attach(Source& src, int window_size) {
         core.window.reuse(src, window_size);
         core.advanceTo(_src_ys[0] >> SHIFT);
     }
-    void produce(RowData& dst);
     bool next() {
         if (row >= core.out_layout.size.height - 1) return false;
         ++row;
@@ -658,6 +657,12 @@ public:
     BilinearCore core;
     std::vector<int32_t> _src_ys;
     int32_t row = 0;
+};
+
+class ScalerBilinearY::Impl : public VerticalCursor {
+public:
+    void _reuse(const FrameLayout& src_layout, int dst_height);
+    void produce(RowData& dst);
     int cached_src = 0, cached_dst = 0;
 };
 
@@ -723,26 +728,12 @@ bool ScalerBilinearY::next() { return _impl->next(); }
 
 // ---- ScalerBilinearXY -------------------------------------------------------
 
-class ScalerBilinearXY::Impl {
+class ScalerBilinearXY::Impl : public VerticalCursor {
 public:
     void _reuse(const FrameLayout& src_layout, Size dst_size);
-    template <typename Source>
-    void attach(Source& src, int window_size) {
-        core.window.reuse(src, window_size);
-        core.advanceTo(_src_ys[0] >> SHIFT);
-    }
     void produce(RowData& dst);
-    bool next() {
-        if (row >= core.out_layout.size.height - 1) return false;
-        ++row;
-        core.advanceTo(_src_ys[size_t(row)] >> SHIFT);
-        return true;
-    }
 
-    BilinearCore core;
     std::vector<int32_t> _src_xs;
-    std::vector<int32_t> _src_ys;
-    int32_t row = 0;
     Size cached_src, cached_dst;
 };
 
