@@ -22,6 +22,7 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "kv_core/kv_core_functions.h"
 #include "kv_cv/kv_impl_cpu.h"
 #include "kv_cv/kv_impl_fast_kernels.h"
 #include "kv_cv/kv_impl_fast_warp.h"
@@ -223,20 +224,16 @@ void f32ToU8(const float* src, size_t src_step, uint8_t* dst, size_t dst_step, s
 
 // One IEEE operation per element; the compiler vectorises these loops.
 // Caller rows may sit at any byte address, hence the sample loads and stores.
+// The core library's vectorised in-place arithmetic, one row (or one
+// continuous run) at a time, so pitches beyond int range stay safe.
 void addF32(float* data, size_t step, size_t count, int height, float value) {
     auto* d = reinterpret_cast<uint8_t*>(data);
-    forRows(height, [&](int y) {
-        float* row = reinterpret_cast<float*>(d + size_t(y) * step);
-        for (size_t i = 0; i < count; ++i) storeSample(row, i, loadSample(row, i) + value);
-    });
+    for (int y = 0; y < height; ++y) addConstant_32f_C1(value, d + size_t(y) * step, 0, Rect(0, 0, int(count), 1));
 }
 
 void mulF32(float* data, size_t step, size_t count, int height, float value) {
     auto* d = reinterpret_cast<uint8_t*>(data);
-    forRows(height, [&](int y) {
-        float* row = reinterpret_cast<float*>(d + size_t(y) * step);
-        for (size_t i = 0; i < count; ++i) storeSample(row, i, loadSample(row, i) * value);
-    });
+    for (int y = 0; y < height; ++y) mulConstant_32f_C1(value, d + size_t(y) * step, 0, Rect(0, 0, int(count), 1));
 }
 
 void halfToFloat(const uint16_t* src, size_t count, float* dst) { kernels().halfToFloatRow(src, dst, count); }
