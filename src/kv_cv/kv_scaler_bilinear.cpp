@@ -610,8 +610,7 @@ void ScalerBilinearX::Impl::produce(RowData& dst) {
     if (core.format.planes == 0)
         KV_THROW(KV_STATUS_NOT_SUPPORTED, "kv::ScalerBilinearX::Impl::produce",
                  "Failure in ScalerBilinearX::produce(...) : unsupported frame format.");
-    core.lerp(core.planes[0], src.plane[0], dst.plane[0]);
-    for (int p = 1; p < core.format.planes; ++p)
+    for (int p = 0; p < core.format.planes; ++p)
         if (dst.plane[p]) core.lerp(core.planes[p], src.plane[p], dst.plane[p]);
 }
 
@@ -696,7 +695,7 @@ void ScalerBilinearY::Impl::produce(RowData& dst) {
                  "Failure in ScalerBilinearY::produce(...) : unsupported frame format.");
     const uint32_t fy = uint32_t(p) & 0xFFFF;
     for (int q = 0; q < core.format.planes; ++q) {
-        if (q > 0 && !dst.plane[q]) continue;
+        if (!dst.plane[q]) continue;
         const PlaneState& ps = core.planes[q];
         const uint8_t* upper = core.window.rowData(window_row).plane[q];
         const uint8_t* lower = core.window.rowData(core.lowerRow(q, window_row)).plane[q];
@@ -768,7 +767,7 @@ void ScalerBilinearXY::Impl::produce(RowData& dst) {
                  "Failure in ScalerBilinearXY::produce(...) : unsupported frame format.");
     const uint32_t fy = uint32_t(p) & 0xFFFF;
     for (int q = 0; q < core.format.planes; ++q) {
-        if (q > 0 && !dst.plane[q]) continue;
+        if (!dst.plane[q]) continue;
         PlaneState& ps = core.planes[q];
         const int lower_row = core.lowerRow(q, window_row);
         const uint8_t* upper = w.rowData(window_row).plane[q];

@@ -245,8 +245,7 @@ void ScalerNearestNeighbor::Impl::produce(RowData& dst) {
     if (format.planes == 0)
         KV_THROW(KV_STATUS_NOT_SUPPORTED, "kv::ScalerNearestNeighbor::Impl::produce",
                  "Failure in ScalerNearestNeighbor::produce(...) : unsupported frame format.");
-    kernels->gatherRow(plans[0], src.plane[0], dst.plane[0]);
-    for (int p = 1; p < format.planes; ++p)
+    for (int p = 0; p < format.planes; ++p)
         if (dst.plane[p]) kernels->gatherRow(plans[p], src.plane[p], dst.plane[p]);
 }
 
