@@ -82,11 +82,19 @@ void CvBackendBase::convert(const Frame& src, Frame& dst, Rect src_roi) {
         produceFrame(_scaler, dst);
         return;
     }
-    // Scale first, in the source format (fewer pixels to convert when reducing).
-    _temp.reuse(from.format(), dst.size(), from.deviceContext(), 0);
+    // Scale first, in the source format (fewer pixels to convert when
+    // reducing), and convert the scaler's rows as they come: one pass, no
+    // intermediate image.
     _scaler.reuse(from, dst.size(), ScaleMethod(_method));
-    produceFrame(_scaler, _temp);
-    _converter.reuse(_temp, dst.format());
+    try {
+        _converter.reuse(_scaler, dst.format());
+    } catch (const Exception&) {
+        // An unsupported pair: scale into the temporary frame first, so that a
+        // scaler that cannot take this format reports that before the pair.
+        _temp.reuse(from.format(), dst.size(), from.deviceContext(), 0);
+        produceFrame(_scaler, _temp);
+        _converter.reuse(_temp, dst.format());
+    }
     produceFrame(_converter, dst);
 }
 
