@@ -122,6 +122,11 @@ std::string shapeOf(const py::array& a) {
     return shapeText(std::vector<ssize_t>(a.shape(), a.shape() + a.ndim()));
 }
 
+// "an nv12 frame", "a bgr frame": the article follows the name's first letter as spoken.
+std::string article(const char* name) { return std::strchr("aefhilmnorsx", name[0]) ? "an " : "a "; }
+std::string aFrame(kv::FrameFormat f) { return article(formatName(f)) + formatName(f) + " frame"; }
+std::string aResult(kv::FrameFormat f) { return article(formatName(f)) + formatName(f) + " result"; }
+
 std::string sizeText(kv::Size s) { return std::to_string(s.width) + "x" + std::to_string(s.height); }
 
 // The array shape of a plane: (rows, units) or (rows, units, channels).
@@ -182,7 +187,7 @@ void checkAligned(const kv::Frame& frame, uint32_t p, const char* what) {
     const kv::FramePlane& pl = frame.layout().plane[p];
     const uintptr_t sample = pl.bits_per_channel / 8;
     if (reinterpret_cast<uintptr_t>(frame.planeCpuData(p)) % sample || pl.step % sample)
-        throw py::value_error(std::string(what) + ": the rows of a " + formatName(frame.format()) + " frame must be " +
+        throw py::value_error(std::string(what) + ": the rows of " + aFrame(frame.format()) + " must be " +
                               std::to_string(sample) + "-byte aligned");
 }
 
@@ -194,7 +199,7 @@ void checkInside(const kv::Frame& frame, const uint8_t* lo, const uint8_t* hi, c
         const uint8_t* start = frame.planeCpuData(p);
         const uint64_t span = pl.step * uint64_t(pl.size.height - 1) + pl.row_bytes;
         if (start < lo || start > hi || span > uint64_t(hi - start))
-            throw py::value_error(std::string(what) + " is too small for a " + formatName(l.format) + " frame of " +
+            throw py::value_error(std::string(what) + " is too small for " + aFrame(l.format) + " of " +
                                   sizeText(l.size) + ": plane " + std::to_string(p) + " needs " +
                                   std::to_string(uint64_t(start - lo) + span) + " bytes from the start, the array spans " +
                                   std::to_string(hi - lo));
@@ -266,8 +271,8 @@ bool inferSize(kv::FrameFormat format, const kv::FrameLayout& unit, const py::ar
 }
 
 std::string needSize(kv::FrameFormat format, const py::array& a) {
-    return std::string("cannot tell the size of a ") + formatName(format) + " frame from an array of shape " +
-           shapeOf(a) + "; give size=(width, height)";
+    return "cannot tell the size of " + aFrame(format) + " from an array of shape " + shapeOf(a) +
+           "; give size=(width, height)";
 }
 
 void checkSampleType(const py::array& a, const kv::FramePlane& p, kv::FrameFormat format, bool raw_allowed,
@@ -275,8 +280,7 @@ void checkSampleType(const py::array& a, const kv::FramePlane& p, kv::FrameForma
     const int num = a.dtype().num();
     if (num == sampleType(p) || (raw_allowed && num == npy::NPY_UBYTE_)) return;
     throw py::type_error(std::string(what) + " must hold " + typeName(sampleType(p)) + " samples" +
-                         (raw_allowed && sampleType(p) != npy::NPY_UBYTE_ ? " (or raw uint8 bytes)" : "") + " for a " +
-                         formatName(format) + " frame, got " + describe(a));
+                         (raw_allowed && sampleType(p) != npy::NPY_UBYTE_ ? " (or raw uint8 bytes)" : "") + " for " + aFrame(format) + ", got " + describe(a));
 }
 
 // One array (or flat buffer) holding every plane of the frame.
@@ -307,16 +311,14 @@ PyFrame frameFromArray(const py::array& a, kv::FrameFormat format, bool has_size
     } else if (a.ndim() == 1) {
         // A flat buffer: planes one after another, rows unpadded.
         if (!has_size)
-            throw py::type_error(std::string("size=(width, height) is needed for a ") + formatName(format) +
-                                 " frame given as a flat buffer");
+            throw py::type_error("size=(width, height) is needed for " + aFrame(format) + " given as a flat buffer");
         checkSampleType(a, p0, format, true, what);
         if (a.shape(0) > 1 && a.strides(0) != a.itemsize())
             throw py::value_error("data: a flat buffer must be contiguous");
         checkSide(size.width, size.height, "size");
         const uint64_t have = uint64_t(a.shape(0)) * uint64_t(a.itemsize());
         if (have != unit.byteSize())
-            throw py::value_error("data holds " + std::to_string(have) + " bytes, a " + formatName(format) +
-                                  " frame of " + sizeText(size) + " needs " + std::to_string(unit.byteSize()));
+            throw py::value_error("data holds " + std::to_string(have) + " bytes, " + aFrame(format) + " of " + sizeText(size) + " needs " + std::to_string(unit.byteSize()));
         void* planes[kv::FrameLayout::kMaxPlanes];
         size_t steps[kv::FrameLayout::kMaxPlanes];
         for (uint32_t p = 0; p < unit.planes; ++p) {
@@ -340,8 +342,7 @@ PyFrame frameFromArray(const py::array& a, kv::FrameFormat format, bool has_size
         checkSide(size.width, size.height, has_size ? "size" : what);
         const kv::FrameLayout l(format, size, 1);
         if (l.plane[0].row_bytes > uint64_t(row))
-            throw py::value_error("the rows of data hold " + std::to_string(row) + " bytes, a " + formatName(format) +
-                                  " frame of width " + std::to_string(size.width) + " needs " +
+            throw py::value_error("the rows of data hold " + std::to_string(row) + " bytes, " + aFrame(format) + " of width " + std::to_string(size.width) + " needs " +
                                   std::to_string(l.plane[0].row_bytes));
         frame = kv::Frame::wrap(format, size, memoryOf(a), pitch);
     }
@@ -366,7 +367,7 @@ PyFrame frameFromPlanes(py::handle list, kv::FrameFormat format, bool has_size, 
     }
     const kv::FrameLayout unit(format, kv::Size(2, 2), 1);
     if (arrays.size() != unit.planes)
-        throw py::value_error(std::string("a ") + formatName(format) + " frame has " + std::to_string(unit.planes) +
+        throw py::value_error(aFrame(format) + " has " + std::to_string(unit.planes) +
                               " plane" + (unit.planes == 1 ? "" : "s") + ", data holds " +
                               std::to_string(arrays.size()) + " arrays");
     char what[] = "plane 0";
@@ -398,7 +399,7 @@ PyFrame frameFromPlanes(py::handle list, kv::FrameFormat format, bool has_size, 
             if (a.ndim() == 2 && want.size() == 3) want = {want[0], want[1] * want[2]};
             if (a.dtype().num() != sampleType(l.plane[p]))
                 want.back() *= l.plane[p].bits_per_channel / 8;
-            throw py::value_error(std::string(what) + " of a " + formatName(format) + " frame of " + sizeText(size) +
+            throw py::value_error(std::string(what) + " of " + aFrame(format) + " of " + sizeText(size) +
                                   " must have shape " + shapeText(want) + ", got " + shapeOf(a));
         }
         planes[p] = memoryOf(a);
@@ -592,7 +593,7 @@ Result resultFor(py::handle out, kv::FrameFormat format, kv::Size size, const ch
         r.object = toFrameObject(std::move(f));
         return r;
     }
-    const std::string wanted = std::string(" for a ") + formatName(format) + " result of " + sizeText(size);
+    const std::string wanted = " for " + aResult(format) + " of " + sizeText(size);
     if (py::isinstance<py::array>(out)) {
         if (l.planes != 1)
             throw py::type_error(std::string(what) + " must be a kv_cv.Frame" + wanted + ", got " + describe(out));
@@ -704,7 +705,7 @@ shape that does not match, too few bytes, negative strides, unaligned float rows
             [](py::object self, py::object dtype) {
                 const PyFrame& f = self.cast<const PyFrame&>();
                 if (f.frame.layout().planes != 1)
-                    throw py::value_error(std::string("a ") + formatName(f.frame.format()) + " frame has " +
+                    throw py::value_error(aFrame(f.frame.format()) + " has " +
                                           std::to_string(f.frame.layout().planes) +
                                           " planes; use frame.planes to see them");
                 py::array view = planeView(f.frame, 0, self, f.writable);

@@ -167,8 +167,10 @@ backend: 'fast' (CvBackendSimd: libyuv, OpenCV and the library's own vector kern
 Returns a new numpy array for one-plane formats (HxW for gray, HxWx3 for rgb and bgr, HxWx3
 float32 for 'f32c3'), a new kv_cv.Frame for multi-plane formats.
 
-YUV is BT.601 limited range. Gray is the rounded BT.601 luma. Float to byte clamps to
-0..255 and rounds half to even. 4:2:0 chroma averages each 2x2 block.
+YUV is BT.601 limited range; 4:2:0 chroma averages each 2x2 block. Gray is the BT.601
+luma. The fast backend rounds (within 1 level of cv2.cvtColor); the row pipeline's
+fixed-point kernels truncate (up to 2 levels below). Float to byte clamps to 0..255 and
+rounds half to even.
 
 Raises kv_cv.Error (status 8) for a pair the backend cannot convert and (status 2) for a
 subsampled source of odd size on the fast backend; TypeError or ValueError for bad
