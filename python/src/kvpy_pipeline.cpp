@@ -186,8 +186,9 @@ method: 'nearest', 'bilinear' or 'area' (area only reduces). Equal sizes copy ro
 
 The output keeps the source's format. Drain it with produce_frame(scaler).
 
-Raises kv_cv.Error when the library cannot scale the source's format with this method;
-TypeError or ValueError for bad arguments.)doc")
+Raises kv_cv.Error when the library cannot scale the source's format with this method
+(here, or from produce_frame when the scaler finds out only then); TypeError or ValueError
+for bad arguments.)doc")
         .def(py::init(&makeScaler), py::arg("source"), py::arg("size"), py::arg("method") = "bilinear");
 
     py::class_<PyConverter, PyProducer>(m, "FormatConverter", R"doc(FormatConverter(source, to)
