@@ -17,8 +17,5 @@ Library errors raise kv_cv.Error (a RuntimeError with .status, .message, .functi
 bad arguments raise TypeError or ValueError. help(kv_cv.resize) and friends tell the rest.
 """
 
-from . import _kv_cv
 from ._kv_cv import *  # noqa: F401,F403  (every public name of the compiled core)
-from ._kv_cv import __version__  # noqa: F401
-
-__all__ = sorted(name for name in dir(_kv_cv) if not name.startswith("_"))
+from ._kv_cv import __all__, __version__  # noqa: F401

@@ -84,6 +84,12 @@ PYBIND11_MODULE(_kv_cv, m) {
     kvpy::registerImageOps(m);
     kvpy::registerTensorOps(m);
     kvpy::registerPipeline(m);
+    // The public names, for `from kv_cv._kv_cv import *`.
+    py::list names;
+    for (py::handle name : m.attr("__dict__").attr("keys")())
+        if (name.cast<std::string>()[0] != '_') names.append(name);
+    names.attr("sort")();
+    m.attr("__all__") = names;
     m.def("_time_resize", &kvpy::timeResize, R"doc(_time_resize(src, dst, method, iterations)
 --
 

@@ -329,7 +329,7 @@ py::array fp32ToFp16(py::handle value) {
 
 void registerTensorOps(py::module_& m) {
     m.def("crop_and_resize", &cropAndResize,
-          R"doc(crop_and_resize(src, rois, shape, dtype=numpy.float32, layout='nchw', order='rgb', letterbox=False, mean=None, std=None, out=None)
+          R"doc(crop_and_resize(src, rois, shape, dtype='float32', layout='nchw', order='rgb', letterbox=False, mean=None, std=None, out=None)
 --
 
 Fills a model's input tensor: each region of src is cropped, resized into one image of
@@ -340,7 +340,8 @@ src: a numpy array (HxWx3 uint8 BGR, HxW uint8 gray, ...) or a kv_cv.Frame of an
 rois: one (x, y, width, height) per batch item (a single tuple when N is 1), clipped to
   the image; None: the whole image for every item.
 shape: (N, C, H, W) for layout 'nchw', (N, H, W, C) for 'nhwc'; C is 1 (gray) or 3.
-dtype: numpy.float32 (pixel values 0..255 before mean and std) or numpy.uint8.
+dtype: numpy.float32 (the default; pixel values 0..255 before mean and std) or numpy.uint8,
+  in any spelling numpy.dtype() accepts.
 order: 'rgb' or 'bgr', the channel order of a 3-channel tensor.
 letterbox: keep each region's aspect ratio, centred between black bars (the bars are
   black pixels, normalised like any other).
@@ -354,7 +355,7 @@ Returns the tensor, a numpy array of `shape`.
 Raises kv_cv.Error when the library refuses the source (for example an odd-sized
 subsampled crop on the fast backend); TypeError or ValueError for bad arguments or a
 region outside the image. Releases the GIL while filling.)doc",
-          py::arg("src"), py::arg("rois"), py::arg("shape"), py::arg("dtype") = py::module_::import("numpy").attr("float32"),
+          py::arg("src"), py::arg("rois"), py::arg("shape"), py::arg("dtype") = "float32",
           py::arg("layout") = "nchw", py::arg("order") = "rgb", py::arg("letterbox") = false,
           py::arg("mean") = py::none(), py::arg("std") = py::none(), py::arg("out") = py::none());
 
