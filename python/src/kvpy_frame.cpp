@@ -57,16 +57,28 @@ std::string lowered(const char* s, size_t n) {
     return out;
 }
 
-// The UTF-8 text of a str argument, or a TypeError.
-std::string textArg(py::handle value, const char* what, const char* example) {
-    Py_ssize_t n = 0;
+// The UTF-8 text of a str argument (valid while `value` lives), or a TypeError.
+const char* utf8Arg(py::handle value, const char* what, const char* example, Py_ssize_t& n) {
     const char* s = PyUnicode_Check(value.ptr()) ? PyUnicode_AsUTF8AndSize(value.ptr(), &n) : nullptr;
     if (!s) {
         PyErr_Clear();
         throw py::type_error(std::string(what) + " must be a string such as '" + example + "', got " +
                              describe(value));
     }
+    return s;
+}
+
+std::string textArg(py::handle value, const char* what, const char* example) {
+    Py_ssize_t n = 0;
+    const char* s = utf8Arg(value, what, example, n);
     return std::string(s, size_t(n));
+}
+
+// Case-insensitive equality of `n` bytes of text with a lower-case ASCII name.
+bool sameName(const char* s, Py_ssize_t n, const char* name) {
+    for (Py_ssize_t i = 0; i < n; ++i, ++name)
+        if (!*name || std::tolower(static_cast<unsigned char>(s[i])) != *name) return false;
+    return *name == 0;
 }
 
 }  // namespace
@@ -490,10 +502,11 @@ const char* formatName(kv::FrameFormat format) {
 }
 
 int choice(py::handle value, const char* what, const char* const* names, size_t count) {
-    const std::string given = textArg(value, what, names[0]);
-    const std::string t = lowered(given.data(), given.size());
+    Py_ssize_t n = 0;
+    const char* text = utf8Arg(value, what, names[0], n);
     for (size_t i = 0; i < count; ++i)
-        if (t == names[i]) return int(i);
+        if (sameName(text, n, names[i])) return int(i);
+    const std::string given(text, size_t(n));
     std::string list;
     for (size_t i = 0; i < count; ++i)
         list += std::string(i == 0 ? "" : i + 1 == count ? " or " : ", ") + "'" + names[i] + "'";
@@ -593,10 +606,10 @@ Result resultFor(py::handle out, kv::FrameFormat format, kv::Size size, const ch
         r.object = toFrameObject(std::move(f));
         return r;
     }
-    const std::string wanted = " for " + aResult(format) + " of " + sizeText(size);
+    const auto wanted = [&] { return " for " + aResult(format) + " of " + sizeText(size); };
     if (py::isinstance<py::array>(out)) {
         if (l.planes != 1)
-            throw py::type_error(std::string(what) + " must be a kv_cv.Frame" + wanted + ", got " + describe(out));
+            throw py::type_error(std::string(what) + " must be a kv_cv.Frame" + wanted() + ", got " + describe(out));
         const py::array a = py::reinterpret_borrow<py::array>(out);
         const std::vector<ssize_t> shape = planeShape(l.plane[0]);
         const int type = sampleType(l.plane[0]);
@@ -604,7 +617,7 @@ Result resultFor(py::handle out, kv::FrameFormat format, kv::Size size, const ch
                                 std::equal(shape.begin(), shape.end(), a.shape());
         if (a.dtype().num() != type || !same_shape)
             throw py::value_error(std::string(what) + " must be a " + typeName(type) + " array of shape " +
-                                  shapeText(shape) + wanted + ", got " + describe(out));
+                                  shapeText(shape) + wanted() + ", got " + describe(out));
         if (!a.writeable()) throw py::value_error(std::string(what) + " is read-only");
         checkMemory(a, what);
         const ssize_t row = rowBytes(a, what);
@@ -613,7 +626,7 @@ Result resultFor(py::handle out, kv::FrameFormat format, kv::Size size, const ch
     }
     if (PyFrame* f = asFrame(out)) {
         if (f->frame.format() != format || f->frame.size() != size)
-            throw py::value_error(std::string(what) + " must be a Frame" + wanted + ", got " + describe(out));
+            throw py::value_error(std::string(what) + " must be a Frame" + wanted() + ", got " + describe(out));
         if (!f->writable) throw py::value_error(std::string(what) + " views read-only memory");
         return Result{py::reinterpret_borrow<py::object>(out), f->frame};
     }
