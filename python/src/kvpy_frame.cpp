@@ -694,8 +694,11 @@ planes). np.asarray(frame) is the one plane of one-plane formats.
 
 Raises TypeError or ValueError when the data cannot hold such a frame: wrong dtype, a
 shape that does not match, too few bytes, negative strides, unaligned float rows.)doc")
-        .def(py::init(&makeFrame), py::arg("data") = py::none(), py::arg("format") = py::none(),
-             py::arg("size") = py::none())
+        .def(py::init(&makeFrame), R"doc(__init__(self, data=None, format=None, size=None)
+--
+
+Views data as a frame of format and size (see help(kv_cv.Frame)).)doc",
+             py::arg("data") = py::none(), py::arg("format") = py::none(), py::arg("size") = py::none())
         .def_property_readonly(
             "format", [](const PyFrame& f) { return formatName(f.frame.format()); },
             "The pixel format's short name, such as 'nv12'.")

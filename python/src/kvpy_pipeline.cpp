@@ -189,7 +189,11 @@ The output keeps the source's format. Drain it with produce_frame(scaler).
 Raises kv_cv.Error when the library cannot scale the source's format with this method
 (here, or from produce_frame when the scaler finds out only then); TypeError or ValueError
 for bad arguments.)doc")
-        .def(py::init(&makeScaler), py::arg("source"), py::arg("size"), py::arg("method") = "bilinear");
+        .def(py::init(&makeScaler), R"doc(__init__(self, source, size, method='bilinear')
+--
+
+Scales source to size (see help(kv_cv.Scaler)).)doc",
+             py::arg("source"), py::arg("size"), py::arg("method") = "bilinear");
 
     py::class_<PyConverter, PyProducer>(m, "FormatConverter", R"doc(FormatConverter(source, to)
 --
@@ -203,7 +207,11 @@ The output has the source's size. Drain it with produce_frame(converter).
 
 Raises kv_cv.Error when the library cannot convert between the two formats; TypeError or
 ValueError for bad arguments.)doc")
-        .def(py::init(&makeConverter), py::arg("source"), py::arg("to"));
+        .def(py::init(&makeConverter), R"doc(__init__(self, source, to)
+--
+
+Converts source to the format `to` (see help(kv_cv.FormatConverter)).)doc",
+             py::arg("source"), py::arg("to"));
 
     m.def("produce_frame", &produceFrame, R"doc(produce_frame(producer, out=None)
 --

@@ -32,6 +32,8 @@ def test_every_public_name_has_a_docstring_a_signature_and_a_stub():
         if inspect.isbuiltin(obj) or inspect.isfunction(obj):
             assert list(inspect.signature(obj).parameters)[0] in ("src", "rects", "a", "producer"), name
     assert str(inspect.signature(kv_cv.resize)) == "(src, size, method='bilinear', backend='fast', out=None)"
+    assert str(inspect.signature(kv_cv.Frame)) == "(data=None, format=None, size=None)"
+    assert str(inspect.signature(kv_cv.Scaler)) == "(source, size, method='bilinear')"
     assert "cv2.INTER_AREA" in kv_cv.resize.__doc__
 
 
