@@ -77,10 +77,13 @@ py::object exportFrame(const kv::Frame& frame);
 
 constexpr int kNpyHalf = 23;  // NPY_HALF, absent from pybind11's list of type numbers
 
-// A numpy array of type `type_num` (an NPY_* number) and `shape`: new memory,
-// or (with `data`) a view with these byte strides that sets no base.
-py::array newArray(int type_num, const std::vector<ssize_t>& shape, const std::vector<ssize_t>* strides = nullptr,
+// A numpy array of type `type_num` (an NPY_* number) and `nd` dimensions:
+// new memory, or (with `data`) a view with these byte strides that sets no base.
+py::array newArray(int type_num, int nd, const ssize_t* shape, const ssize_t* strides = nullptr,
                    void* data = nullptr, bool writable = true);
+inline py::array newArray(int type_num, const std::vector<ssize_t>& shape) {
+    return newArray(type_num, int(shape.size()), shape.data());
+}
 
 // Numpy view of plane `p` of `frame`, kept alive by `base`.
 py::array planeView(const kv::Frame& frame, uint32_t p, py::handle base, bool writable);

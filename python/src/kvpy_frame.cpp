@@ -142,11 +142,16 @@ std::string aResult(kv::FrameFormat f) { return article(formatName(f)) + formatN
 std::string sizeText(kv::Size s) { return std::to_string(s.width) + "x" + std::to_string(s.height); }
 
 // The array shape of a plane: (rows, units) or (rows, units, channels).
-std::vector<ssize_t> planeShape(const kv::FramePlane& p) {
+struct PlaneShape {
+    ssize_t dim[3];
+    int nd;
+    std::vector<ssize_t> vector() const { return std::vector<ssize_t>(dim, dim + nd); }
+};
+
+PlaneShape planeShape(const kv::FramePlane& p) {
     const ssize_t unit = ssize_t(p.channels) * (p.bits_per_channel / 8);
     const ssize_t units = ssize_t(p.row_bytes) / unit;
-    if (p.channels == 1) return {p.size.height, units};
-    return {p.size.height, units, ssize_t(p.channels)};
+    return PlaneShape{{p.size.height, units, ssize_t(p.channels)}, p.channels == 1 ? 2 : 3};
 }
 
 // Checks every array whose memory a frame will use.
@@ -407,7 +412,7 @@ PyFrame frameFromPlanes(py::handle list, kv::FrameFormat format, bool has_size, 
         checkSampleType(a, l.plane[p], format, a.ndim() == 2, what);
         const ssize_t row = rowBytes(a, what);
         if (a.shape(0) != l.plane[p].size.height || uint64_t(row) != l.plane[p].row_bytes) {
-            std::vector<ssize_t> want = planeShape(l.plane[p]);
+            std::vector<ssize_t> want = planeShape(l.plane[p]).vector();
             if (a.ndim() == 2 && want.size() == 3) want = {want[0], want[1] * want[2]};
             if (a.dtype().num() != sampleType(l.plane[p]))
                 want.back() *= l.plane[p].bits_per_channel / 8;
@@ -567,13 +572,11 @@ std::string describe(py::handle value) {
 
 // ---- images ---------------------------------------------------------------------------
 
-py::array newArray(int type_num, const std::vector<ssize_t>& shape, const std::vector<ssize_t>* strides, void* data,
-                   bool writable) {
+py::array newArray(int type_num, int nd, const ssize_t* shape, const ssize_t* strides, void* data, bool writable) {
     npy& api = npy::get();
     PyObject* descr = api.PyArray_DescrFromType_(type_num);  // stolen by the call below
     if (!descr) throw py::error_already_set();
-    PyObject* a = api.PyArray_NewFromDescr_(api.PyArray_Type_, descr, int(shape.size()), shape.data(),
-                                           strides ? strides->data() : nullptr, data,
+    PyObject* a = api.PyArray_NewFromDescr_(api.PyArray_Type_, descr, nd, shape, strides, data,
                                            data && writable ? npy::NPY_ARRAY_WRITEABLE_ : 0, nullptr);
     if (!a) throw py::error_already_set();
     return py::reinterpret_steal<py::array>(a);
@@ -596,7 +599,8 @@ Result resultFor(py::handle out, kv::FrameFormat format, kv::Size size, const ch
     const kv::FrameLayout l(format, size, 1);
     if (out.is_none()) {
         if (l.planes == 1) {
-            py::array a = newArray(sampleType(l.plane[0]), planeShape(l.plane[0]));
+            const PlaneShape shape = planeShape(l.plane[0]);
+            py::array a = newArray(sampleType(l.plane[0]), shape.nd, shape.dim);
             void* data = memoryOf(a);
             return Result{std::move(a), kv::Frame::wrap(format, size, data, size_t(l.plane[0].row_bytes))};
         }
@@ -611,13 +615,12 @@ Result resultFor(py::handle out, kv::FrameFormat format, kv::Size size, const ch
         if (l.planes != 1)
             throw py::type_error(std::string(what) + " must be a kv_cv.Frame" + wanted() + ", got " + describe(out));
         const py::array a = py::reinterpret_borrow<py::array>(out);
-        const std::vector<ssize_t> shape = planeShape(l.plane[0]);
+        const PlaneShape shape = planeShape(l.plane[0]);
         const int type = sampleType(l.plane[0]);
-        const bool same_shape = a.ndim() == ssize_t(shape.size()) &&
-                                std::equal(shape.begin(), shape.end(), a.shape());
+        const bool same_shape = a.ndim() == shape.nd && std::equal(shape.dim, shape.dim + shape.nd, a.shape());
         if (a.dtype().num() != type || !same_shape)
             throw py::value_error(std::string(what) + " must be a " + typeName(type) + " array of shape " +
-                                  shapeText(shape) + wanted() + ", got " + describe(out));
+                                  shapeText(shape.vector()) + wanted() + ", got " + describe(out));
         if (!a.writeable()) throw py::value_error(std::string(what) + " is read-only");
         checkMemory(a, what);
         const ssize_t row = rowBytes(a, what);
@@ -635,11 +638,11 @@ Result resultFor(py::handle out, kv::FrameFormat format, kv::Size size, const ch
 
 py::array planeView(const kv::Frame& frame, uint32_t p, py::handle base, bool writable) {
     const kv::FramePlane& pl = frame.layout().plane[p];
-    const std::vector<ssize_t> shape = planeShape(pl);
-    std::vector<ssize_t> strides = {ssize_t(pl.step), ssize_t(pl.channels) * (pl.bits_per_channel / 8),
-                                    pl.bits_per_channel / 8};
-    if (shape.size() == 2) strides.pop_back();
-    py::array view = newArray(sampleType(pl), shape, &strides, const_cast<uint8_t*>(frame.planeCpuData(p)), writable);
+    const PlaneShape shape = planeShape(pl);
+    const ssize_t strides[3] = {ssize_t(pl.step), ssize_t(pl.channels) * (pl.bits_per_channel / 8),
+                                pl.bits_per_channel / 8};
+    py::array view = newArray(sampleType(pl), shape.nd, shape.dim, strides, const_cast<uint8_t*>(frame.planeCpuData(p)),
+                              writable);
     if (npy::get().PyArray_SetBaseObject_(view.ptr(), base.inc_ref().ptr()) != 0) throw py::error_already_set();
     return view;
 }
