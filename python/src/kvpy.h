@@ -79,8 +79,8 @@ constexpr int kNpyHalf = 23;  // NPY_HALF, absent from pybind11's list of type n
 
 // A numpy array of type `type_num` (an NPY_* number) and `nd` dimensions:
 // new memory, or (with `data`) a view with these byte strides that sets no base.
-py::array newArray(int type_num, int nd, const ssize_t* shape, const ssize_t* strides = nullptr,
-                   void* data = nullptr, bool writable = true);
+py::array newArray(int type_num, int nd, const ssize_t* shape, const ssize_t* strides = nullptr, void* data = nullptr,
+                   bool writable = true);
 inline py::array newArray(int type_num, const std::vector<ssize_t>& shape) {
     return newArray(type_num, int(shape.size()), shape.data());
 }

@@ -33,21 +33,34 @@ struct FormatName {
 
 // Short names first: formatName() gives the first entry of a format.
 const FormatName kNames[] = {
-    {kv::FRAME_GRAY_8, "gray"},         {kv::FRAME_RGB_8, "rgb"},
-    {kv::FRAME_RGB_8_PLANAR, "rgbp"},   {kv::FRAME_BGR_8, "bgr"},
-    {kv::FRAME_BGR_8_PLANAR, "bgrp"},   {kv::FRAME_I420, "i420"},
-    {kv::FRAME_YV12, "yv12"},           {kv::FRAME_NV12, "nv12"},
-    {kv::FRAME_NV21, "nv21"},           {kv::FRAME_YV16, "yv16"},
-    {kv::FRAME_YUYV, "yuyv"},           {kv::FRAME_UYVY, "uyvy"},
-    {kv::FRAME_NV16, "nv16"},           {kv::FRAME_YUV444, "yuv444"},
-    {kv::FRAME_YUV444_PLANAR, "yuv444p"}, {kv::FRAME_C2_8, "c2_8"},
-    {kv::FRAME_C3_8, "c3_8"},           {kv::FRAME_C4_8, "c4_8"},
-    {kv::FRAME_GRAY_16, "gray16"},      {kv::FRAME_GRAY_FLOAT_32, "grayf32"},
-    {kv::FRAME_FLOAT_32, "f32"},        {kv::FRAME_FLOAT_32_C3, "f32c3"},
+    {kv::FRAME_GRAY_8, "gray"},
+    {kv::FRAME_RGB_8, "rgb"},
+    {kv::FRAME_RGB_8_PLANAR, "rgbp"},
+    {kv::FRAME_BGR_8, "bgr"},
+    {kv::FRAME_BGR_8_PLANAR, "bgrp"},
+    {kv::FRAME_I420, "i420"},
+    {kv::FRAME_YV12, "yv12"},
+    {kv::FRAME_NV12, "nv12"},
+    {kv::FRAME_NV21, "nv21"},
+    {kv::FRAME_YV16, "yv16"},
+    {kv::FRAME_YUYV, "yuyv"},
+    {kv::FRAME_UYVY, "uyvy"},
+    {kv::FRAME_NV16, "nv16"},
+    {kv::FRAME_YUV444, "yuv444"},
+    {kv::FRAME_YUV444_PLANAR, "yuv444p"},
+    {kv::FRAME_C2_8, "c2_8"},
+    {kv::FRAME_C3_8, "c3_8"},
+    {kv::FRAME_C4_8, "c4_8"},
+    {kv::FRAME_GRAY_16, "gray16"},
+    {kv::FRAME_GRAY_FLOAT_32, "grayf32"},
+    {kv::FRAME_FLOAT_32, "f32"},
+    {kv::FRAME_FLOAT_32_C3, "f32c3"},
     {kv::FRAME_FLOAT_32_C3_PLANAR, "f32c3p"},
     // Aliases, as the kvcv tool accepts them.
-    {kv::FRAME_GRAY_8, "grey"},         {kv::FRAME_GRAY_8, "y"},
-    {kv::FRAME_I420, "yuv420p"},        {kv::FRAME_I420, "iyuv"},
+    {kv::FRAME_GRAY_8, "grey"},
+    {kv::FRAME_GRAY_8, "y"},
+    {kv::FRAME_I420, "yuv420p"},
+    {kv::FRAME_I420, "iyuv"},
     {kv::FRAME_YUYV, "yuy2"},
 };
 
@@ -62,8 +75,7 @@ const char* utf8Arg(py::handle value, const char* what, const char* example, Py_
     const char* s = PyUnicode_Check(value.ptr()) ? PyUnicode_AsUTF8AndSize(value.ptr(), &n) : nullptr;
     if (!s) {
         PyErr_Clear();
-        throw py::type_error(std::string(what) + " must be a string such as '" + example + "', got " +
-                             describe(value));
+        throw py::type_error(std::string(what) + " must be a string such as '" + example + "', got " + describe(value));
     }
     return s;
 }
@@ -108,7 +120,9 @@ bool integersArg(py::handle value, int64_t* out, Py_ssize_t n) {
 namespace {
 
 // The first byte of an array; the frame built on it is read-only where the array is.
-void* memoryOf(const py::array& a) { return const_cast<void*>(a.data()); }
+void* memoryOf(const py::array& a) {
+    return const_cast<void*>(a.data());
+}
 
 int sampleType(const kv::FramePlane& p) {
     return p.bits_per_channel == 32 ? npy::NPY_FLOAT_ : p.bits_per_channel == 16 ? npy::NPY_USHORT_ : npy::NPY_UBYTE_;
@@ -116,11 +130,16 @@ int sampleType(const kv::FramePlane& p) {
 
 const char* typeName(int num) {
     switch (num) {
-        case npy::NPY_UBYTE_: return "uint8";
-        case npy::NPY_USHORT_: return "uint16";
-        case npy::NPY_FLOAT_: return "float32";
-        case kNpyHalf: return "float16";
-        default: return "?";
+        case npy::NPY_UBYTE_:
+            return "uint8";
+        case npy::NPY_USHORT_:
+            return "uint16";
+        case npy::NPY_FLOAT_:
+            return "float32";
+        case kNpyHalf:
+            return "float16";
+        default:
+            return "?";
     }
 }
 
@@ -135,11 +154,19 @@ std::string shapeOf(const py::array& a) {
 }
 
 // "an nv12 frame", "a bgr frame": the article follows the name's first letter as spoken.
-std::string article(const char* name) { return std::strchr("aefhilmnorsx", name[0]) ? "an " : "a "; }
-std::string aFrame(kv::FrameFormat f) { return article(formatName(f)) + formatName(f) + " frame"; }
-std::string aResult(kv::FrameFormat f) { return article(formatName(f)) + formatName(f) + " result"; }
+std::string article(const char* name) {
+    return std::strchr("aefhilmnorsx", name[0]) ? "an " : "a ";
+}
+std::string aFrame(kv::FrameFormat f) {
+    return article(formatName(f)) + formatName(f) + " frame";
+}
+std::string aResult(kv::FrameFormat f) {
+    return article(formatName(f)) + formatName(f) + " result";
+}
 
-std::string sizeText(kv::Size s) { return std::to_string(s.width) + "x" + std::to_string(s.height); }
+std::string sizeText(kv::Size s) {
+    return std::to_string(s.width) + "x" + std::to_string(s.height);
+}
 
 // The array shape of a plane: (rows, units) or (rows, units, channels).
 struct PlaneShape {
@@ -218,8 +245,8 @@ void checkInside(const kv::Frame& frame, const uint8_t* lo, const uint8_t* hi, c
         if (start < lo || start > hi || span > uint64_t(hi - start))
             throw py::value_error(std::string(what) + " is too small for " + aFrame(l.format) + " of " +
                                   sizeText(l.size) + ": plane " + std::to_string(p) + " needs " +
-                                  std::to_string(uint64_t(start - lo) + span) + " bytes from the start, the array spans " +
-                                  std::to_string(hi - lo));
+                                  std::to_string(uint64_t(start - lo) + span) +
+                                  " bytes from the start, the array spans " + std::to_string(hi - lo));
         checkAligned(frame, p, what);
     }
 }
@@ -297,7 +324,8 @@ void checkSampleType(const py::array& a, const kv::FramePlane& p, kv::FrameForma
     const int num = a.dtype().num();
     if (num == sampleType(p) || (raw_allowed && num == npy::NPY_UBYTE_)) return;
     throw py::type_error(std::string(what) + " must hold " + typeName(sampleType(p)) + " samples" +
-                         (raw_allowed && sampleType(p) != npy::NPY_UBYTE_ ? " (or raw uint8 bytes)" : "") + " for " + aFrame(format) + ", got " + describe(a));
+                         (raw_allowed && sampleType(p) != npy::NPY_UBYTE_ ? " (or raw uint8 bytes)" : "") + " for " +
+                         aFrame(format) + ", got " + describe(a));
 }
 
 // One array (or flat buffer) holding every plane of the frame.
@@ -335,7 +363,8 @@ PyFrame frameFromArray(const py::array& a, kv::FrameFormat format, bool has_size
         checkSide(size.width, size.height, "size");
         const uint64_t have = uint64_t(a.shape(0)) * uint64_t(a.itemsize());
         if (have != unit.byteSize())
-            throw py::value_error("data holds " + std::to_string(have) + " bytes, " + aFrame(format) + " of " + sizeText(size) + " needs " + std::to_string(unit.byteSize()));
+            throw py::value_error("data holds " + std::to_string(have) + " bytes, " + aFrame(format) + " of " +
+                                  sizeText(size) + " needs " + std::to_string(unit.byteSize()));
         void* planes[kv::FrameLayout::kMaxPlanes];
         size_t steps[kv::FrameLayout::kMaxPlanes];
         for (uint32_t p = 0; p < unit.planes; ++p) {
@@ -359,7 +388,8 @@ PyFrame frameFromArray(const py::array& a, kv::FrameFormat format, bool has_size
         checkSide(size.width, size.height, has_size ? "size" : what);
         const kv::FrameLayout l(format, size, 1);
         if (l.plane[0].row_bytes > uint64_t(row))
-            throw py::value_error("the rows of data hold " + std::to_string(row) + " bytes, " + aFrame(format) + " of width " + std::to_string(size.width) + " needs " +
+            throw py::value_error("the rows of data hold " + std::to_string(row) + " bytes, " + aFrame(format) +
+                                  " of width " + std::to_string(size.width) + " needs " +
                                   std::to_string(l.plane[0].row_bytes));
         frame = kv::Frame::wrap(format, size, memoryOf(a), pitch);
     }
@@ -384,9 +414,9 @@ PyFrame frameFromPlanes(py::handle list, kv::FrameFormat format, bool has_size, 
     }
     const kv::FrameLayout unit(format, kv::Size(2, 2), 1);
     if (arrays.size() != unit.planes)
-        throw py::value_error(aFrame(format) + " has " + std::to_string(unit.planes) +
-                              " plane" + (unit.planes == 1 ? "" : "s") + ", data holds " +
-                              std::to_string(arrays.size()) + " arrays");
+        throw py::value_error(aFrame(format) + " has " + std::to_string(unit.planes) + " plane" +
+                              (unit.planes == 1 ? "" : "s") + ", data holds " + std::to_string(arrays.size()) +
+                              " arrays");
     char what[] = "plane 0";
     checkMemory(arrays[0], what);
     kv::Size shape_size;
@@ -414,8 +444,7 @@ PyFrame frameFromPlanes(py::handle list, kv::FrameFormat format, bool has_size, 
         if (a.shape(0) != l.plane[p].size.height || uint64_t(row) != l.plane[p].row_bytes) {
             std::vector<ssize_t> want = planeShape(l.plane[p]).vector();
             if (a.ndim() == 2 && want.size() == 3) want = {want[0], want[1] * want[2]};
-            if (a.dtype().num() != sampleType(l.plane[p]))
-                want.back() *= l.plane[p].bits_per_channel / 8;
+            if (a.dtype().num() != sampleType(l.plane[p])) want.back() *= l.plane[p].bits_per_channel / 8;
             throw py::value_error(std::string(what) + " of " + aFrame(format) + " of " + sizeText(size) +
                                   " must have shape " + shapeText(want) + ", got " + shapeOf(a));
         }
@@ -457,8 +486,10 @@ PyFrame makeFrame(py::handle data, py::handle format_arg, py::handle size_arg) {
     } else if (PyObject_CheckBuffer(data.ptr())) {
         a = py::module_::import("numpy").attr("frombuffer")(data, "uint8");
     } else {
-        throw py::type_error("data must be a numpy array, a buffer (bytes, bytearray, memoryview) or a list of "
-                             "plane arrays, got " + describe(data));
+        throw py::type_error(
+            "data must be a numpy array, a buffer (bytes, bytearray, memoryview) or a list of "
+            "plane arrays, got " +
+            describe(data));
     }
     if (!has_format) {
         format = arrayFormat(a);
@@ -475,7 +506,9 @@ PyFrame* asFrame(py::handle value) {
     return &value.cast<PyFrame&>();
 }
 
-py::object toFrameObject(PyFrame f) { return py::cast(std::move(f)); }
+py::object toFrameObject(PyFrame f) {
+    return py::cast(std::move(f));
+}
 
 }  // namespace
 
@@ -496,8 +529,8 @@ kv::FrameFormat parseFormat(py::handle name, const char* what) {
         if (formatName(n.format) != n.name) continue;
         known += (known.empty() ? "" : " ") + std::string(n.name);
     }
-    throw py::value_error(std::string(what) + ": unknown format '" + textArg(name, what, "nv12") + "' (known: " +
-                          known + ")");
+    throw py::value_error(std::string(what) + ": unknown format '" + textArg(name, what, "nv12") +
+                          "' (known: " + known + ")");
 }
 
 const char* formatName(kv::FrameFormat format) {
@@ -525,8 +558,7 @@ int choice(py::handle value, const char* what, std::initializer_list<const char*
 kv::Size sizeArg(py::handle value, const char* what) {
     int64_t v[2];
     if (!integersArg(value, v, 2))
-        throw py::type_error(std::string(what) + " must be a (width, height) pair of integers, got " +
-                             describe(value));
+        throw py::type_error(std::string(what) + " must be a (width, height) pair of integers, got " + describe(value));
     if (v[0] < 1 || v[1] < 1 || v[0] > kMaxSide || v[1] > kMaxSide)
         throw py::value_error(std::string(what) + " must lie between (1, 1) and (32767, 32767), got (" +
                               std::to_string(v[0]) + ", " + std::to_string(v[1]) + ")");
@@ -540,8 +572,8 @@ kv::Rect rectArg(py::handle value, const char* what) {
                              describe(value));
     if (v[2] < 1 || v[3] < 1)
         throw py::value_error(std::string(what) + " needs a positive width and height, got (" + std::to_string(v[0]) +
-                              ", " + std::to_string(v[1]) + ", " + std::to_string(v[2]) + ", " +
-                              std::to_string(v[3]) + ")");
+                              ", " + std::to_string(v[1]) + ", " + std::to_string(v[2]) + ", " + std::to_string(v[3]) +
+                              ")");
     for (int64_t x : v)
         if (x < -kMaxSide || x > kMaxSide)
             throw py::value_error(std::string(what) + " must lie within +-32767 pixels, got " + std::to_string(x));
@@ -577,7 +609,7 @@ py::array newArray(int type_num, int nd, const ssize_t* shape, const ssize_t* st
     PyObject* descr = api.PyArray_DescrFromType_(type_num);  // stolen by the call below
     if (!descr) throw py::error_already_set();
     PyObject* a = api.PyArray_NewFromDescr_(api.PyArray_Type_, descr, nd, shape, strides, data,
-                                           data && writable ? npy::NPY_ARRAY_WRITEABLE_ : 0, nullptr);
+                                            data && writable ? npy::NPY_ARRAY_WRITEABLE_ : 0, nullptr);
     if (!a) throw py::error_already_set();
     return py::reinterpret_steal<py::array>(a);
 }
@@ -641,8 +673,8 @@ py::array planeView(const kv::Frame& frame, uint32_t p, py::handle base, bool wr
     const PlaneShape shape = planeShape(pl);
     const ssize_t strides[3] = {ssize_t(pl.step), ssize_t(pl.channels) * (pl.bits_per_channel / 8),
                                 pl.bits_per_channel / 8};
-    py::array view = newArray(sampleType(pl), shape.nd, shape.dim, strides, const_cast<uint8_t*>(frame.planeCpuData(p)),
-                              writable);
+    py::array view =
+        newArray(sampleType(pl), shape.nd, shape.dim, strides, const_cast<uint8_t*>(frame.planeCpuData(p)), writable);
     if (npy::get().PyArray_SetBaseObject_(view.ptr(), base.inc_ref().ptr()) != 0) throw py::error_already_set();
     return view;
 }
@@ -724,8 +756,7 @@ Views data as a frame of format and size (see help(kv_cv.Frame)).)doc",
             [](py::object self, py::object dtype) {
                 const PyFrame& f = self.cast<const PyFrame&>();
                 if (f.frame.layout().planes != 1)
-                    throw py::value_error(aFrame(f.frame.format()) + " has " +
-                                          std::to_string(f.frame.layout().planes) +
+                    throw py::value_error(aFrame(f.frame.format()) + " has " + std::to_string(f.frame.layout().planes) +
                                           " planes; use frame.planes to see them");
                 py::array view = planeView(f.frame, 0, self, f.writable);
                 if (dtype.is_none()) return py::object(view);

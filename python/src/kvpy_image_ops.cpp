@@ -40,9 +40,10 @@ void checkWarpable(const kv::Frame& frame, const char* what) {
     for (uint32_t p = 0; p < l.planes; ++p)
         ok = ok && l.plane[p].size == l.size && (l.plane[p].bits_per_channel == 8 || l.plane[p].bits_per_channel == 32);
     if (!ok)
-        throw py::value_error(std::string(what) + " needs a format without chroma subsampling (gray, bgr, rgb, "
-                              "planar, yuv444, float), got " + formatName(frame.format()) +
-                              "; convert it first, e.g. kv_cv.convert(frame, 'bgr')");
+        throw py::value_error(std::string(what) +
+                              " needs a format without chroma subsampling (gray, bgr, rgb, "
+                              "planar, yuv444, float), got " +
+                              formatName(frame.format()) + "; convert it first, e.g. kv_cv.convert(frame, 'bgr')");
 }
 
 py::object convert(py::handle src, py::handle to, py::handle backend) {
@@ -128,9 +129,8 @@ py::object warpAffine(py::handle src, py::handle matrix, py::handle size, py::ha
         throw py::type_error("matrix must be 2x3 (two rows of three numbers), got " + describe(matrix));
     }
     const kv::Size dsize = sizeArg(size, "size");
-    const int method = choice(interpolation, "interpolation", {"nearest", "bilinear"}) == 0
-                           ? kv::ResizeNearestNeighbour
-                           : kv::ResizeBilinear;
+    const int method = choice(interpolation, "interpolation", {"nearest", "bilinear"}) == 0 ? kv::ResizeNearestNeighbour
+                                                                                            : kv::ResizeBilinear;
     const int invert = PyObject_IsTrue(inverse.ptr());
     if (invert < 0) throw py::error_already_set();
     checkWarpable(s, "warp_affine");

@@ -26,8 +26,7 @@ const char kErrorDoc[] =
     "(the throwing function, such as 'kv::CvBackendSimd::colorCvt'), file and line (its source).";
 
 void raiseError(const kv::Exception& e) {
-    const std::string text =
-        e.message() + " (" + e.function() + ", status " + std::to_string(int(e.status())) + ")";
+    const std::string text = e.message() + " (" + e.function() + ", status " + std::to_string(int(e.status())) + ")";
     py::object error = py::reinterpret_borrow<py::object>(g_error)(text);
     error.attr("status") = int(e.status());
     error.attr("message") = e.message();

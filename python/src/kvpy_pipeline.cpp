@@ -137,8 +137,7 @@ PyConverter* makeConverter(py::handle source, py::handle to) {
 
 py::object produceFrame(py::handle producer, py::handle out) {
     PyProducer* p = asProducer(producer);
-    if (!p)
-        throw py::type_error("producer must be a kv_cv.Scaler or kv_cv.FormatConverter, got " + describe(producer));
+    if (!p) throw py::type_error("producer must be a kv_cv.Scaler or kv_cv.FormatConverter, got " + describe(producer));
     Result r = resultFor(out, p->format, p->size);
     ChainLock lock(p);
     {

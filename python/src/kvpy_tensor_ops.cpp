@@ -60,8 +60,8 @@ std::vector<kv::Rect> roisArg(py::handle rois, int64_t n, kv::Size image) {
     if (!PySequence_Check(rois.ptr()) || PyUnicode_Check(rois.ptr()))
         throw py::type_error("rois must be a list of (x, y, width, height), got " + describe(rois));
     const py::sequence seq = py::reinterpret_borrow<py::sequence>(rois);
-    const bool single = seq.size() == 4 && PyNumber_Check(py::object(seq[0]).ptr()) &&
-                        !PySequence_Check(py::object(seq[0]).ptr());
+    const bool single =
+        seq.size() == 4 && PyNumber_Check(py::object(seq[0]).ptr()) && !PySequence_Check(py::object(seq[0]).ptr());
     std::vector<kv::Rect> given;
     if (single) {
         given.push_back(rectArg(rois, "rois"));
@@ -127,7 +127,8 @@ py::object cropAndResize(py::handle src, py::handle rois, py::handle shape, py::
                                  ", got " + describe(shape));
         for (int64_t x : v)
             if (x < 1 || x > kMaxSide)
-                throw py::value_error("shape must hold positive integers up to 32767, got " + std::string(py::str(shape)));
+                throw py::value_error("shape must hold positive integers up to 32767, got " +
+                                      std::string(py::str(shape)));
         // dims in (n, c, h, w) order whatever the layout.
         dims[0] = v[0];
         dims[1] = nhwc ? v[3] : v[1];
@@ -137,8 +138,8 @@ py::object cropAndResize(py::handle src, py::handle rois, py::handle shape, py::
     const int64_t channels = dims[1];
     if (channels != 1 && channels != 3)
         throw py::value_error("shape " + std::string(py::str(shape)) + " has " + std::to_string(channels) +
-                              " channels; the channel count (" + (nhwc ? "last" : "second") +
-                              " for layout '" + (nhwc ? "nhwc" : "nchw") + "') must be 1 or 3");
+                              " channels; the channel count (" + (nhwc ? "last" : "second") + " for layout '" +
+                              (nhwc ? "nhwc" : "nchw") + "') must be 1 or 3");
     const int type = py::dtype::from_args(py::reinterpret_borrow<py::object>(dtype)).num();
     if (type != npy::NPY_FLOAT_ && type != npy::NPY_UBYTE_)
         throw py::type_error("dtype must be numpy.float32 or numpy.uint8, got " +
@@ -163,8 +164,8 @@ py::object cropAndResize(py::handle src, py::handle rois, py::handle shape, py::
             dst_rois.push_back(letterboxRect(r.size(), kv::Size(int32_t(dims[3]), int32_t(dims[2]))));
 
     const int64_t elem = is_float ? 4 : 1;
-    const std::vector<ssize_t> numpy_shape =
-        nhwc ? std::vector<ssize_t>{dims[0], dims[2], dims[3], dims[1]} : std::vector<ssize_t>{dims[0], dims[1], dims[2], dims[3]};
+    const std::vector<ssize_t> numpy_shape = nhwc ? std::vector<ssize_t>{dims[0], dims[2], dims[3], dims[1]}
+                                                  : std::vector<ssize_t>{dims[0], dims[1], dims[2], dims[3]};
     py::array tensor;
     if (out.is_none()) {
         if (dims[1] * dims[2] * dims[3] * elem > INT32_MAX)
@@ -174,7 +175,8 @@ py::object cropAndResize(py::handle src, py::handle rois, py::handle shape, py::
         if (!py::isinstance<py::array>(out))
             throw py::type_error("out must be None or a numpy array, got " + describe(out));
         tensor = py::reinterpret_borrow<py::array>(out);
-        const bool same_shape = tensor.ndim() == 4 && std::equal(numpy_shape.begin(), numpy_shape.end(), tensor.shape());
+        const bool same_shape =
+            tensor.ndim() == 4 && std::equal(numpy_shape.begin(), numpy_shape.end(), tensor.shape());
         if (tensor.dtype().num() != type || !same_shape || tensor.dtype().byteorder() == '>')
             throw py::value_error("out must be a " + std::string(is_float ? "float32" : "uint8") + " array of shape (" +
                                   std::to_string(numpy_shape[0]) + ", " + std::to_string(numpy_shape[1]) + ", " +
@@ -194,18 +196,19 @@ py::object cropAndResize(py::handle src, py::handle rois, py::handle shape, py::
     // Byte strides in (n, c, h, w) order.
     const int64_t strides[4] = {tensor.strides(0), nhwc ? elem : tensor.strides(1), tensor.strides(nhwc ? 1 : 2),
                                 nhwc ? elem * dims[1] : elem};
-    const kv::TensorSize extents = nhwc ? kv::TensorSize{int32_t(dims[0]), int32_t(dims[2]), int32_t(dims[3]), int32_t(dims[1])}
-                                        : kv::TensorSize{int32_t(dims[0]), int32_t(dims[1]), int32_t(dims[2]), int32_t(dims[3])};
+    const kv::TensorSize extents =
+        nhwc ? kv::TensorSize{int32_t(dims[0]), int32_t(dims[2]), int32_t(dims[3]), int32_t(dims[1])}
+             : kv::TensorSize{int32_t(dims[0]), int32_t(dims[1]), int32_t(dims[2]), int32_t(dims[3])};
     const kv::TensorSize tensor_strides =
         nhwc ? kv::TensorSize{int32_t(strides[0]), int32_t(strides[2]), int32_t(strides[3]), int32_t(strides[1])}
              : kv::TensorSize{int32_t(strides[0]), int32_t(strides[1]), int32_t(strides[2]), int32_t(strides[3])};
     const kv::TensorChannelOrder channel_order = channels == 1 ? kv::TENSOR_ORDER_GRAY
-                                                 : rgb        ? kv::TENSOR_ORDER_RGB
-                                                              : kv::TENSOR_ORDER_BGR;
-    kv::Tensor t = kv::Tensor::wrap(kv::TensorLayout(is_float ? kv::TENSOR_FLOAT_32 : kv::TENSOR_UINT_8,
-                                                     nhwc ? kv::TENSOR_NHWC : kv::TENSOR_NCHW, extents, tensor_strides,
-                                                     channel_order),
-                                    tensor.mutable_data());
+                                                 : rgb         ? kv::TENSOR_ORDER_RGB
+                                                               : kv::TENSOR_ORDER_BGR;
+    kv::Tensor t = kv::Tensor::wrap(
+        kv::TensorLayout(is_float ? kv::TENSOR_FLOAT_32 : kv::TENSOR_UINT_8, nhwc ? kv::TENSOR_NHWC : kv::TENSOR_NCHW,
+                         extents, tensor_strides, channel_order),
+        tensor.mutable_data());
     {
         py::gil_scoped_release nogil;
         fastBackend().cropAndResize(s, t, src_rois, dst_rois);
@@ -286,7 +289,8 @@ py::tuple groupRectangles(py::handle rects_arg, py::handle threshold_arg, py::ha
     }
     py::array_t<int32_t> out_weights(ssize_t(weights.size()), weights.data());
     if (!with_level_weights) return py::make_tuple(out_rects, out_weights);
-    return py::make_tuple(out_rects, out_weights, py::array_t<double>(ssize_t(level_weights.size()), level_weights.data()));
+    return py::make_tuple(out_rects, out_weights,
+                          py::array_t<double>(ssize_t(level_weights.size()), level_weights.data()));
 }
 
 // A contiguous numpy array of `type`, the argument itself when it already is one.
@@ -328,8 +332,9 @@ py::array fp32ToFp16(py::handle value) {
 }  // namespace
 
 void registerTensorOps(py::module_& m) {
-    m.def("crop_and_resize", &cropAndResize,
-          R"doc(crop_and_resize(src, rois, shape, dtype='float32', layout='nchw', order='rgb', letterbox=False, mean=None, std=None, out=None)
+    m.def(
+        "crop_and_resize", &cropAndResize,
+        R"doc(crop_and_resize(src, rois, shape, dtype='float32', layout='nchw', order='rgb', letterbox=False, mean=None, std=None, out=None)
 --
 
 Fills a model's input tensor: each region of src is cropped, resized into one image of
@@ -355,9 +360,9 @@ Returns the tensor, a numpy array of `shape`.
 Raises kv_cv.Error when the library refuses the source (for example an odd-sized
 subsampled crop on the fast backend); TypeError or ValueError for bad arguments or a
 region outside the image. Releases the GIL while filling.)doc",
-          py::arg("src"), py::arg("rois"), py::arg("shape"), py::arg("dtype") = "float32",
-          py::arg("layout") = "nchw", py::arg("order") = "rgb", py::arg("letterbox") = false,
-          py::arg("mean") = py::none(), py::arg("std") = py::none(), py::arg("out") = py::none());
+        py::arg("src"), py::arg("rois"), py::arg("shape"), py::arg("dtype") = "float32", py::arg("layout") = "nchw",
+        py::arg("order") = "rgb", py::arg("letterbox") = false, py::arg("mean") = py::none(),
+        py::arg("std") = py::none(), py::arg("out") = py::none());
 
     m.def("group_rectangles", &groupRectangles,
           R"doc(group_rectangles(rects, threshold, eps=0.2, weights=None, levels=None, level_weights=None)

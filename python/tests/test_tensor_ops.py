@@ -173,6 +173,7 @@ def test_half_floats_match_numpy(rng):
         expected = values.astype(np.float16)
     np.testing.assert_array_equal(kv_cv.fp32_to_fp16(values).view(np.uint16), expected.view(np.uint16))
     np.testing.assert_array_equal(kv_cv.fp32_to_fp16(values[::3]), expected[::3])  # not contiguous: copied first
-    assert kv_cv.fp16_to_fp32(np.array(1.5, np.float16)).shape == () and kv_cv.fp32_to_fp16(np.zeros((0, 3), np.float32)).shape == (0, 3)
+    assert kv_cv.fp16_to_fp32(np.array(1.5, np.float16)).shape == ()
+    assert kv_cv.fp32_to_fp16(np.zeros((0, 3), np.float32)).shape == (0, 3)
     expect_error(lambda: kv_cv.fp16_to_fp32(values), TypeError, "float16 array")
     expect_error(lambda: kv_cv.fp32_to_fp16([1.0]), TypeError, "float32 array")
