@@ -94,11 +94,17 @@ public:
     Tensor() = default;
     Tensor(const TensorLayout& layout, const DeviceContext& context = DeviceContext::cpuContext());
 
-    bool initialized() const { return _layout.initialized() && _memory != nullptr; }
+    // Views caller memory of at least layout.byteSize() bytes without copying;
+    // the caller keeps it alive. An uninitialised layout or a null `data`
+    // gives an uninitialised tensor. reuse() of a view allocates owned memory.
+    static Tensor wrap(const TensorLayout& layout, void* data,
+                       const DeviceContext& context = DeviceContext::cpuContext());
+
+    bool initialized() const { return _layout.initialized() && _data != nullptr; }
     const TensorLayout& layout() const { return _layout; }
     DeviceContext deviceContext() const { return _context; }
-    DevicePtr devicePtr() { return DevicePtr(_memory ? _memory->data() : nullptr, _context); }
-    const DevicePtr devicePtr() const { return DevicePtr(_memory ? _memory->data() : nullptr, _context); }
+    DevicePtr devicePtr() { return DevicePtr(_data, _context); }
+    const DevicePtr devicePtr() const { return DevicePtr(_data, _context); }
     size_t byteSize() const { return _layout.byteSize(); }
 
     // Holds memory for the layout; memory that is large enough and not shared is kept.
@@ -109,7 +115,8 @@ public:
 private:
     TensorLayout _layout;
     DeviceContext _context;
-    std::shared_ptr<Buffer> _memory;
+    std::shared_ptr<Buffer> _memory;  // null for wrapped caller memory
+    uint8_t* _data = nullptr;
 };
 
 }  // namespace kv

@@ -2,6 +2,7 @@
 #include "kv_core/kv_tensor.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace kv {
 
@@ -66,6 +67,15 @@ bool TensorLayout::operator==(const TensorLayout& o) const {
 
 Tensor::Tensor(const TensorLayout& layout, const DeviceContext& context) { reuse(layout, context); }
 
+Tensor Tensor::wrap(const TensorLayout& layout, void* data, const DeviceContext& context) {
+    Tensor t;
+    if (!layout.initialized() || !data) return t;
+    t._layout = layout;
+    t._context = context;
+    t._data = static_cast<uint8_t*>(data);
+    return t;
+}
+
 void Tensor::reuse(const TensorLayout& layout, const DeviceContext& context) {
     if (!layout.initialized()) {
         clear();
@@ -75,18 +85,23 @@ void Tensor::reuse(const TensorLayout& layout, const DeviceContext& context) {
     if (!(_memory && _memory.use_count() == 1 && _memory->capacity() >= bytes && _context == context))
         _memory = std::make_shared<Buffer>(context);
     _memory->resize(bytes);
+    _data = _memory->data();
     _layout = layout;
     _context = context;
 }
 
 void Tensor::setZero() {
-    if (_memory) _memory->setZero();
+    if (_memory)
+        _memory->setZero();
+    else if (_data)
+        std::memset(_data, 0, _layout.byteSize());
 }
 
 void Tensor::clear() {
     _layout = TensorLayout();
     _context = DeviceContext();
     _memory.reset();
+    _data = nullptr;
 }
 
 }  // namespace kv
