@@ -20,6 +20,7 @@
 #include "kv_core/kv_tensor.h"
 #include "kv_cv/kv_cv_backend_base.h"
 #include "kv_cv/kv_cv_backend_simd.h"
+#include "kv_cv/kv_group_rectangles.h"
 #include "test_util.h"
 #include "wrapped_frame.h"
 
@@ -338,6 +339,38 @@ TEST(HostilePacked422, FastResizeWritesWholeRowsOfPairs) {
                     }
             }
         }
+    }
+}
+
+// ---- fuzz findings ----------------------------------------------------------------------------------
+
+// An invertible matrix whose inverse has terms past 2^61: the warp's prefetch
+// distance overflowed a signed product (found by fuzz_backends).
+TEST(HostileFuzzFindings, WarpWithHugeInverseTerms) {
+    auto src = exact(FRAME_GRAY_8, Size(21, 9));
+    auto dst = kvtest::wrappedFrame(FRAME_GRAY_8, Size(13, 5), 0, 0);
+    CvBackendSimd fast;
+    for (const float tiny : {1e-19f, -1e-30f}) {
+        const float m[2][3] = {{0, 1, 0}, {tiny, 0, 0}};
+        fast.warpAffine(src.frame, dst.frame, m, Rect(), false);
+        EXPECT_TRUE(kvtest::paddingIntact(dst));
+    }
+}
+
+// Containment margins of a huge or infinite tolerance: round(width *
+// tolerance) left the 64-bit range and the edge sums overflowed (found by
+// fuzz_group_rectangles). Zero-sized rectangles are similar only to
+// identical ones, so two clusters form whatever the tolerance.
+TEST(HostileFuzzFindings, GroupingWithHugeTolerances) {
+    for (const double tolerance : {1e300, std::numeric_limits<double>::infinity()}) {
+        SCOPED_TRACE(tolerance);
+        std::vector<Rect> rects = {Rect(0, 0, 0, 0), Rect(1000, 1000, 5, 5), Rect(0, 0, 0, 0), Rect(1000, 1000, 5, 5)};
+        std::vector<int32_t> weights;
+        groupRectangles(rects, weights, 1, tolerance);
+        // The empty cluster lies inside the other's unbounded margin and has
+        // fewer than 3 members; the other is not inside the empty one's.
+        EXPECT_EQ(rects, std::vector<Rect>{Rect(1000, 1000, 5, 5)});
+        EXPECT_EQ(weights, std::vector<int32_t>{2});
     }
 }
 

@@ -142,7 +142,8 @@ void convertFrame(kv::ICvBackend& primary, bool fallback, const kv::Frame& src, 
     if (fallback) {
         for (const char* name : {"fast", "base"}) {
             auto b = makeBackend(name);
-            if (typeid(*b) != typeid(primary)) other = std::move(b);
+            const kv::ICvBackend& candidate = *b;
+            if (typeid(candidate) != typeid(primary)) other = std::move(b);
         }
         if (other) withBackend(*other);
         if (Converter pipeline = rowPipelineConverter()) converters.push_back(std::move(pipeline));
