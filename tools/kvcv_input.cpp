@@ -59,7 +59,7 @@ std::string extensionOf(const std::string& path) {
 int g_err_fd = -1;   // the original stderr
 int g_null_fd = -1;  // /dev/null
 FILE* g_err = stderr;
-#ifndef __SANITIZE_ADDRESS__
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 std::mutex g_quiet_lock;
 int g_quiet_depth = 0;
 #endif
@@ -67,7 +67,7 @@ int g_quiet_depth = 0;
 }  // namespace
 
 QuietDecoders::QuietDecoders() {
-#ifndef __SANITIZE_ADDRESS__
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     std::lock_guard<std::mutex> lock(g_quiet_lock);
     if (g_null_fd >= 0 && g_quiet_depth++ == 0) {
         std::fflush(stderr);
@@ -77,7 +77,7 @@ QuietDecoders::QuietDecoders() {
 }
 
 QuietDecoders::~QuietDecoders() {
-#ifndef __SANITIZE_ADDRESS__
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     std::lock_guard<std::mutex> lock(g_quiet_lock);
     if (g_null_fd >= 0 && --g_quiet_depth == 0) {
         std::fflush(stderr);
@@ -371,9 +371,9 @@ void jpegHeader(const uint8_t* d, size_t n, ImageHeader& h) {
         const size_t length = be16(d + pos);
         if (length < 2 || length > n - pos) return;
         const bool sof = marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
-        if (sof && length >= 7) {
-            h.height = be16(d + pos + 3);
-            h.width = be16(d + pos + 5);
+        if (sof && length >= 7) {  // the largest frame, should there be several
+            h.height = std::max<uint64_t>(h.height, be16(d + pos + 3));
+            h.width = std::max<uint64_t>(h.width, be16(d + pos + 5));
             h.sized = true;
         }
         pos += length;
@@ -471,22 +471,27 @@ void webpHeader(const uint8_t* d, size_t n, ImageHeader& h) {
 }
 
 // PNM (P1..P6): width and height are the first two numbers after the magic,
-// between whitespace and comments.
+// read as OpenCV's decoder reads them: whitespace and '#' comments before a
+// number, and the one character after it, whatever it is, consumed with it.
 void pnmHeader(const uint8_t* d, size_t n, ImageHeader& h) {
     h.kind = "PNM";
     size_t pos = 2;
     uint64_t v[2] = {};
     for (int k = 0; k < 2; ++k) {
         for (;;) {
-            while (pos < n && std::isspace(d[pos])) ++pos;
-            if (pos < n && d[pos] == '#') {
-                while (pos < n && d[pos] != '\n') ++pos;
-                continue;
+            if (pos >= n) return;
+            if (std::isdigit(d[pos])) break;
+            if (d[pos] == '#') {
+                while (pos < n && d[pos] != '\n' && d[pos] != '\r') ++pos;
+                ++pos;
+            } else if (std::isspace(d[pos])) {
+                ++pos;
+            } else {
+                return;  // the decoder refuses it too
             }
-            break;
         }
-        if (pos >= n || !std::isdigit(d[pos])) return;
         while (pos < n && std::isdigit(d[pos]) && v[k] < (uint64_t(1) << 40)) v[k] = v[k] * 10 + (d[pos++] - '0');
+        ++pos;
     }
     h.width = v[0];
     h.height = v[1];
@@ -596,18 +601,23 @@ Image decodeImage(std::shared_ptr<std::vector<uint8_t>> bytes, const std::string
     const std::string hint =
         hasImageExtension(name) ? std::string() : " (for a raw frame give --in-format and --in-size)";
     if (bytes->empty()) throw RunError("cannot read '" + name + "': the file is empty");
+    // Only formats whose size is read here are decoded, so that no header
+    // makes a decoder allocate past the pixel limit.
     const ImageHeader header = readImageHeader(bytes->data(), bytes->size());
-    if (header.sized) {
-        if (header.width == 0 || header.height == 0)
-            throw RunError("cannot read '" + name + "': its " + header.kind + " header gives an empty " +
-                           dims(header.width, header.height) + " image");
-        const unsigned __int128 pixels = static_cast<unsigned __int128>(header.width) * header.height;
-        if (pixels > wanted.max_pixels)
-            tooLarge(name, "its " + std::string(header.kind) + " header claims a " + dims(header.width, header.height) + " image",
-                     pixels > UINT64_MAX ? UINT64_MAX : uint64_t(pixels), wanted.max_pixels);
-    }
-    if (header.kind && !header.complete)
-        throw RunError("cannot read '" + name + "': the " + header.kind + " file is truncated");
+    if (!header.kind)
+        throw RunError("cannot read '" + name + "': not an image format kvcv reads (PNG, JPEG, BMP, TIFF, WebP, PNM)" +
+                       hint);
+    if (!header.sized)
+        throw RunError("cannot read '" + name + "': the " + header.kind + " header is damaged or incomplete");
+    if (header.width == 0 || header.height == 0)
+        throw RunError("cannot read '" + name + "': its " + header.kind + " header gives an empty " +
+                       dims(header.width, header.height) + " image");
+    const unsigned __int128 pixels = static_cast<unsigned __int128>(header.width) * header.height;
+    if (pixels > wanted.max_pixels)
+        tooLarge(name, "its " + std::string(header.kind) + " header claims a " + dims(header.width, header.height) +
+                           " image",
+                 pixels > UINT64_MAX ? UINT64_MAX : uint64_t(pixels), wanted.max_pixels);
+    if (!header.complete) throw RunError("cannot read '" + name + "': the " + header.kind + " file is truncated");
     if (bytes->size() > size_t(INT_MAX))
         throw RunError("cannot read '" + name + "': encoded images of more than 2 GiB are not decoded");
     try {
@@ -616,8 +626,8 @@ Image decodeImage(std::shared_ptr<std::vector<uint8_t>> bytes, const std::string
     } catch (const cv::Exception&) {
         img.mat.release();
     }
-    if (img.mat.empty()) throw RunError("cannot read '" + name + "': not an image this build can decode" + hint);
-    // Formats whose header is not read here are held to the limit once decoded.
+    if (img.mat.empty()) throw RunError("cannot read '" + name + "': the " + header.kind + " image cannot be decoded");
+    // A decoder that disagrees with the header about the size is not trusted.
     if (uint64_t(img.mat.cols) * uint64_t(img.mat.rows) > wanted.max_pixels)
         tooLarge(name, "the decoded image is " + dims(uint64_t(img.mat.cols), uint64_t(img.mat.rows)),
                  uint64_t(img.mat.cols) * uint64_t(img.mat.rows), wanted.max_pixels);

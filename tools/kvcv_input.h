@@ -7,7 +7,9 @@
 // an empty file, a raw file whose size does not match its format and size, an
 // image whose header claims more pixels than the limit, a PNG without its
 // IEND chunk or a JPEG without its EOI marker (OpenCV decodes both without a
-// word) are refused with a RunError before anything large is allocated.
+// word) are refused with a RunError before anything large is allocated. Only
+// the formats whose header is read here (PNG, JPEG, BMP, TIFF, WebP, PNM) are
+// handed to a decoder at all.
 #pragma once
 
 #include <cstdint>
@@ -124,8 +126,9 @@ struct ImageHeader {
 ImageHeader readImageHeader(const uint8_t* data, size_t size);
 
 bool hasImageExtension(const std::string& path);
-// Decodes PNG, JPEG, BMP, TIFF... into FRAME_BGR_8 or FRAME_GRAY_8, or reads a
-// raw frame of `wanted.raw_format` (planes packed one after another, rows unpadded).
+// Decodes PNG, JPEG, BMP, TIFF, WebP or PNM into FRAME_BGR_8 or FRAME_GRAY_8,
+// or reads a raw frame of `wanted.raw_format` (planes packed one after
+// another, rows unpadded).
 Image readImage(const std::string& path, const InputSpec& wanted = InputSpec());
 // The same on a file's bytes; `name` only names the file in messages.
 Image decodeImage(std::shared_ptr<std::vector<uint8_t>> bytes, const std::string& name, const InputSpec& wanted);

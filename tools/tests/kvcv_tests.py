@@ -121,7 +121,8 @@ class Tool:
 
     def run(self, *args, expect=0):
         proc = subprocess.run([self.exe] + [str(a) for a in args], capture_output=True, text=True, timeout=100)
-        for bad in ("Traceback", "terminate called", "Segmentation", "AddressSanitizer", "runtime error"):
+        for bad in ("Traceback", "terminate called", "Segmentation", "AddressSanitizer", "runtime error",
+                    "ThreadSanitizer", "LeakSanitizer"):
             check(bad not in proc.stderr, f"kvcv {' '.join(map(str, args))} crashed:\n{proc.stderr}")
         if expect is not None and proc.returncode != expect:
             raise Failure(f"kvcv {' '.join(map(str, args))}: exit {proc.returncode}, expected {expect}\n"
