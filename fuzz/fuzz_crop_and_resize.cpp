@@ -16,7 +16,7 @@
 namespace {
 
 // The fuzz target allocates at most this much per tensor.
-constexpr size_t kMaxTensorBytes = size_t(32) << 20;
+constexpr size_t kMaxTensorBytes = size_t(4) << 20;
 
 int32_t anyExtent(FuzzedDataProvider& in) {
     switch (in.ConsumeIntegralInRange<int>(0, 7)) {
