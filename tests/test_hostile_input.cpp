@@ -315,8 +315,8 @@ TEST(HostileFloats, OddPitchesGiveThePackedResult) {
 TEST(HostilePacked422, FastResizeWritesWholeRowsOfPairs) {
     for (FrameFormat f : {FRAME_YUYV, FRAME_UYVY}) {
         for (int method : {ResizeNearestNeighbour, ResizeBilinear, ResizeArea}) {
-            for (const auto& sizes : {std::make_pair(Size(64, 36), Size(33, 17)), std::make_pair(Size(31, 9), Size(7, 3)),
-                                      std::make_pair(Size(5, 4), Size(11, 9))}) {
+            for (const auto& sizes : {std::make_pair(Size(1920, 1080), Size(1281, 541)),  // the report's case
+                                      std::make_pair(Size(31, 9), Size(7, 3)), std::make_pair(Size(5, 4), Size(11, 9))}) {
                 SCOPED_TRACE(::testing::Message() << toString(f) << " method " << method << " to "
                                                   << sizes.second.width << "x" << sizes.second.height);
                 auto src = kvtest::wrappedFrame(f, sizes.first, 0, 5);
