@@ -13,6 +13,7 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -41,7 +42,9 @@ inline kv::Size anySize(FuzzedDataProvider& in, int max_side = 300) {
 
 // A region: mostly none (the whole frame) or inside `frame`, sometimes
 // reaching outside it, sometimes anything at all.
-inline kv::Rect anyRegion(FuzzedDataProvider& in, kv::Size frame) {
+inline kv::Rect anyRegion(FuzzedDataProvider& in, kv::Size frame_size) {
+    // Sides kept where the arithmetic below cannot overflow.
+    const kv::Size frame(std::clamp(frame_size.width, 1, INT32_MAX - 2), std::clamp(frame_size.height, 1, INT32_MAX - 2));
     switch (in.ConsumeIntegralInRange<int>(0, 7)) {
         case 0:
         case 1: return kv::Rect();
