@@ -17,16 +17,20 @@
 #include <libyuv.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <mutex>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "kv_core/kv_core_functions.h"
+#include "kv_core/kv_exception.h"
 #include "kv_cv/kv_impl_cpu.h"
 #include "kv_cv/kv_impl_fast_kernels.h"
 #include "kv_cv/kv_impl_fast_warp.h"
 #include "kv_cv/kv_impl_unaligned.h"
+
+#define KV_SOURCE_FILE "src/kv_cv/kv_impl_fast_adapter"
 
 namespace kv {
 namespace impl {
@@ -40,7 +44,67 @@ void pinOpenCvToCaller() {
     std::call_once(once, [] { cv::setNumThreads(1); });
 }
 
-int pitch(size_t step) { return int(step); }
+// libyuv takes row pitches as int.
+int pitch(size_t step) {
+    if (step > size_t(INT_MAX))
+        KV_THROW(KV_STATUS_OUT_OF_RANGE, "kv::impl::fast::pitch",
+                 "Row pitch of %zu bytes is past the %d bytes that libyuv's plane functions take.", step, INT_MAX);
+    return int(step);
+}
+
+// Runs one OpenCV call: no exception but kv::Exception (and std::bad_alloc)
+// leaves the library, so OpenCV's own are translated here.
+template <typename Call>
+void callOpenCv(const char* what, Call call) {
+    pinOpenCvToCaller();
+    try {
+        call();
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const cv::Exception& e) {
+        KV_THROW(KV_STATUS_NOT_SUPPORTED, "kv::impl::fast::callOpenCv", "%s: OpenCV refused the call: %s", what,
+                 e.err.c_str());
+    } catch (const std::exception& e) {
+        KV_THROW(KV_STATUS_NOT_SUPPORTED, "kv::impl::fast::callOpenCv", "%s: OpenCV failed: %s", what, e.what());
+    }
+}
+
+// A cv::Mat over a caller plane. cv::Mat takes only pitches that are whole
+// samples; a plane with any other pitch (a float frame wrapped at an odd
+// pitch) goes through a packed copy, read in for a source and written back
+// by writeBack() for a destination.
+class PlaneMat {
+public:
+    PlaneMat(const void* data, size_t step, int width, int height, int type, bool input)
+        : _data(static_cast<uint8_t*>(const_cast<void*>(data))), _step(step), _row(size_t(width) * CV_ELEM_SIZE(type)) {
+        if (step % CV_ELEM_SIZE1(type) == 0) {
+            _mat = cv::Mat(height, width, type, _data, step);
+            return;
+        }
+        _copied = true;
+        _mat.create(height, width, type);
+        if (input)
+            for (int y = 0; y < height; ++y) std::memcpy(_mat.ptr(y), _data + size_t(y) * step, _row);
+    }
+    cv::Mat& mat() { return _mat; }
+    void writeBack() {
+        if (_copied)
+            for (int y = 0; y < _mat.rows; ++y) std::memcpy(_data + size_t(y) * _step, _mat.ptr(y), _row);
+    }
+
+private:
+    uint8_t* _data;
+    size_t _step, _row;
+    bool _copied = false;
+    cv::Mat _mat;
+};
+
+// Runs of at most 2^30 floats, the int range of the core arithmetic's regions.
+template <typename Run>
+void inRuns(size_t count, Run run) {
+    constexpr size_t kRun = size_t(1) << 30;
+    for (size_t at = 0; at < count; at += kRun) run(at, int(std::min(kRun, count - at)));
+}
 
 const FastKernels& kernels() { return fastKernels(activeIsa()); }
 
@@ -228,12 +292,18 @@ void f32ToU8(const float* src, size_t src_step, uint8_t* dst, size_t dst_step, s
 // continuous run) at a time, so pitches beyond int range stay safe.
 void addF32(float* data, size_t step, size_t count, int height, float value) {
     auto* d = reinterpret_cast<uint8_t*>(data);
-    for (int y = 0; y < height; ++y) addConstant_32f_C1(value, d + size_t(y) * step, 0, Rect(0, 0, int(count), 1));
+    for (int y = 0; y < height; ++y)
+        inRuns(count, [&](size_t at, int n) {
+            addConstant_32f_C1(value, d + size_t(y) * step + at * 4, 0, Rect(0, 0, n, 1));
+        });
 }
 
 void mulF32(float* data, size_t step, size_t count, int height, float value) {
     auto* d = reinterpret_cast<uint8_t*>(data);
-    for (int y = 0; y < height; ++y) mulConstant_32f_C1(value, d + size_t(y) * step, 0, Rect(0, 0, int(count), 1));
+    for (int y = 0; y < height; ++y)
+        inRuns(count, [&](size_t at, int n) {
+            mulConstant_32f_C1(value, d + size_t(y) * step + at * 4, 0, Rect(0, 0, n, 1));
+        });
 }
 
 void halfToFloat(const uint16_t* src, size_t count, float* dst) { kernels().halfToFloatRow(src, dst, count); }
@@ -358,11 +428,14 @@ void resizePlaneWithLibrary(const void* src, size_t src_step, int src_width, int
                       dst_step, dst_width, dst_height, size_t(channels) * (is_float ? 4 : 1));
         return;
     }
-    pinOpenCvToCaller();
     const int type = CV_MAKETYPE(is_float ? CV_32F : CV_8U, channels);
-    const cv::Mat s(src_height, src_width, type, const_cast<void*>(src), src_step);
-    cv::Mat d(dst_height, dst_width, type, dst, dst_step);
-    cv::resize(s, d, d.size(), 0, 0, method == Interpolation::kBilinear ? cv::INTER_LINEAR : cv::INTER_AREA);
+    callOpenCv("resize", [&] {
+        PlaneMat s(src, src_step, src_width, src_height, type, true);
+        PlaneMat d(dst, dst_step, dst_width, dst_height, type, false);
+        cv::resize(s.mat(), d.mat(), d.mat().size(), 0, 0,
+                   method == Interpolation::kBilinear ? cv::INTER_LINEAR : cv::INTER_AREA);
+        d.writeBack();
+    });
 }
 
 namespace {
@@ -393,13 +466,15 @@ bool warpAffinePlaneWithLibrary(const void* src, size_t src_step, int src_width,
                                 size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
                                 const float matrix[6], bool bilinear) {
     if (!invertible(matrix)) return false;
-    pinOpenCvToCaller();
     const int type = CV_MAKETYPE(is_float ? CV_32F : CV_8U, channels);
-    const cv::Mat s(src_height, src_width, type, const_cast<void*>(src), src_step);
-    cv::Mat d(dst_height, dst_width, type, dst, dst_step);
     const cv::Matx23f m(matrix[0], matrix[1], matrix[2], matrix[3], matrix[4], matrix[5]);
-    cv::warpAffine(s, d, m, d.size(), bilinear ? cv::INTER_LINEAR : cv::INTER_NEAREST, cv::BORDER_CONSTANT,
-                   cv::Scalar::all(0));
+    callOpenCv("warpAffine", [&] {
+        PlaneMat s(src, src_step, src_width, src_height, type, true);
+        PlaneMat d(dst, dst_step, dst_width, dst_height, type, false);
+        cv::warpAffine(s.mat(), d.mat(), m, d.mat().size(), bilinear ? cv::INTER_LINEAR : cv::INTER_NEAREST,
+                       cv::BORDER_CONSTANT, cv::Scalar::all(0));
+        d.writeBack();
+    });
     return true;
 }
 
@@ -417,15 +492,16 @@ void rotatePlane(const uint8_t* src, size_t src_step, int width, int height, int
         kernels().rotate3(src, src_step, width, height, code, dst, dst_step);
         return;
     }
-    pinOpenCvToCaller();
     const int type = CV_MAKETYPE(CV_8U, pixel_bytes);
-    const cv::Mat s(height, width, type, const_cast<uint8_t*>(src), src_step);
     const bool turn = code != 2;
-    cv::Mat d(turn ? width : height, turn ? height : width, type, dst, dst_step);
-    cv::rotate(s, d,
-               code == 1   ? cv::ROTATE_90_COUNTERCLOCKWISE
-               : code == 2 ? cv::ROTATE_180
-                           : cv::ROTATE_90_CLOCKWISE);
+    callOpenCv("rotate", [&] {
+        const cv::Mat s(height, width, type, const_cast<uint8_t*>(src), src_step);
+        cv::Mat d(turn ? width : height, turn ? height : width, type, dst, dst_step);
+        cv::rotate(s, d,
+                   code == 1   ? cv::ROTATE_90_COUNTERCLOCKWISE
+                   : code == 2 ? cv::ROTATE_180
+                               : cv::ROTATE_90_CLOCKWISE);
+    });
 }
 
 }  // namespace fast
