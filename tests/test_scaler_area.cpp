@@ -425,14 +425,26 @@ TEST(AreaFrames, EnlargementIgnoresWhatLiesPastTheRow) {
 
 // ---- kernels ----------------------------------------------------------------------
 
+// (source, output) widths: every output width 1..67 against several ratios,
+// then full-HD rows to the sizes models and displays use, and odd ones.
+std::vector<std::pair<int, int>> horizontalCases() {
+    std::vector<std::pair<int, int>> v;
+    for (int dst_w = 1; dst_w <= 67; ++dst_w)
+        for (int src_w : {dst_w * 2, dst_w * 4, dst_w * 3, dst_w + 1, dst_w * 2 + 1, (dst_w + 1) / 2, dst_w, 1,
+                          dst_w * 3 / 2, dst_w * 9 + 4, dst_w * 17 / 3})
+            if (src_w >= 1) v.push_back({src_w, dst_w});
+    for (int src_w : {1920, 1921})
+        for (int dst_w : {1280, 960, 640, 700, 480, 416, 224, 2880, 1921, 1919, 67, 33})
+            v.push_back({src_w, dst_w});
+    return v;
+}
+
 TEST(AreaKernels, HorizontalVectorMatchesScalar) {
     if (kv::impl::detectedIsa() < Isa::kAvx2) GTEST_SKIP() << "no AVX2";
     std::mt19937 rng(11);
     for (int channels = 1; channels <= 4; ++channels)
-        for (int dst_w = 1; dst_w <= 67; ++dst_w)
-            for (int src_w : {dst_w * 2, dst_w * 4, dst_w * 3, dst_w + 1, dst_w * 2 + 1, (dst_w + 1) / 2, dst_w, 1})
+        for (auto [src_w, dst_w] : horizontalCases())
                 for (int shift : {15, 7}) {
-                    if (src_w < 1) continue;
                     std::vector<AreaTableEntry> t;
                     const uint16_t wm = kv::impl::buildAreaTable(src_w, dst_w, shift, t);
                     // Clip the rows by a few samples now and then, as packed 4:2:2 rows are.

@@ -13,7 +13,8 @@
 // burst of load on a shared machine does not fall on one side only.
 //
 // Usage: kv_bench_matrix [--only resize|colorcvt|crop] [--filter TEXT] [--top N] [--csv FILE] [--calls N]
-// (--calls N makes exactly N timed calls per cell, for instruction counts under callgrind).
+// (--calls N makes exactly N timed calls per cell and --no-opencv skips OpenCV,
+// for profiles and instruction counts under callgrind).
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -63,7 +64,8 @@ struct Options {
     std::string csv;
 };
 
-int g_fixed_calls = 0;  // --calls: exactly this many timed calls per cell
+int g_fixed_calls = 0;    // --calls: exactly this many timed calls per cell
+bool g_opencv = true;     // --no-opencv: kv cells only (for profiling)
 
 // Best mean seconds per call of f.
 double timeCall(const std::function<void()>& f) {
@@ -114,7 +116,7 @@ double memcpyTime(size_t n) {
 }
 
 void fillRandom(kv::Frame& f, uint32_t seed) {
-    std::mt19937 rng(seed);
+    std::minstd_rand rng(seed);
     const kv::FrameLayout& l = f.layout();
     for (uint32_t p = 0; p < l.planes; ++p)
         for (int y = 0; y < l.plane[p].size.height; ++y) {
@@ -213,7 +215,7 @@ void resizeCells(Backends& backends, const Options& o, std::vector<Cell>& cells,
                         continue;
                     }
                     double t = timeCall(call);
-                    const cv::Mat s = asMat(src);
+                    const cv::Mat s = g_opencv ? asMat(src) : cv::Mat();
                     if (!s.empty()) {
                         kv::Frame cv_dst(f, size);
                         cv::Mat d = asMat(cv_dst);
@@ -332,12 +334,13 @@ void writeCsv(const std::string& path, const std::vector<Cell>& cells) {
 }
 
 int usage() {
-    std::fputs("usage: kv_bench_matrix [--only resize|colorcvt|crop] [--filter TEXT] [--top N] [--csv FILE] [--calls N]\n"
+    std::fputs("usage: kv_bench_matrix [--only resize|colorcvt|crop] [--filter TEXT] [--top N] [--csv FILE] [--calls N] [--no-opencv]\n"
                "  --only    run one group of cells\n"
                "  --filter  run only cells whose name contains TEXT (e.g. \"fast BGR_8 area\")\n"
                "  --top N   print only the N worst cells of each list\n"
                "  --csv     also write every cell to FILE\n"
-               "  --calls N exactly N timed calls per cell (for instruction counts)\n",
+               "  --calls N exactly N timed calls per cell (for instruction counts)\n"
+               "  --no-opencv  skip the OpenCV timings (for profiles of kv alone)\n",
                stderr);
     return 2;
 }
@@ -348,6 +351,10 @@ int main(int argc, char** argv) {
     Options o;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
+        if (a == "--no-opencv") {
+            g_opencv = false;
+            continue;
+        }
         if (i + 1 >= argc) return usage();
         const std::string v = argv[++i];
         if (a == "--only" && (v == "resize" || v == "colorcvt" || v == "crop")) o.only = v == "crop" ? "crop_" : v;

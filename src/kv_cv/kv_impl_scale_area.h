@@ -56,6 +56,27 @@ struct AreaTaps {
     int uniform_q = 0;
     std::vector<int32_t> offset;
     std::vector<int32_t> weights;
+    // Shuffle plan for 8-bit rows: blocks of 16 output values in four
+    // quarters of four, quarter q in 128-bit lane q % 2 of vector q / 2. Each
+    // quarter reads `chunks` 16-byte loads from its own base; per tap pair,
+    // byte selectors put the pair's two samples of each value into two words
+    // (zero high bytes) that one multiply-add with the pair's two 16-bit
+    // weights sums. A weight of 32768 (a whole sample at 16-bit precision) is
+    // split over both words of its pair. Selector sets repeat along a row, so
+    // blocks share them by index. The last block may overlap its predecessor;
+    // zero `pair_blocks` means no plan (rows shorter than a block, or too many
+    // loads per block).
+    int pairs = 0;
+    int chunks = 0;
+    int pair_blocks = 0;
+    struct PairBlock {
+        int32_t base[4];  // source offset of each quarter
+        int32_t start;    // first output value
+        int32_t pattern;  // selector set
+    };
+    std::vector<PairBlock> pair_block;
+    std::vector<uint8_t> pair_select;   // patterns x 2 x chunks x pairs x 32 selectors (0x80: zero)
+    std::vector<int16_t> pair_weights;  // blocks x 2 x pairs x 16 weights
 };
 void buildAreaTaps(const AreaRowX& row, AreaTaps& taps);
 
