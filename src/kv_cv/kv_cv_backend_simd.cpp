@@ -387,7 +387,7 @@ void CvBackendSimd::resize(const Frame& src, Frame& dst, Rect src_roi, Rect dst_
                                  : _resize_method == ResizeArea           ? fast::Interpolation::kArea
                                                                           : fast::Interpolation::kBilinear;
     if (d.size().width == 1 || d.size().height == 1) method = fast::Interpolation::kNearest;
-    if (method == fast::Interpolation::kBilinear && !_resize_cache) _resize_cache.reset(new fast::ResizeCache);
+    if (!_resize_cache) _resize_cache.reset(new fast::ResizeCache);
     for (uint32_t p = 0; p < s.layout().planes; ++p) {
         const FramePlane& sp = plane(s, int(p));
         const FramePlane& dp = plane(d, int(p));

@@ -331,19 +331,26 @@ void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int
 
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method,
-                 BilinearPlaneCache* cache) {
+                 PlaneResizeCache* cache) {
+    PlaneResizeCache local;
+    PlaneResizeCache& c = cache ? *cache : local;
     if (method == Interpolation::kArea && !is_float && src_width % dst_width == 0 && src_height % dst_height == 0) {
         kernels().areaBox(static_cast<const uint8_t*>(src), src_step, static_cast<uint8_t*>(dst), dst_step, dst_width,
                           dst_height, channels, src_width / dst_width, src_height / dst_height);
         return;
     }
+    if (method == Interpolation::kArea && channels >= 1 && channels <= 4 &&
+        cvAreaDecimates(src_width, src_height, dst_width, dst_height)) {
+        buildCvAreaPlan(c.area.plan, src_width, src_height, dst_width, dst_height, channels, !is_float);
+        c.area.sums.resize(size_t(c.area.plan.row.values) * 2);
+        cvAreaResize(c.area.plan, src, src_step, dst, dst_step, c.area.sums.data(), activeIsa());
+        return;
+    }
     if (method == Interpolation::kBilinear && !is_float && channels >= 1 && channels <= 4 &&
         bilinearRange(src_width) && bilinearRange(src_height) && bilinearRange(dst_width) &&
         bilinearRange(dst_height)) {
-        BilinearPlaneCache local;
         resizeBilinearBytes(static_cast<const uint8_t*>(src), src_step, src_width, src_height,
-                            static_cast<uint8_t*>(dst), dst_step, dst_width, dst_height, channels,
-                            cache ? *cache : local);
+                            static_cast<uint8_t*>(dst), dst_step, dst_width, dst_height, channels, c.bilinear);
         return;
     }
     resizePlaneWithLibrary(src, src_step, src_width, src_height, dst, dst_step, dst_width, dst_height, channels,

@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "kv_cv/kv_impl_fast_area.h"
 #include "kv_cv/kv_impl_scale_rows.h"
 
 namespace kv {
@@ -102,9 +103,22 @@ struct BilinearPlaneCache {
     std::vector<uint8_t> rows[2];
 };
 
-// Bilinear caches by plane index, for a backend's resize().
+// One plane's area plan (OpenCV's decimation at ratios that are not whole
+// numbers) and its two rows of float sums.
+struct AreaPlaneCache {
+    CvAreaPlan plan;
+    std::vector<float> sums;
+};
+
+// Everything one plane's resize keeps between calls.
+struct PlaneResizeCache {
+    BilinearPlaneCache bilinear;
+    AreaPlaneCache area;
+};
+
+// Caches by plane index, for a backend's resize().
 struct ResizeCache {
-    BilinearPlaneCache planes[4];
+    PlaneResizeCache planes[4];
 };
 
 // Resizes a plane of 1 to 4 channels of bytes or floats. Nearest samples the
@@ -112,12 +126,14 @@ struct ResizeCache {
 // module's own nearest scaler does; bilinear and area are centre-aligned.
 // Area reductions of byte planes by integer factors (source = destination
 // times fx by fy) run the module's own box kernel, which gives OpenCV's
-// INTER_AREA bytes. Bilinear byte planes run resizeBilinearBytes when every
-// side is below 32768 (the 16.16 tables' range), with `cache` (or a local
-// one when null); float planes and the rest go to OpenCV.
+// INTER_AREA bytes; the other reductions on both axes that OpenCV decimates
+// run kv_impl_fast_area, OpenCV's arithmetic, for bytes and floats. Bilinear
+// byte planes run resizeBilinearBytes when every side is below 32768 (the
+// 16.16 tables' range). Tables live in `cache` (or local ones when null); the
+// rest goes to OpenCV.
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method,
-                 BilinearPlaneCache* cache = nullptr);
+                 PlaneResizeCache* cache = nullptr);
 // resizePlane without the module's kernels (OpenCV, and the plain nearest
 // loop), so that tests can hold those kernels against OpenCV itself.
 void resizePlaneWithLibrary(const void* src, size_t src_step, int src_width, int src_height, void* dst,
