@@ -272,6 +272,41 @@ void resizeNearest(const uint8_t* src, size_t src_step, int src_width, int src_h
 // Sides the 16.16 bilinear tables hold (src << 16 stays in 32 bits).
 bool bilinearRange(int side) { return side >= 1 && side < 32768; }
 
+// resizeNearest with the scalers' byte gather per row, and each output row
+// that repeats its predecessor's source row copied from it. The 16-bit
+// column table holds the same positions as resizeNearest's 64-bit ones for
+// sides below 32768. False (nothing written) where the gather does not pay:
+// sides past that range, or reductions too steep for its 16-byte blocks.
+bool resizeNearestGathered(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
+                           size_t dst_step, int dst_width, int dst_height, int pixel, NearestPlaneCache& c) {
+    if (!bilinearRange(src_width) || !bilinearRange(dst_width)) return false;
+    if (c.src_width != src_width || c.dst_width != dst_width || c.pixel != pixel) {
+        const int64_t step = (int64_t(src_width) << 16) / dst_width;
+        c.xs.resize(size_t(dst_width));
+        int64_t pos = step / 2;
+        for (int i = 0; i < dst_width; ++i, pos += step) c.xs[size_t(i)] = uint16_t(pos >> 16);
+        buildGatherPlan(c.plan, c.xs.data(), dst_width, pixel, dst_width * pixel, src_width, src_width * pixel);
+        c.src_width = src_width;
+        c.dst_width = dst_width;
+        c.pixel = pixel;
+    }
+    if (!c.plan.chunks) return false;
+    const GatherRow gather = scaleRowKernels().gatherRow;
+    const size_t row_bytes = size_t(dst_width) * size_t(pixel);
+    const int64_t step_y = (int64_t(src_height) << 16) / dst_height;
+    int64_t pos_y = step_y / 2;
+    int64_t previous = -1;
+    for (int y = 0; y < dst_height; ++y, pos_y += step_y) {
+        uint8_t* d = dst + size_t(y) * dst_step;
+        if ((pos_y >> 16) == previous)
+            std::memcpy(d, d - dst_step, row_bytes);
+        else
+            gather(c.plan, src + size_t(pos_y >> 16) * src_step, d);
+        previous = pos_y >> 16;
+    }
+    return true;
+}
+
 }  // namespace
 
 void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
@@ -334,6 +369,11 @@ void resizePlane(const void* src, size_t src_step, int src_width, int src_height
                  PlaneResizeCache* cache) {
     PlaneResizeCache local;
     PlaneResizeCache& c = cache ? *cache : local;
+    if (method == Interpolation::kNearest &&
+        resizeNearestGathered(static_cast<const uint8_t*>(src), src_step, src_width, src_height,
+                              static_cast<uint8_t*>(dst), dst_step, dst_width, dst_height,
+                              channels * (is_float ? 4 : 1), c.nearest))
+        return;
     if (method == Interpolation::kArea && !is_float && src_width % dst_width == 0 && src_height % dst_height == 0) {
         kernels().areaBox(static_cast<const uint8_t*>(src), src_step, static_cast<uint8_t*>(dst), dst_step, dst_width,
                           dst_height, channels, src_width / dst_width, src_height / dst_height);

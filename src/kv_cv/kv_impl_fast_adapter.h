@@ -110,10 +110,18 @@ struct AreaPlaneCache {
     std::vector<float> sums;
 };
 
+// One plane's nearest-neighbour column gather (pixels of `pixel` bytes).
+struct NearestPlaneCache {
+    int src_width = 0, dst_width = 0, pixel = 0;
+    std::vector<uint16_t> xs;  // source column of each output column
+    GatherPlan plan;
+};
+
 // Everything one plane's resize keeps between calls.
 struct PlaneResizeCache {
     BilinearPlaneCache bilinear;
     AreaPlaneCache area;
+    NearestPlaneCache nearest;
 };
 
 // Caches by plane index, for a backend's resize().
@@ -135,7 +143,8 @@ void resizePlane(const void* src, size_t src_step, int src_width, int src_height
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method,
                  PlaneResizeCache* cache = nullptr);
 // resizePlane without the module's kernels (OpenCV, and the plain nearest
-// loop), so that tests can hold those kernels against OpenCV itself.
+// loop), so that tests can hold those kernels against OpenCV itself and the
+// nearest gather against the loop.
 void resizePlaneWithLibrary(const void* src, size_t src_step, int src_width, int src_height, void* dst,
                             size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
                             Interpolation method);
