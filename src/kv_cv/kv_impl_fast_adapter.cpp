@@ -272,26 +272,53 @@ void resizeNearest(const uint8_t* src, size_t src_step, int src_width, int src_h
 // Sides the 16.16 bilinear tables hold (src << 16 stays in 32 bits).
 bool bilinearRange(int side) { return side >= 1 && side < 32768; }
 
-// resizeNearest with the scalers' byte gather per row, and each output row
-// that repeats its predecessor's source row copied from it. The 16-bit
-// column table holds the same positions as resizeNearest's 64-bit ones for
-// sides below 32768. False (nothing written) where the gather does not pay:
-// sides past that range, or reductions too steep for its 16-byte blocks.
+// Pixels of P bytes (8, 12 or 16: float pixels) from byte offsets: one move
+// per pixel. 12-byte pixels move 16 bytes where the load stays inside the
+// source row and the next pixel overwrites the 4 extra bytes.
+template <int P>
+void copyPixels(const NearestPlaneCache& c, const uint8_t* src, uint8_t* dst) {
+    constexpr int kMove = P == 12 ? 16 : P;
+    const int32_t* offset = c.offsets.data();
+    const int n = c.dst_width, src_bytes = c.src_width * P;
+    int i = 0;
+    for (; i + 1 < n && offset[i] + kMove <= src_bytes; ++i) std::memcpy(dst + size_t(i) * P, src + offset[i], kMove);
+    for (; i < n; ++i) std::memcpy(dst + size_t(i) * P, src + offset[i], P);
+}
+
+// resizeNearest with one gather per row (the scalers' byte gather for
+// pixels of up to 4 bytes, copyPixels for float pixels of 8 to 16 bytes),
+// and each output row that repeats its predecessor's source row copied from
+// it. The 16-bit column table holds the same positions as resizeNearest's
+// 64-bit ones for sides below 32768; false (nothing written) past that range
+// or for other pixel sizes.
 bool resizeNearestGathered(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
                            size_t dst_step, int dst_width, int dst_height, int pixel, NearestPlaneCache& c) {
     if (!bilinearRange(src_width) || !bilinearRange(dst_width)) return false;
+    if (pixel > 4 && pixel != 8 && pixel != 12 && pixel != 16) return false;
     if (c.src_width != src_width || c.dst_width != dst_width || c.pixel != pixel) {
         const int64_t step = (int64_t(src_width) << 16) / dst_width;
         c.xs.resize(size_t(dst_width));
+        c.offsets.resize(size_t(dst_width));
         int64_t pos = step / 2;
-        for (int i = 0; i < dst_width; ++i, pos += step) c.xs[size_t(i)] = uint16_t(pos >> 16);
-        buildGatherPlan(c.plan, c.xs.data(), dst_width, pixel, dst_width * pixel, src_width, src_width * pixel);
+        for (int i = 0; i < dst_width; ++i, pos += step) {
+            c.xs[size_t(i)] = uint16_t(pos >> 16);
+            c.offsets[size_t(i)] = int32_t(pos >> 16) * pixel;
+        }
+        if (pixel <= 4)
+            buildGatherPlan(c.plan, c.xs.data(), dst_width, pixel, dst_width * pixel, src_width, src_width * pixel);
         c.src_width = src_width;
         c.dst_width = dst_width;
         c.pixel = pixel;
     }
-    if (!c.plan.chunks) return false;
     const GatherRow gather = scaleRowKernels().gatherRow;
+    const auto row = [&](const uint8_t* s, uint8_t* d) {
+        switch (pixel) {
+            case 8: copyPixels<8>(c, s, d); break;
+            case 12: copyPixels<12>(c, s, d); break;
+            case 16: copyPixels<16>(c, s, d); break;
+            default: gather(c.plan, s, d); break;
+        }
+    };
     const size_t row_bytes = size_t(dst_width) * size_t(pixel);
     const int64_t step_y = (int64_t(src_height) << 16) / dst_height;
     int64_t pos_y = step_y / 2;
@@ -301,7 +328,7 @@ bool resizeNearestGathered(const uint8_t* src, size_t src_step, int src_width, i
         if ((pos_y >> 16) == previous)
             std::memcpy(d, d - dst_step, row_bytes);
         else
-            gather(c.plan, src + size_t(pos_y >> 16) * src_step, d);
+            row(src + size_t(pos_y >> 16) * src_step, d);
         previous = pos_y >> 16;
     }
     return true;

@@ -113,8 +113,9 @@ struct AreaPlaneCache {
 // One plane's nearest-neighbour column gather (pixels of `pixel` bytes).
 struct NearestPlaneCache {
     int src_width = 0, dst_width = 0, pixel = 0;
-    std::vector<uint16_t> xs;  // source column of each output column
-    GatherPlan plan;
+    std::vector<uint16_t> xs;       // source column of each output column
+    std::vector<int32_t> offsets;   // its first byte
+    GatherPlan plan;                // pixels of up to 4 bytes
 };
 
 // Everything one plane's resize keeps between calls.

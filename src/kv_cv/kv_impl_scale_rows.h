@@ -41,6 +41,13 @@ struct GatherPlan {
     std::vector<int32_t> base;
     std::vector<int32_t> start;  // first output byte of each block
     std::vector<uint8_t> mask;   // blocks x chunks x 16 pshufb selectors (0x80: another chunk)
+    // Steep reductions (no block plan, or one of many loads) of whole units
+    // of 2 to 4 bytes: eight units per 32-bit gather from their source offsets. The leading
+    // `gather_units` units read 4 bytes inside the row; the rest of the row
+    // runs the byte loop.
+    int32_t unit_bytes = 0;
+    int32_t gather_units = 0;
+    std::vector<int32_t> unit_offset;
 };
 
 // Builds the gather of `units` output units of `unit_bytes` bytes, unit x
@@ -55,6 +62,9 @@ void buildGatherPlan(GatherPlan& plan, const uint16_t* xs, int units, int unit_b
                      int src_bytes);
 // Fills the vector plan of a gather whose `index` and `n` are set.
 void planGatherBlocks(GatherPlan& plan, int src_bytes);
+// Adds the unit plan to a gather whose `n` bytes are whole units of
+// `unit_bytes` (the kernels run it only where `chunks` is 0).
+void planGatherUnits(GatherPlan& plan, int unit_bytes, int src_bytes);
 
 // Horizontal 16.16 interpolation of one row of n elements (samples of one
 // type): dst[e] = (src[left[e]] * (65536 - fx[e]) + src[right[e]] * fx[e]) >> 16.

@@ -271,7 +271,7 @@ inline __m256i blendDwords(__m256i a, __m256i b, __m256i w0, __m256i w1) {
 void gatherRow(const GatherPlan& plan, const uint8_t* src, uint8_t* dst);
 
 void lerpRow8(const LerpPlan& plan, const uint8_t* src, uint8_t* dst) {
-    if (plan.gather_only && plan.gather.chunks) {
+    if (plan.gather_only && (plan.gather.chunks || plan.gather.gather_units)) {
         avx2::gatherRow(plan.gather, src, dst);
         return;
     }
