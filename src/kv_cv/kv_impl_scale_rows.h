@@ -82,6 +82,18 @@ struct LerpPlan {
     std::vector<int32_t> base;
     std::vector<int32_t> start;
     std::vector<uint8_t> mask;
+    // Steep reductions (too many loads per block) of 8-bit samples in units
+    // of 1 to 4 channels: per unit one 8-byte load at its left pixel, which
+    // holds the right pixel too; four units per block, their fractions in
+    // `unit_fx` as 16 words (lane h: the 2 x channels values of units 2h and
+    // 2h + 1). The leading `unit_values` values run so; the rest the scalar loop.
+    int32_t unit_values = 0;
+    int32_t unit_channels = 0;
+    std::vector<uint16_t> unit_fx;
+    // Exact halving of 8-bit rows (value e from source pixels 2 (e / C) and
+    // 2 (e / C) + 1, fraction 32768 everywhere): each value is the floor of
+    // the pair's mean. `half_channels` is C, 0 when the row is not such.
+    int32_t half_channels = 0;
 };
 
 // Builds the interpolation of `units` output units of `channels` samples from
