@@ -127,9 +127,12 @@ TEST(CvAreaKernels, VectorMatchesReference) {
                 impl::buildCvAreaPlan(plan, c.src, 7, c.dst, 3, channels, bytes);
                 const size_t step = size_t(c.dst * channels) * (bytes ? 1 : 4) + 3;
                 std::vector<uint8_t> a(step * 3, 0xA5), b(step * 3, 0xA5);
-                std::vector<float> sums(size_t(plan.row.values) * 2);
-                impl::cvAreaResize(plan, src.data.data(), src.step, a.data(), step, sums.data(), Isa::kScalar);
-                impl::cvAreaResize(plan, src.data.data(), src.step, b.data(), step, sums.data(), Isa::kAvx2);
+                std::vector<float> rows(size_t(plan.row.values) * size_t(plan.ring));
+                std::vector<const float*> pointers(size_t(plan.max_rows));
+                impl::cvAreaResize(plan, src.data.data(), src.step, a.data(), step, rows.data(), pointers.data(),
+                                   Isa::kScalar);
+                impl::cvAreaResize(plan, src.data.data(), src.step, b.data(), step, rows.data(), pointers.data(),
+                                   Isa::kAvx2);
                 ASSERT_EQ(a, b) << channels << " channels " << (bytes ? "bytes " : "floats ") << c.src << " -> "
                                 << c.dst;
             }

@@ -409,8 +409,10 @@ void resizePlane(const void* src, size_t src_step, int src_width, int src_height
     if (method == Interpolation::kArea && channels >= 1 && channels <= 4 &&
         cvAreaDecimates(src_width, src_height, dst_width, dst_height)) {
         buildCvAreaPlan(c.area.plan, src_width, src_height, dst_width, dst_height, channels, !is_float);
-        c.area.sums.resize(size_t(c.area.plan.row.values) * 2);
-        cvAreaResize(c.area.plan, src, src_step, dst, dst_step, c.area.sums.data(), activeIsa());
+        c.area.rows.resize(size_t(c.area.plan.row.values) * size_t(c.area.plan.ring));
+        c.area.pointers.resize(size_t(c.area.plan.max_rows));
+        cvAreaResize(c.area.plan, src, src_step, dst, dst_step, c.area.rows.data(), c.area.pointers.data(),
+                     activeIsa());
         return;
     }
     if (method == Interpolation::kBilinear && !is_float && channels >= 1 && channels <= 4 &&

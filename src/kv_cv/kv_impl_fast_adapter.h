@@ -104,10 +104,11 @@ struct BilinearPlaneCache {
 };
 
 // One plane's area plan (OpenCV's decimation at ratios that are not whole
-// numbers) and its two rows of float sums.
+// numbers), its ring of horizontally reduced float rows and their pointers.
 struct AreaPlaneCache {
     CvAreaPlan plan;
-    std::vector<float> sums;
+    std::vector<float> rows;
+    std::vector<const float*> pointers;
 };
 
 // One plane's nearest-neighbour column gather (pixels of `pixel` bytes).

@@ -129,26 +129,25 @@ void buildCvAreaPlan(CvAreaPlan& plan, int src_width, int src_height, int dst_wi
     buildCvAreaTable(src_width, dst_width, xtab);
     buildCvAreaTable(src_height, dst_height, ytab);
     buildCvAreaRowPlan(plan.row, xtab, dst_width, channels, src_width * channels);
-    // Source rows in table order; a row that ends one output row and starts
-    // the next is one entry with two contributions.
-    plan.source_rows.clear();
-    plan.contributions.clear();
-    plan.counts.clear();
-    for (size_t k = 0; k < ytab.size(); ++k) {
-        const CvAreaTap& e = ytab[k];
-        const bool first = k == 0 || ytab[k - 1].dst != e.dst;
-        const bool last = k + 1 == ytab.size() || ytab[k + 1].dst != e.dst;
-        const CvAreaContribution c{e.dst, e.alpha, first, k == 0, last};
-        if (!plan.source_rows.empty() && plan.source_rows.back() == e.src && plan.counts.back() == 1) {
-            plan.contributions.back() = c;  // the second slot of the previous entry
-            plan.counts.back() = 2;
-            continue;
-        }
-        plan.source_rows.push_back(e.src);
-        plan.contributions.push_back(c);
-        plan.contributions.push_back(CvAreaContribution{});
-        plan.counts.push_back(1);
+    plan.rows.resize(ytab.size());
+    plan.beta.resize(ytab.size());
+    plan.first.assign(size_t(dst_height) + 1, int32_t(ytab.size()));
+    int ring = 1;
+    for (size_t k = ytab.size(); k-- > 0;) {
+        plan.rows[k] = ytab[k].src;
+        plan.beta[k] = ytab[k].alpha;
+        plan.first[size_t(ytab[k].dst)] = int32_t(k);
     }
+    // The ring holds every row of one output row and the next row it starts
+    // with: its span plus one.
+    int max_rows = 1;
+    for (int r = 0; r < dst_height; ++r) {
+        const int a = plan.first[size_t(r)], b = plan.first[size_t(r) + 1];
+        ring = std::max(ring, plan.rows[size_t(b - 1)] - plan.rows[size_t(a)] + 2);
+        max_rows = std::max(max_rows, b - a);
+    }
+    plan.ring = ring;
+    plan.max_rows = max_rows;
     plan.src_width = src_width;
     plan.src_height = src_height;
     plan.dst_width = dst_width;
@@ -166,32 +165,30 @@ inline uint8_t toByte(float v) {
     return uint8_t(r <= 0.f ? 0.f : r >= 255.f ? 255.f : r);
 }
 
-inline void storeValue(void* row, int o, float v, uint8_t) { static_cast<uint8_t*>(row)[o] = toByte(v); }
-inline void storeValue(void* row, int o, float v, float) { storeSample(static_cast<float*>(row), o, v); }
+inline void storeValue(uint8_t* row, int o, float v) { row[o] = toByte(v); }
+inline void storeValue(float* row, int o, float v) { storeSample(row, o, v); }
 
-// Values [from, values) of a source row: the horizontal taps in slot order
-// (unused slots skipped), then each contribution's sum, stored where it ends.
+// Values [from, values) of a source row: taps in slot order, unused slots skipped.
 template <typename T>
-void refRow(const CvAreaRowArgs& a, int from) {
-    const CvAreaRowPlan& p = *a.plan;
-    const T* src = static_cast<const T*>(a.src);
+void refRowX(const CvAreaRowPlan& p, const T* src, float* buf, int from) {
     for (int o = from; o < p.values; ++o) {
-        float buf = 0.f;
+        float acc = 0.f;
         for (int t = 0; t < p.taps; ++t) {
             const size_t v = size_t(o) * size_t(p.taps) + size_t(t);
             if (p.alpha[v] == 0.f) continue;
-            buf = buf + float(loadSample(src, p.element[v])) * p.alpha[v];
+            acc = acc + float(loadSample(src, p.element[v])) * p.alpha[v];
         }
-        for (int k = 0; k < a.count; ++k) {
-            const CvAreaContribution& c = a.contributions[k];
-            float* sum = a.sums[c.dst_row & 1] + o;
-            const float q = c.beta * buf;
-            const float v = c.first ? (c.zero_start ? 0.f + q : q) : *sum + q;
-            if (c.last)
-                storeValue(a.dst_rows[k], o, v, T());
-            else
-                *sum = v;
-        }
+        buf[o] = acc;
+    }
+}
+
+template <typename T>
+void refRowsY(const CvAreaRowsY& r, T* dst, int from) {
+    for (int o = from; o < r.n; ++o) {
+        const float first = r.beta[0] * r.bufs[0][o];
+        float sum = r.zero_start ? 0.f + first : first;
+        for (int k = 1; k < r.count; ++k) sum = sum + r.beta[k] * r.bufs[k][o];
+        storeValue(dst, o, sum);
     }
 }
 
@@ -199,8 +196,10 @@ void refRow(const CvAreaRowArgs& a, int from) {
 
 namespace ref {
 
-void cvAreaRow8(const CvAreaRowArgs& a) { refRow<uint8_t>(a, 0); }
-void cvAreaRow32f(const CvAreaRowArgs& a) { refRow<float>(a, 0); }
+void cvAreaRowX8(const CvAreaRowPlan& plan, const uint8_t* src, float* buf) { refRowX(plan, src, buf, 0); }
+void cvAreaRowX32f(const CvAreaRowPlan& plan, const float* src, float* buf) { refRowX(plan, src, buf, 0); }
+void cvAreaRowsY8(const CvAreaRowsY& rows, uint8_t* dst) { refRowsY(rows, dst, 0); }
+void cvAreaRowsY32f(const CvAreaRowsY& rows, float* dst) { refRowsY(rows, dst, 0); }
 
 }  // namespace ref
 
@@ -211,35 +210,10 @@ namespace avx2 {
 
 namespace {
 
-// The contributions of eight values whose horizontal result is `buf`.
-template <bool kBytes>
-inline void contribute8(const CvAreaRowArgs& a, int o, __m256 buf) {
-    for (int k = 0; k < a.count; ++k) {
-        const CvAreaContribution& c = a.contributions[k];
-        float* sum = a.sums[c.dst_row & 1] + o;
-        const __m256 q = _mm256_mul_ps(_mm256_set1_ps(c.beta), buf);
-        const __m256 v = c.first ? (c.zero_start ? _mm256_add_ps(_mm256_setzero_ps(), q) : q)
-                                 : _mm256_add_ps(_mm256_loadu_ps(sum), q);
-        if (!c.last) {
-            _mm256_storeu_ps(sum, v);
-        } else if (kBytes) {
-            // Round half to even (the default rounding mode), clamp by saturating packs.
-            const __m256i i = _mm256_cvtps_epi32(v);
-            const __m256i w = _mm256_packus_epi32(i, i);
-            const __m256i b = _mm256_packus_epi16(w, w);
-            const __m256i d = _mm256_permutevar8x32_epi32(b, _mm256_setr_epi32(0, 4, 0, 4, 0, 4, 0, 4));
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(static_cast<uint8_t*>(a.dst_rows[k]) + o),
-                             _mm256_castsi256_si128(d));
-        } else {
-            _mm256_storeu_ps(static_cast<float*>(a.dst_rows[k]) + o, v);
-        }
-    }
-}
-
+// Eight values per block; the first slot's product starts the sum (the
+// reference's 0 + p is p for the non-negative products of bytes).
 template <int K>
-void rowBlocks8(const CvAreaRowArgs& a) {
-    const CvAreaRowPlan& p = *a.plan;
-    const uint8_t* src = static_cast<const uint8_t*>(a.src);
+void rowBlocks8(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
     const int T = p.taps;
     const __m256i* sel = reinterpret_cast<const __m256i*>(p.select.data());
     const float* w = p.weight.data();
@@ -251,77 +225,119 @@ void rowBlocks8(const CvAreaRowArgs& a) {
             c[k] = _mm256_inserti128_si256(
                 _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + 16 * k))),
                 _mm_loadu_si128(reinterpret_cast<const __m128i*>(s1 + 16 * k)), 1);
-        __m256 buf = _mm256_setzero_ps();
-        for (int t = 0; t < T; ++t, sel += K, w += 8) {
-            __m256i v = _mm256_shuffle_epi8(c[0], _mm256_loadu_si256(sel));
-            for (int k = 1; k < K; ++k) v = _mm256_or_si256(v, _mm256_shuffle_epi8(c[k], _mm256_loadu_si256(sel + k)));
-            buf = _mm256_add_ps(buf, _mm256_mul_ps(_mm256_cvtepi32_ps(v), _mm256_loadu_ps(w)));
-        }
-        contribute8<true>(a, 8 * b, buf);
+        auto product = [&](int t) {
+            __m256i v = _mm256_shuffle_epi8(c[0], _mm256_loadu_si256(sel + t * K));
+            for (int k = 1; k < K; ++k) v = _mm256_or_si256(v, _mm256_shuffle_epi8(c[k], _mm256_loadu_si256(sel + t * K + k)));
+            return _mm256_mul_ps(_mm256_cvtepi32_ps(v), _mm256_loadu_ps(w + 8 * t));
+        };
+        __m256 acc = product(0);
+        for (int t = 1; t < T; ++t) acc = _mm256_add_ps(acc, product(t));
+        _mm256_storeu_ps(buf + 8 * b, acc);
+        sel += T * K;
+        w += 8 * T;
     }
+}
+
+inline __m256 sumY(const CvAreaRowsY& r, int o) {
+    const __m256 first = _mm256_mul_ps(_mm256_set1_ps(r.beta[0]), _mm256_loadu_ps(r.bufs[0] + o));
+    __m256 sum = r.zero_start ? _mm256_add_ps(_mm256_setzero_ps(), first) : first;
+    for (int k = 1; k < r.count; ++k)
+        sum = _mm256_add_ps(sum, _mm256_mul_ps(_mm256_set1_ps(r.beta[k]), _mm256_loadu_ps(r.bufs[k] + o)));
+    return sum;
 }
 
 }  // namespace
 
-void cvAreaRow8(const CvAreaRowArgs& a) {
-    const CvAreaRowPlan& p = *a.plan;
+void cvAreaRowX8(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
     switch (p.blocks ? p.chunks : 0) {
-        case 1: rowBlocks8<1>(a); break;
-        case 2: rowBlocks8<2>(a); break;
-        case 3: rowBlocks8<3>(a); break;
-        case 4: rowBlocks8<4>(a); break;
-        case 5: rowBlocks8<5>(a); break;
-        case 6: rowBlocks8<6>(a); break;
-        case 7: rowBlocks8<7>(a); break;
-        case 8: rowBlocks8<8>(a); break;
-        default: refRow<uint8_t>(a, 0); return;
+        case 1: rowBlocks8<1>(p, src, buf); break;
+        case 2: rowBlocks8<2>(p, src, buf); break;
+        case 3: rowBlocks8<3>(p, src, buf); break;
+        case 4: rowBlocks8<4>(p, src, buf); break;
+        case 5: rowBlocks8<5>(p, src, buf); break;
+        case 6: rowBlocks8<6>(p, src, buf); break;
+        case 7: rowBlocks8<7>(p, src, buf); break;
+        case 8: rowBlocks8<8>(p, src, buf); break;
+        default: refRowX(p, src, buf, 0); return;
     }
-    refRow<uint8_t>(a, 8 * p.blocks);
+    refRowX(p, src, buf, 8 * p.blocks);
 }
 
-void cvAreaRow32f(const CvAreaRowArgs& a) {
-    const CvAreaRowPlan& p = *a.plan;
-    const float* src = static_cast<const float*>(a.src);
+void cvAreaRowX32f(const CvAreaRowPlan& p, const float* src, float* buf) {
     const int T = p.taps;
     const int32_t* idx = p.index.data();
     const float* w = p.weight.data();
     const __m256 zero = _mm256_setzero_ps();
     for (int b = 0; b < p.blocks; ++b) {
-        __m256 buf = zero;
+        __m256 acc = zero;
         for (int t = 0; t < T; ++t, idx += 8, w += 8) {
             const __m256 alpha = _mm256_loadu_ps(w);
             // Unused slots (alpha 0) load nothing and add +0 * 0.
             const __m256 used = _mm256_cmp_ps(alpha, zero, _CMP_NEQ_OQ);
             const __m256 s = _mm256_mask_i32gather_ps(zero, src, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(idx)),
                                                       used, 4);
-            buf = _mm256_add_ps(buf, _mm256_mul_ps(s, alpha));
+            acc = _mm256_add_ps(acc, _mm256_mul_ps(s, alpha));
         }
-        contribute8<false>(a, 8 * b, buf);
+        _mm256_storeu_ps(buf + 8 * b, acc);
     }
-    refRow<float>(a, 8 * p.blocks);
+    refRowX(p, src, buf, 8 * p.blocks);
+}
+
+void cvAreaRowsY8(const CvAreaRowsY& r, uint8_t* dst) {
+    int o = 0;
+    // Round half to even (the default rounding mode); saturating packs clamp.
+    for (; o + 32 <= r.n; o += 32) {
+        const __m256i a = _mm256_packus_epi32(_mm256_cvtps_epi32(sumY(r, o)), _mm256_cvtps_epi32(sumY(r, o + 8)));
+        const __m256i b = _mm256_packus_epi32(_mm256_cvtps_epi32(sumY(r, o + 16)), _mm256_cvtps_epi32(sumY(r, o + 24)));
+        const __m256i bytes = _mm256_packus_epi16(a, b);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + o),
+                            _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)));
+    }
+    refRowsY(r, dst, o);
+}
+
+void cvAreaRowsY32f(const CvAreaRowsY& r, float* dst) {
+    int o = 0;
+    for (; o + 8 <= r.n; o += 8) _mm256_storeu_ps(dst + o, sumY(r, o));
+    refRowsY(r, dst, o);
 }
 
 }  // namespace avx2
 
 #pragma GCC pop_options
 
-void cvAreaResize(const CvAreaPlan& plan, const void* src, size_t src_step, void* dst, size_t dst_step, float* sums,
-                  Isa isa) {
+void cvAreaResize(const CvAreaPlan& plan, const void* src, size_t src_step, void* dst, size_t dst_step,
+                  float* buffers, const float** bufs, Isa isa) {
     const bool vec = isa >= Isa::kAvx2;
-    const CvAreaRowFn row = plan.bytes ? (vec ? avx2::cvAreaRow8 : ref::cvAreaRow8)
-                                       : (vec ? avx2::cvAreaRow32f : ref::cvAreaRow32f);
+    const CvAreaRowX8 x8 = vec ? avx2::cvAreaRowX8 : ref::cvAreaRowX8;
+    const CvAreaRowX32f x32 = vec ? avx2::cvAreaRowX32f : ref::cvAreaRowX32f;
+    const CvAreaRowsY8 y8 = vec ? avx2::cvAreaRowsY8 : ref::cvAreaRowsY8;
+    const CvAreaRowsY32f y32 = vec ? avx2::cvAreaRowsY32f : ref::cvAreaRowsY32f;
     const auto* s = static_cast<const uint8_t*>(src);
     auto* d = static_cast<uint8_t*>(dst);
-    CvAreaRowArgs args{};
-    args.plan = &plan.row;
-    args.sums[0] = sums;
-    args.sums[1] = sums + plan.row.values;
-    for (size_t i = 0; i < plan.source_rows.size(); ++i) {
-        args.src = s + size_t(plan.source_rows[i]) * src_step;
-        args.contributions = &plan.contributions[2 * i];
-        args.count = plan.counts[i];
-        for (int k = 0; k < args.count; ++k) args.dst_rows[k] = d + size_t(args.contributions[k].dst_row) * dst_step;
-        row(args);
+    const size_t values = size_t(plan.row.values);
+    int next = 0;  // first source row not yet in the ring
+    for (int r = 0; r < plan.dst_height; ++r) {
+        const int a = plan.first[size_t(r)], b = plan.first[size_t(r) + 1];
+        for (int k = a; k < b; ++k) {
+            const int row = plan.rows[size_t(k)];
+            float* buf = buffers + size_t(row % plan.ring) * values;
+            if (row >= next) {
+                const uint8_t* sr = s + size_t(row) * src_step;
+                if (plan.bytes)
+                    x8(plan.row, sr, buf);
+                else
+                    x32(plan.row, reinterpret_cast<const float*>(sr), buf);
+                next = row + 1;
+            }
+            bufs[k - a] = buf;
+        }
+        const CvAreaRowsY rows{bufs, &plan.beta[size_t(a)], b - a, r == 0, plan.row.values};
+        uint8_t* out = d + size_t(r) * dst_step;
+        if (plan.bytes)
+            y8(rows, out);
+        else
+            y32(rows, reinterpret_cast<float*>(out));
     }
 }
 

@@ -11,7 +11,7 @@
 // source order, buf = buf + float(s) * alpha (starting from 0); per output
 // row the buffers of its source rows, in order, give sum = beta * buf for
 // the first (0 + beta * buf for output row 0) and sum = sum + beta * buf for
-// the others. Bytes come out rounded half to even and clamped to 0..255,
+// the others. A source row that two output rows share is computed once. Bytes come out rounded half to even and clamped to 0..255,
 // floats as they are. No operation is fused or reordered.
 #pragma once
 
@@ -60,55 +60,57 @@ struct CvAreaRowPlan {
 void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab, int dst_width, int channels,
                         int src_elements);
 
-// What one source row gives to the output rows: up to two (output row,
-// beta) contributions; `first` starts the output row's sum, `last` ends it
-// (the row is then converted and stored).
-struct CvAreaContribution {
-    int dst_row;
-    float beta;
-    bool first;
-    bool zero_start;  // first of output row 0: 0 + beta * buf
-    bool last;
-};
-
-// Both axes of one plane.
+// Both axes of one plane. Output row r takes the horizontal results of
+// source rows rows[k], k in [first[r], first[r + 1]), with weights beta[k],
+// in that order; each source row is taken into the ring of `ring` float rows
+// once, at slot (source row) % ring.
 struct CvAreaPlan {
     int src_width = 0, src_height = 0, dst_width = 0, dst_height = 0, channels = 0;
     bool bytes = true;
     CvAreaRowPlan row;
-    std::vector<int32_t> source_rows;                  // source rows with a contribution, in order
-    std::vector<CvAreaContribution> contributions;     // 2 per entry of source_rows (count in `counts`)
-    std::vector<uint8_t> counts;
+    std::vector<int32_t> rows;
+    std::vector<float> beta;
+    std::vector<int32_t> first;  // dst_height + 1 offsets into rows / beta
+    int ring = 0;
+    int max_rows = 0;            // most rows of one output row
 };
 // Builds `plan` unless it already describes these sizes.
 void buildCvAreaPlan(CvAreaPlan& plan, int src_width, int src_height, int dst_width, int dst_height, int channels,
                      bool bytes);
 
-// Kernels: one source row through the horizontal taps and into the
-// contributions' sums (two float rows of `values`, the first for even
-// output rows, the second for odd ones); output rows that end are stored.
-struct CvAreaRowArgs {
-    const CvAreaRowPlan* plan;
-    const void* src;                  // one source row (bytes or floats)
-    const CvAreaContribution* contributions;
+// Kernels. Horizontal: buf[o] for the plan's `values` from one source row.
+// Vertical: output value o = sum over k < count of beta[k] * bufs[k][o] in
+// OpenCV's order (the first product alone, or 0 + it for output row 0 with
+// `zero_start`), for o < n; bytes rounded half to even and clamped.
+using CvAreaRowX8 = void (*)(const CvAreaRowPlan& plan, const uint8_t* src, float* buf);
+using CvAreaRowX32f = void (*)(const CvAreaRowPlan& plan, const float* src, float* buf);
+struct CvAreaRowsY {
+    const float* const* bufs;
+    const float* beta;
     int count;
-    float* sums[2];
-    void* dst_rows[2];                // destination row of each contribution (bytes or floats)
+    bool zero_start;
+    int n;
 };
-using CvAreaRowFn = void (*)(const CvAreaRowArgs& args);
+using CvAreaRowsY8 = void (*)(const CvAreaRowsY& rows, uint8_t* dst);
+using CvAreaRowsY32f = void (*)(const CvAreaRowsY& rows, float* dst);
 
-// The whole plane with the kernel set of `isa`; `sums` holds 2 x values floats.
-void cvAreaResize(const CvAreaPlan& plan, const void* src, size_t src_step, void* dst, size_t dst_step, float* sums,
-                  Isa isa);
+// The whole plane with the kernel set of `isa`; `buffers` holds ring x
+// values floats, `pointers` max_rows entries.
+void cvAreaResize(const CvAreaPlan& plan, const void* src, size_t src_step, void* dst, size_t dst_step,
+                  float* buffers, const float** pointers, Isa isa);
 
 namespace ref {
-void cvAreaRow8(const CvAreaRowArgs& args);
-void cvAreaRow32f(const CvAreaRowArgs& args);
+void cvAreaRowX8(const CvAreaRowPlan& plan, const uint8_t* src, float* buf);
+void cvAreaRowX32f(const CvAreaRowPlan& plan, const float* src, float* buf);
+void cvAreaRowsY8(const CvAreaRowsY& rows, uint8_t* dst);
+void cvAreaRowsY32f(const CvAreaRowsY& rows, float* dst);
 }  // namespace ref
 
 namespace avx2 {
-void cvAreaRow8(const CvAreaRowArgs& args);
-void cvAreaRow32f(const CvAreaRowArgs& args);
+void cvAreaRowX8(const CvAreaRowPlan& plan, const uint8_t* src, float* buf);
+void cvAreaRowX32f(const CvAreaRowPlan& plan, const float* src, float* buf);
+void cvAreaRowsY8(const CvAreaRowsY& rows, uint8_t* dst);
+void cvAreaRowsY32f(const CvAreaRowsY& rows, float* dst);
 }  // namespace avx2
 
 }  // namespace impl
