@@ -385,6 +385,75 @@ void areaBox4x4C3(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_
 
 }  // namespace
 
+// 2 x 2 blocks of C-channel pixels: per row, the bytes of each pixel pair
+// are shuffled side by side and summed into words by one multiply-add with
+// ones; the two rows' sums are added and rounded as OpenCV rounds (half up
+// for 1, 3 and 4 channels; the float path's half to even for 2). C = 1, 2,
+// 4: 64 source bytes per row give 32 values; C = 3: 24 give 12 (the second
+// 8-byte store reaches 2 bytes past them, rewritten by the next step).
+namespace {
+template <int C>
+void areaBox2x2(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width, int dst_height) {
+    struct Order {
+        int8_t b[32];
+        constexpr Order() : b() {
+            for (int lane = 0; lane < 2; ++lane)
+                for (int k = 0; k < 16; ++k) {
+                    const int value = k / 2, pair = value / C, c = value % C;
+                    b[16 * lane + k] = int8_t(C == 3 && k >= 12 ? -128 : pair * 2 * C + (k % 2) * C + c);
+                }
+        }
+    };
+    static constexpr Order kOrder{};
+    const __m256i order = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(kOrder.b));
+    const __m256i ones8 = _mm256_set1_epi8(1);
+    const __m256i two = _mm256_set1_epi16(2), one = _mm256_set1_epi16(1);
+    const int n = dst_width * C;
+    auto mean = [&](__m256i sum) {
+        if (C == 2)  // (sum + 1 + (floor(sum / 4) & 1)) >> 2: half to even
+            return _mm256_srli_epi16(
+                _mm256_add_epi16(_mm256_add_epi16(sum, one), _mm256_and_si256(_mm256_srli_epi16(sum, 2), one)), 2);
+        return _mm256_srli_epi16(_mm256_add_epi16(sum, two), 2);
+    };
+    for (int y = 0; y < dst_height; ++y) {
+        const uint8_t* r0 = src + size_t(2 * y) * src_step;
+        const uint8_t* r1 = r0 + src_step;
+        uint8_t* d = dst + size_t(y) * dst_step;
+        int e = 0;
+        if (C == 3) {
+            auto sums = [&](const uint8_t* p) {
+                const __m256i v = _mm256_inserti128_si256(
+                    _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))),
+                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 12)), 1);
+                return _mm256_maddubs_epi16(_mm256_shuffle_epi8(v, order), ones8);
+            };
+            for (; e + 14 <= n && 2 * e + 28 <= 2 * n; e += 12) {
+                const __m256i m = mean(_mm256_add_epi16(sums(r0 + 2 * e), sums(r1 + 2 * e)));
+                const __m256i b = _mm256_packus_epi16(m, m);
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(d + e), _mm256_castsi256_si128(b));
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(d + e + 6), _mm256_extracti128_si256(b, 1));
+            }
+        } else {
+            auto sums = [&](const uint8_t* p) {
+                __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+                if (C > 1) v = _mm256_shuffle_epi8(v, order);
+                return _mm256_maddubs_epi16(v, ones8);
+            };
+            for (; e + 32 <= n; e += 32) {
+                const __m256i a = mean(_mm256_add_epi16(sums(r0 + 2 * e), sums(r1 + 2 * e)));
+                const __m256i b = mean(_mm256_add_epi16(sums(r0 + 2 * e + 32), sums(r1 + 2 * e + 32)));
+                _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + e),
+                                    _mm256_permute4x64_epi64(_mm256_packus_epi16(a, b), 0xD8));
+            }
+        }
+        // The rest of the row: whole pixels from the first value not written.
+        const int px = e / C;
+        if (px < dst_width)
+            ref::areaBox(r0 + size_t(px) * 2 * C, src_step, d + size_t(px) * C, dst_step, dst_width - px, 1, C, 2, 2);
+    }
+}
+}  // namespace
+
 // Box reduction a strip of output pixels at a time: the fy source rows are
 // summed column by column into 16-bit sums, fx neighbouring sums of each
 // channel are added along the strip, and the sums at block starts are
@@ -396,6 +465,15 @@ void areaBox(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step,
     if (channels == 3 && fx == 4 && fy == 4) {
         areaBox4x4C3(src, src_step, dst, dst_step, dst_width, dst_height);
         return;
+    }
+    if (fx == 2 && fy == 2) {
+        switch (channels) {
+            case 1: areaBox2x2<1>(src, src_step, dst, dst_step, dst_width, dst_height); return;
+            case 2: areaBox2x2<2>(src, src_step, dst, dst_step, dst_width, dst_height); return;
+            case 3: areaBox2x2<3>(src, src_step, dst, dst_step, dst_width, dst_height); return;
+            case 4: areaBox2x2<4>(src, src_step, dst, dst_step, dst_width, dst_height); return;
+            default: break;
+        }
     }
     constexpr int kStrip = 2048;  // 16-bit column sums per strip
     const int block = fx * channels;
