@@ -3,6 +3,7 @@
 // reference, so every width gives the reference's bytes and no load or store
 // leaves the row.
 #include "kv_cv/kv_impl_fast_kernels.h"
+#include "kv_cv/kv_impl_scale_rows.h"
 
 #include <immintrin.h>
 
@@ -394,17 +395,7 @@ void areaBox4x4C3(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_
 namespace {
 template <int C>
 void areaBox2x2(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width, int dst_height) {
-    struct Order {
-        int8_t b[32];
-        constexpr Order() : b() {
-            for (int lane = 0; lane < 2; ++lane)
-                for (int k = 0; k < 16; ++k) {
-                    const int value = k / 2, pair = value / C, c = value % C;
-                    b[16 * lane + k] = int8_t(C == 3 && k >= 12 ? -128 : pair * 2 * C + (k % 2) * C + c);
-                }
-        }
-    };
-    static constexpr Order kOrder{};
+    static constexpr PixelPairOrder<C> kOrder{};
     const __m256i order = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(kOrder.b));
     const __m256i ones8 = _mm256_set1_epi8(1);
     const __m256i two = _mm256_set1_epi16(2), one = _mm256_set1_epi16(1);

@@ -105,6 +105,22 @@ struct LerpPlan {
 void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, int channels, int n, int src_elems,
                    bool bytes8);
 
+// Byte selectors (for a 32-byte shuffle) that put the two pixels of each
+// pixel pair side by side, channel by channel (a0 b0 a1 b1 ...), so that one
+// multiply-add with ones sums each pair into a word: per 128-bit lane 16
+// source bytes (C = 1, 2, 4) or 12 (C = 3; the last 4 selectors give 0).
+template <int C>
+struct PixelPairOrder {
+    int8_t b[32];
+    constexpr PixelPairOrder() : b() {
+        for (int lane = 0; lane < 2; ++lane)
+            for (int k = 0; k < 16; ++k) {
+                const int value = k / 2, pair = value / C, c = value % C;
+                b[16 * lane + k] = int8_t(C == 3 && k >= 12 ? -128 : pair * 2 * C + (k % 2) * C + c);
+            }
+    }
+};
+
 // out = (a * (65536 - fy) + b * fy) >> 16 per sample; the shift truncates.
 using BlendRow8 = void (*)(const uint8_t* a, const uint8_t* b, uint8_t* dst, int n, uint32_t fy);
 using BlendRow16 = void (*)(const uint16_t* a, const uint16_t* b, uint16_t* dst, int n, uint32_t fy);

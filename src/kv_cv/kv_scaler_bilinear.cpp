@@ -373,18 +373,7 @@ void lerpUnits(const LerpPlan& plan, const uint8_t* src, uint8_t* dst) {
 // C = 1, 2, 4: 16 source bytes give 8 values per lane; C = 3: 12 give 6.
 template <int C>
 void halfRow(const LerpPlan& plan, const uint8_t* src, uint8_t* dst, int src_elems) {
-    struct Order {
-        int8_t b[32];
-        constexpr Order() : b() {
-            for (int lane = 0; lane < 2; ++lane)
-                for (int k = 0; k < 16; ++k) {
-                    const int value = k / 2, pixel_pair = value / C, c = value % C;
-                    const bool used = C == 3 ? k < 12 : true;
-                    b[16 * lane + k] = int8_t(used ? pixel_pair * 2 * C + (k % 2) * C + c : -128);
-                }
-        }
-    };
-    static constexpr Order kOrder{};
+    static constexpr PixelPairOrder<C> kOrder{};
     const __m256i order = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(kOrder.b));
     const __m256i ones = _mm256_set1_epi8(1);
     const int n = plan.n;
