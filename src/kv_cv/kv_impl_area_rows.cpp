@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <map>
 
 #include "kv_cv/kv_impl_cpu.h"
 #include "kv_cv/kv_impl_scale_area.h"
@@ -78,9 +77,10 @@ void buildAreaPairs(const AreaRowX& r, AreaTaps& t) {
         int element;
         uint32_t weight;
     };
-    std::vector<Tap> taps(size_t(pairs) * 2);
+    if (pairs > kMaxPairWork) return;
+    Tap taps[2 * kMaxPairWork];
     auto valueTaps = [&](int o) {
-        std::fill(taps.begin(), taps.end(), Tap{-1, 0});
+        std::fill(taps, taps + 2 * pairs, Tap{-1, 0});
         const int i = o / C, c = o % C;
         forEachTap(r, i, [&](int tap, int k, uint32_t w) {
             const int64_t e = int64_t(k) * C + c;
@@ -91,19 +91,21 @@ void buildAreaPairs(const AreaRowX& r, AreaTaps& t) {
     // of its pair, which needs a partner without a sample.
     for (int o = 0; o < r.dst_len; ++o) {
         valueTaps(o);
-        for (size_t k = 0; k < taps.size(); ++k)
+        for (int k = 0; k < 2 * pairs; ++k)
             if (taps[k].weight > 32767 && taps[k ^ 1].element >= 0) return;
     }
     // Span of each quarter; the chunk count covers the widest.
-    std::vector<int32_t> lo(size_t(blocks) * 4);
+    // Scratch kept in the plan, so that a rebuild with room to spare allocates nothing.
+    std::vector<int32_t>& lo = t.scratch_lo;
+    lo.resize(size_t(blocks) * 4);
     int chunks = 1;
     for (int b = 0; b < blocks; ++b)
         for (int q = 0; q < 4; ++q) {
             int l = r.src_len, u = -1;
             for (int j = 0; j < 4; ++j) {
                 valueTaps(blockStart(b) + 4 * q + j);
-                for (const Tap& tp : taps)
-                    if (tp.element >= 0) l = std::min(l, tp.element), u = std::max(u, tp.element);
+                for (int k = 0; k < 2 * pairs; ++k)
+                    if (taps[k].element >= 0) l = std::min(l, taps[k].element), u = std::max(u, taps[k].element);
             }
             if (u < 0) l = u = 0;
             lo[size_t(4 * b + q)] = l;
@@ -111,8 +113,10 @@ void buildAreaPairs(const AreaRowX& r, AreaTaps& t) {
         }
     if (chunks > kMaxPairChunks || chunks * pairs > kMaxPairWork || r.src_len < 16 * chunks) return;
     const size_t set_bytes = size_t(2 * chunks * pairs) * 32;
-    std::vector<uint8_t> set(set_bytes);
-    std::map<std::vector<uint8_t>, int32_t> known;
+    std::vector<uint8_t>& set = t.scratch_set;
+    set.resize(set_bytes);
+    std::vector<uint64_t>& known = t.scratch_hash;  // a hash of each selector set kept so far
+    known.clear();
     t.pair_block.resize(size_t(blocks));
     t.pair_weights.assign(size_t(blocks) * size_t(2 * pairs) * 16, 0);
     for (int b = 0; b < blocks; ++b) {
@@ -143,12 +147,18 @@ void buildAreaPairs(const AreaRowX& r, AreaTaps& t) {
                 }
             }
         }
-        auto found = known.find(set);
-        if (found == known.end()) {
-            found = known.emplace(set, int32_t(known.size())).first;
+        uint64_t hash = 1469598103934665603ull;  // FNV-1a
+        for (uint8_t v : set) hash = (hash ^ v) * 1099511628211ull;
+        int32_t pattern = -1;
+        for (size_t k = 0; k < known.size() && pattern < 0; ++k)
+            if (known[k] == hash && std::memcmp(&t.pair_select[k * set_bytes], set.data(), set_bytes) == 0)
+                pattern = int32_t(k);
+        if (pattern < 0) {
+            pattern = int32_t(known.size());
+            known.push_back(hash);
             t.pair_select.insert(t.pair_select.end(), set.begin(), set.end());
         }
-        blk.pattern = found->second;
+        blk.pattern = pattern;
     }
     t.pairs = pairs;
     t.chunks = chunks;
@@ -411,9 +421,10 @@ inline void maddRow(const uint8_t* a, uint32_t w, __m256i acc[4]) { maddRows(a, 
 // tap pair, OR the words selected from each chunk, multiply-add them with the
 // pair's weights and sum; then shift, keep the low byte (as the reference's
 // byte store does) and store sixteen bytes.
-template <int K>
+// kP > 0 fixes the pair count (unrolled); 0 reads it from the plan.
+template <int K, int kP>
 void pairBlocks(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaTaps& t) {
-    const int P = t.pairs;
+    const int P = kP > 0 ? kP : t.pairs;
     const __m256i* sets = reinterpret_cast<const __m256i*>(t.pair_select.data());
     const __m256i* w = reinterpret_cast<const __m256i*>(t.pair_weights.data());
     const __m128i shift = _mm_cvtsi32_si128(r.shift);
@@ -423,36 +434,51 @@ void pairBlocks(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaT
         return _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(a))),
                                        _mm_loadu_si128(reinterpret_cast<const __m128i*>(b)), 1);
     };
+    // One half: the values of the lanes at base[0] and base[1].
+    auto half = [&](const int32_t* base, const __m256i* sel, const __m256i* wp) {
+        __m256i c[K];
+        for (int k = 0; k < K; ++k) c[k] = load2(src + base[0] + 16 * k, src + base[1] + 16 * k);
+        __m256i a = _mm256_setzero_si256();
+        for (int p = 0; p < P; ++p) {
+            __m256i words = _mm256_shuffle_epi8(c[0], _mm256_loadu_si256(sel + p));
+            for (int k = 1; k < K; ++k)
+                words = _mm256_or_si256(words, _mm256_shuffle_epi8(c[k], _mm256_loadu_si256(sel + k * P + p)));
+            a = _mm256_add_epi32(a, _mm256_madd_epi16(words, _mm256_loadu_si256(wp + p)));
+        }
+        return _mm256_and_si256(_mm256_srl_epi32(a, shift), low8);
+    };
     for (const AreaTaps::PairBlock& blk : t.pair_block) {
         const __m256i* sel = sets + size_t(blk.pattern) * size_t(2 * K * P);
-        __m256i acc[2];
-        for (int h = 0; h < 2; ++h, w += P, sel += K * P) {
-            __m256i c[K];
-            for (int k = 0; k < K; ++k) c[k] = load2(src + blk.base[2 * h] + 16 * k, src + blk.base[2 * h + 1] + 16 * k);
-            __m256i a = _mm256_setzero_si256();
-            for (int p = 0; p < P; ++p) {
-                __m256i words = _mm256_shuffle_epi8(c[0], _mm256_loadu_si256(sel + p));
-                for (int k = 1; k < K; ++k)
-                    words = _mm256_or_si256(words, _mm256_shuffle_epi8(c[k], _mm256_loadu_si256(sel + k * P + p)));
-                a = _mm256_add_epi32(a, _mm256_madd_epi16(words, _mm256_loadu_si256(w + p)));
-            }
-            acc[h] = _mm256_and_si256(_mm256_srl_epi32(a, shift), low8);
-        }
+        const __m256i lo = half(blk.base, sel, w);
+        const __m256i hi = half(blk.base + 2, sel + K * P, w + P);
+        w += 2 * P;
         // Words: lane 0 holds values 0-3 | 8-11, lane 1 4-7 | 12-15; bytes follow.
-        const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(acc[0], acc[1]), _mm256_setzero_si256());
+        const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(lo, hi), _mm256_setzero_si256());
         const __m256i out = _mm256_permutevar8x32_epi32(bytes, order);
         _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + blk.start), _mm256_castsi256_si128(out));
     }
 }
 
+template <int K>
+void pairBlocksOf(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaTaps& t) {
+    switch (t.pairs) {
+        case 1: pairBlocks<K, 1>(src, dst, r, t); break;
+        case 2: pairBlocks<K, 2>(src, dst, r, t); break;
+        case 3: pairBlocks<K, 3>(src, dst, r, t); break;
+        case 4: pairBlocks<K, 4>(src, dst, r, t); break;
+        case 5: pairBlocks<K, 5>(src, dst, r, t); break;
+        default: pairBlocks<K, 0>(src, dst, r, t); break;
+    }
+}
+
 bool pairRow(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaTaps& t) {
     switch (t.pair_blocks ? t.chunks : 0) {
-        case 1: pairBlocks<1>(src, dst, r, t); return true;
-        case 2: pairBlocks<2>(src, dst, r, t); return true;
-        case 3: pairBlocks<3>(src, dst, r, t); return true;
-        case 4: pairBlocks<4>(src, dst, r, t); return true;
-        case 5: pairBlocks<5>(src, dst, r, t); return true;
-        case 6: pairBlocks<6>(src, dst, r, t); return true;
+        case 1: pairBlocksOf<1>(src, dst, r, t); return true;
+        case 2: pairBlocksOf<2>(src, dst, r, t); return true;
+        case 3: pairBlocksOf<3>(src, dst, r, t); return true;
+        case 4: pairBlocksOf<4>(src, dst, r, t); return true;
+        case 5: pairBlocksOf<5>(src, dst, r, t); return true;
+        case 6: pairBlocksOf<6>(src, dst, r, t); return true;
         default: return false;
     }
 }

@@ -50,17 +50,20 @@ void buildCvAreaTable(int src_size, int dst_size, std::vector<CvAreaTap>& table)
 void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab, int dst_width, int channels,
                         int src_elements) {
     const int C = channels;
-    std::vector<int> count(size_t(dst_width), 0);
-    for (const CvAreaTap& t : xtab) ++count[size_t(t.dst)];
-    const int T = *std::max_element(count.begin(), count.end());
+    // Scratch: taps per output pixel, then taps filled so far, then lane spans.
+    std::vector<int32_t>& scratch = plan.scratch;
+    scratch.assign(size_t(dst_width) * 2, 0);
+    int32_t* count = scratch.data();
+    int32_t* filled = count + dst_width;
+    for (const CvAreaTap& t : xtab) ++count[t.dst];
+    const int T = *std::max_element(count, count + dst_width);
     plan.values = dst_width * C;
     plan.taps = T;
     plan.element.assign(size_t(plan.values) * size_t(T), 0);
     plan.alpha.assign(size_t(plan.values) * size_t(T), 0.f);
     // Each pixel's taps fill the end of its slots, in table order.
-    std::vector<int> filled(size_t(dst_width), 0);
     for (const CvAreaTap& t : xtab) {
-        const int slot = T - count[size_t(t.dst)] + filled[size_t(t.dst)]++;
+        const int slot = T - count[t.dst] + filled[t.dst]++;
         for (int c = 0; c < C; ++c) {
             const size_t at = (size_t(t.dst) * size_t(C) + size_t(c)) * size_t(T) + size_t(slot);
             plan.element[at] = t.src * C + c;
@@ -85,7 +88,8 @@ void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab,
     plan.base.clear();
     plan.select.clear();
     if (plan.blocks == 0) return;
-    std::vector<int32_t> lo(size_t(plan.blocks) * 2);
+    std::vector<int32_t>& lo = plan.scratch;
+    lo.resize(size_t(plan.blocks) * 2);
     int chunks = 1;
     for (int b = 0; b < plan.blocks; ++b)
         for (int h = 0; h < 2; ++h) {
@@ -125,7 +129,8 @@ void buildCvAreaPlan(CvAreaPlan& plan, int src_width, int src_height, int dst_wi
     if (plan.src_width == src_width && plan.src_height == src_height && plan.dst_width == dst_width &&
         plan.dst_height == dst_height && plan.channels == channels && plan.bytes == bytes)
         return;
-    std::vector<CvAreaTap> xtab, ytab;
+    std::vector<CvAreaTap>& xtab = plan.xtab;
+    std::vector<CvAreaTap>& ytab = plan.ytab;
     buildCvAreaTable(src_width, dst_width, xtab);
     buildCvAreaTable(src_height, dst_height, ytab);
     buildCvAreaRowPlan(plan.row, xtab, dst_width, channels, src_width * channels);

@@ -56,6 +56,7 @@ struct CvAreaRowPlan {
     std::vector<uint8_t> select;   // blocks x taps x chunks x 32 (byte rows)
     std::vector<int32_t> index;    // blocks x taps x 8 source elements (float rows)
     std::vector<float> weight;     // blocks x taps x 8 alphas
+    std::vector<int32_t> scratch;  // working memory of the construction
 };
 void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab, int dst_width, int channels,
                         int src_elements);
@@ -73,6 +74,7 @@ struct CvAreaPlan {
     std::vector<int32_t> first;  // dst_height + 1 offsets into rows / beta
     int ring = 0;
     int max_rows = 0;            // most rows of one output row
+    std::vector<CvAreaTap> xtab, ytab;  // the tables the plan was built from
 };
 // Builds `plan` unless it already describes these sizes.
 void buildCvAreaPlan(CvAreaPlan& plan, int src_width, int src_height, int dst_width, int dst_height, int channels,

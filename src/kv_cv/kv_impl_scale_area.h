@@ -77,6 +77,10 @@ struct AreaTaps {
     std::vector<PairBlock> pair_block;
     std::vector<uint8_t> pair_select;   // patterns x 2 x chunks x pairs x 32 selectors (0x80: zero)
     std::vector<int16_t> pair_weights;  // blocks x 2 x pairs x 16 weights
+    // Working memory of the plan's construction.
+    std::vector<int32_t> scratch_lo;
+    std::vector<uint8_t> scratch_set;
+    std::vector<uint64_t> scratch_hash;
 };
 void buildAreaTaps(const AreaRowX& row, AreaTaps& taps);
 
