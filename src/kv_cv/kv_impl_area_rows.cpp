@@ -62,11 +62,14 @@ constexpr int kMaxPairChunks = 6;
 
 // The shuffle plan of AreaTaps (see kv_impl_scale_area.h); leaves pair_blocks
 // at 0 where it does not apply.
-void buildAreaPairs(const AreaRowX& r, AreaTaps& t) {
+void buildAreaPairs(const AreaRowX& r, AreaTaps& t, int sample_bytes) {
+    const int sb = sample_bytes;
+    const int lane_samples = 16 / sb;  // samples per 16-byte load
     t.pairs = t.chunks = t.pair_blocks = 0;
     t.pair_block.clear();
     t.pair_select.clear();
     t.pair_weights.clear();
+    t.pair_bias.clear();
     const int C = r.channels;
     if (r.dst_len < 16 || t.taps < 1) return;
     const int pairs = (t.taps + 1) / 2;
@@ -109,9 +112,9 @@ void buildAreaPairs(const AreaRowX& r, AreaTaps& t) {
             }
             if (u < 0) l = u = 0;
             lo[size_t(4 * b + q)] = l;
-            chunks = std::max(chunks, (u - l) / 16 + 1);
+            chunks = std::max(chunks, (u - l) / lane_samples + 1);
         }
-    if (chunks > kMaxPairChunks || chunks * pairs > kMaxPairWork || r.src_len < 16 * chunks) return;
+    if (chunks > kMaxPairChunks || chunks * pairs > kMaxPairWork || r.src_len < lane_samples * chunks) return;
     const size_t set_bytes = size_t(2 * chunks * pairs) * 32;
     std::vector<uint8_t>& set = t.scratch_set;
     set.resize(set_bytes);
@@ -119,6 +122,7 @@ void buildAreaPairs(const AreaRowX& r, AreaTaps& t) {
     known.clear();
     t.pair_block.resize(size_t(blocks));
     t.pair_weights.assign(size_t(blocks) * size_t(2 * pairs) * 16, 0);
+    if (sb == 2) t.pair_bias.assign(size_t(blocks) * 16, 0);
     for (int b = 0; b < blocks; ++b) {
         AreaTaps::PairBlock& blk = t.pair_block[size_t(b)];
         blk.start = blockStart(b);
@@ -126,10 +130,17 @@ void buildAreaPairs(const AreaRowX& r, AreaTaps& t) {
         int16_t* weights = &t.pair_weights[size_t(b) * size_t(2 * pairs) * 16];
         for (int q = 0; q < 4; ++q) {
             const int half = q / 2, lane = q % 2;
-            const int base = std::min(lo[size_t(4 * b + q)], r.src_len - 16 * chunks);
-            blk.base[q] = base;
+            const int base = std::min(lo[size_t(4 * b + q)], r.src_len - lane_samples * chunks);
+            blk.base[q] = base * sb;
             for (int j = 0; j < 4; ++j) {
                 valueTaps(blk.start + 4 * q + j);
+                if (sb == 2) {
+                    // 16-bit samples enter the multiply-add as s - 32768; this adds back 32768 x their weights.
+                    uint32_t sum = 0;
+                    for (int k = 0; k < 2 * pairs; ++k)
+                        if (taps[k].element >= 0) sum += taps[k].weight;
+                    t.pair_bias[size_t(b) * 16 + size_t(8 * half + 4 * lane + j)] = int32_t(sum << 15);
+                }
                 for (int p = 0; p < pairs; ++p) {
                     Tap pair[2] = {taps[size_t(2 * p)], taps[size_t(2 * p + 1)]};
                     for (int k = 0; k < 2; ++k)
@@ -141,8 +152,10 @@ void buildAreaPairs(const AreaRowX& r, AreaTaps& t) {
                         const int word = 8 * lane + 2 * j + k;
                         weights[size_t(half * pairs + p) * 16 + size_t(word)] = int16_t(pair[k].weight);
                         if (pair[k].element < 0) continue;
-                        const int rel = pair[k].element - base;
-                        set[(size_t((half * chunks + rel / 16) * pairs + p)) * 32 + size_t(2 * word)] = uint8_t(rel % 16);
+                        const int rel = (pair[k].element - base) * sb;  // bytes from the lane's base
+                        uint8_t* sel = &set[(size_t((half * chunks + rel / 16) * pairs + p)) * 32 + size_t(2 * word)];
+                        sel[0] = uint8_t(rel % 16);
+                        if (sb == 2) sel[1] = uint8_t(rel % 16 + 1);
                     }
                 }
             }
@@ -167,7 +180,7 @@ void buildAreaPairs(const AreaRowX& r, AreaTaps& t) {
 
 }  // namespace
 
-void buildAreaTaps(const AreaRowX& r, AreaTaps& t) {
+void buildAreaTaps(const AreaRowX& r, AreaTaps& t, int sample_bytes) {
     const int C = r.channels;
     const int units = (r.dst_len + C - 1) / C;
     int taps = r.reduce ? 0 : 2;
@@ -195,7 +208,10 @@ void buildAreaTaps(const AreaRowX& r, AreaTaps& t) {
         if (!inside) break;
         t.vec_values = b * 8 + 8;
     }
-    buildAreaPairs(r, t);
+    if (sample_bytes <= 2)
+        buildAreaPairs(r, t, sample_bytes);
+    else
+        t.pairs = t.chunks = t.pair_blocks = 0;
     // A plain box: every output pixel takes q whole pixels with weight_max.
     t.uniform_q = 0;
     if (r.reduce && units > 0) {
@@ -243,14 +259,14 @@ void areaRowXT(const T* src, T* dst, const AreaRowX& r, int o_begin) {
 }
 
 template <typename T>
-void areaRowsYT(const AreaRowsY& r, T* dst, uint64_t* acc) {
-    for (int x = 0; x < r.len; ++x) acc[x] = 0;
+void areaRowsYT(const AreaRowsY& r, T* dst, uint64_t* acc, int x_begin) {
+    for (int x = x_begin; x < r.len; ++x) acc[x] = 0;
     for (int k = 0; k < r.count; ++k) {
         const T* row = reinterpret_cast<const T*>(r.rows[k]);
         const uint64_t w = r.weights[k];
-        for (int x = 0; x < r.len; ++x) acc[x] += uint64_t(loadSample(row, x)) * w;
+        for (int x = x_begin; x < r.len; ++x) acc[x] += uint64_t(loadSample(row, x)) * w;
     }
-    for (int x = 0; x < r.len; ++x) storeSample(dst, x, acc[x] >> r.shift);
+    for (int x = x_begin; x < r.len; ++x) storeSample(dst, x, acc[x] >> r.shift);
 }
 
 }  // namespace
@@ -258,10 +274,10 @@ void areaRowsYT(const AreaRowsY& r, T* dst, uint64_t* acc) {
 void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const AreaTaps&, int o_begin) {
     areaRowXT<uint8_t, uint32_t>(src, dst, row, o_begin);
 }
-void areaRowX16(const uint16_t* src, uint16_t* dst, const AreaRowX& row, int o_begin) {
+void areaRowX16(const uint16_t* src, uint16_t* dst, const AreaRowX& row, const AreaTaps&, int o_begin) {
     areaRowXT<uint16_t, uint64_t>(src, dst, row, o_begin);
 }
-void areaRowX32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, int o_begin) {
+void areaRowX32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const AreaTaps&, int o_begin) {
     areaRowXT<uint32_t, uint64_t>(src, dst, row, o_begin);
 }
 
@@ -274,8 +290,12 @@ void areaRowsY8(const AreaRowsY& r, uint8_t* dst, uint32_t* acc, int x_begin) {
     }
     for (int x = x_begin; x < r.len; ++x) dst[x] = uint8_t(acc[x] >> r.shift);
 }
-void areaRowsY16(const AreaRowsY& r, uint16_t* dst, uint64_t* acc) { areaRowsYT<uint16_t>(r, dst, acc); }
-void areaRowsY32(const AreaRowsY& r, uint32_t* dst, uint64_t* acc) { areaRowsYT<uint32_t>(r, dst, acc); }
+void areaRowsY16(const AreaRowsY& r, uint16_t* dst, uint64_t* acc, int x_begin) {
+    areaRowsYT<uint16_t>(r, dst, acc, x_begin);
+}
+void areaRowsY32(const AreaRowsY& r, uint32_t* dst, uint64_t* acc, int x_begin) {
+    areaRowsYT<uint32_t>(r, dst, acc, x_begin);
+}
 
 }  // namespace ref
 
@@ -421,64 +441,79 @@ inline void maddRow(const uint8_t* a, uint32_t w, __m256i acc[4]) { maddRows(a, 
 // tap pair, OR the words selected from each chunk, multiply-add them with the
 // pair's weights and sum; then shift, keep the low byte (as the reference's
 // byte store does) and store sixteen bytes.
-// kP > 0 fixes the pair count (unrolled); 0 reads it from the plan.
-template <int K, int kP>
+// kP > 0 fixes the pair count (unrolled); 0 reads it from the plan. SB is
+// the sample size: 16-bit samples enter the multiply-adds as s - 32768 and
+// the plan's bias adds 32768 x their weights back (the sum stays below 2^32).
+template <int SB, int K, int kP>
 void pairBlocks(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaTaps& t) {
     const int P = kP > 0 ? kP : t.pairs;
     const __m256i* sets = reinterpret_cast<const __m256i*>(t.pair_select.data());
     const __m256i* w = reinterpret_cast<const __m256i*>(t.pair_weights.data());
+    const __m256i* bias = reinterpret_cast<const __m256i*>(t.pair_bias.data());
     const __m128i shift = _mm_cvtsi32_si128(r.shift);
-    const __m256i low8 = _mm256_set1_epi32(0xFF);
+    const __m256i low = _mm256_set1_epi32(SB == 1 ? 0xFF : 0xFFFF);
+    const __m256i flip = _mm256_set1_epi16(-32768);
     const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
     auto load2 = [&](const uint8_t* a, const uint8_t* b) {
         return _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(a))),
                                        _mm_loadu_si128(reinterpret_cast<const __m128i*>(b)), 1);
     };
     // One half: the values of the lanes at base[0] and base[1].
-    auto half = [&](const int32_t* base, const __m256i* sel, const __m256i* wp) {
+    auto half = [&](const int32_t* base, const __m256i* sel, const __m256i* wp, const __m256i* b) {
         __m256i c[K];
         for (int k = 0; k < K; ++k) c[k] = load2(src + base[0] + 16 * k, src + base[1] + 16 * k);
-        __m256i a = _mm256_setzero_si256();
+        __m256i a = SB == 1 ? _mm256_setzero_si256() : _mm256_loadu_si256(b);
         for (int p = 0; p < P; ++p) {
             __m256i words = _mm256_shuffle_epi8(c[0], _mm256_loadu_si256(sel + p));
             for (int k = 1; k < K; ++k)
                 words = _mm256_or_si256(words, _mm256_shuffle_epi8(c[k], _mm256_loadu_si256(sel + k * P + p)));
+            if (SB == 2) words = _mm256_xor_si256(words, flip);
             a = _mm256_add_epi32(a, _mm256_madd_epi16(words, _mm256_loadu_si256(wp + p)));
         }
-        return _mm256_and_si256(_mm256_srl_epi32(a, shift), low8);
+        return _mm256_and_si256(_mm256_srl_epi32(a, shift), low);
     };
     for (const AreaTaps::PairBlock& blk : t.pair_block) {
         const __m256i* sel = sets + size_t(blk.pattern) * size_t(2 * K * P);
-        const __m256i lo = half(blk.base, sel, w);
-        const __m256i hi = half(blk.base + 2, sel + K * P, w + P);
+        const __m256i lo = half(blk.base, sel, w, bias);
+        const __m256i hi = half(blk.base + 2, sel + K * P, w + P, bias + 1);
         w += 2 * P;
-        // Words: lane 0 holds values 0-3 | 8-11, lane 1 4-7 | 12-15; bytes follow.
-        const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(lo, hi), _mm256_setzero_si256());
-        const __m256i out = _mm256_permutevar8x32_epi32(bytes, order);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + blk.start), _mm256_castsi256_si128(out));
+        bias += 2;
+        // Words: lane 0 holds values 0-3 | 8-11, lane 1 4-7 | 12-15.
+        const __m256i words = _mm256_packus_epi32(lo, hi);
+        if (SB == 1) {
+            const __m256i out = _mm256_permutevar8x32_epi32(_mm256_packus_epi16(words, _mm256_setzero_si256()), order);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + blk.start), _mm256_castsi256_si128(out));
+        } else {
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 2 * size_t(blk.start)), _mm256_permute4x64_epi64(words, 0xD8));
+        }
     }
 }
 
-template <int K>
+template <int SB, int K>
 void pairBlocksOf(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaTaps& t) {
     switch (t.pairs) {
-        case 1: pairBlocks<K, 1>(src, dst, r, t); break;
-        case 2: pairBlocks<K, 2>(src, dst, r, t); break;
-        case 3: pairBlocks<K, 3>(src, dst, r, t); break;
-        case 4: pairBlocks<K, 4>(src, dst, r, t); break;
-        case 5: pairBlocks<K, 5>(src, dst, r, t); break;
-        default: pairBlocks<K, 0>(src, dst, r, t); break;
+        case 1: pairBlocks<SB, K, 1>(src, dst, r, t); break;
+        case 2: pairBlocks<SB, K, 2>(src, dst, r, t); break;
+        case 3: pairBlocks<SB, K, 3>(src, dst, r, t); break;
+        case 4: pairBlocks<SB, K, 4>(src, dst, r, t); break;
+        case 5: pairBlocks<SB, K, 5>(src, dst, r, t); break;
+        default: pairBlocks<SB, K, 0>(src, dst, r, t); break;
     }
 }
 
-bool pairRow(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaTaps& t) {
+// The row through the shuffle plan, false when it has none. The plan was
+// built for samples of SB bytes.
+template <int SB>
+bool pairRow(const void* src, void* dst, const AreaRowX& r, const AreaTaps& t) {
+    const auto* s = static_cast<const uint8_t*>(src);
+    auto* d = static_cast<uint8_t*>(dst);
     switch (t.pair_blocks ? t.chunks : 0) {
-        case 1: pairBlocksOf<1>(src, dst, r, t); return true;
-        case 2: pairBlocksOf<2>(src, dst, r, t); return true;
-        case 3: pairBlocksOf<3>(src, dst, r, t); return true;
-        case 4: pairBlocksOf<4>(src, dst, r, t); return true;
-        case 5: pairBlocksOf<5>(src, dst, r, t); return true;
-        case 6: pairBlocksOf<6>(src, dst, r, t); return true;
+        case 1: pairBlocksOf<SB, 1>(s, d, r, t); return true;
+        case 2: pairBlocksOf<SB, 2>(s, d, r, t); return true;
+        case 3: pairBlocksOf<SB, 3>(s, d, r, t); return true;
+        case 4: pairBlocksOf<SB, 4>(s, d, r, t); return true;
+        case 5: pairBlocksOf<SB, 5>(s, d, r, t); return true;
+        case 6: pairBlocksOf<SB, 6>(s, d, r, t); return true;
         default: return false;
     }
 }
@@ -490,7 +525,7 @@ void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const Area
     if (o == 0 && taps.uniform_q && uint32_t(row.weight_max) * uint32_t(taps.uniform_q) <= (1u << row.shift)) {
         if (const BoxFn f = boxKernel(row.channels, taps.uniform_q)) o = f(src, dst, row);
     }
-    if (o == 0 && pairRow(src, dst, row, taps)) return;
+    if (o == 0 && pairRow<1>(src, dst, row, taps)) return;
     if (o % 8 == 0 && taps.taps > 0) o = gatherTaps(src, dst, row, taps, o);
     ref::areaRowX8(src, dst, row, taps, o);
 }
@@ -518,6 +553,98 @@ void areaRowsY8(const AreaRowsY& r, uint8_t* dst, uint32_t* acc, int x_begin) {
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), p);
     }
     ref::areaRowsY8(r, dst, acc, x);
+}
+
+void areaRowX16(const uint16_t* src, uint16_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin) {
+    if (o_begin == 0 && pairRow<2>(src, dst, row, taps)) return;
+    ref::areaRowX16(src, dst, row, taps, o_begin);
+}
+
+// Eight values per step: one masked 32-bit gather per tap (taps without a
+// weight load nothing), 64-bit products of the even and the odd lanes.
+void areaRowX32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const AreaTaps& t, int o_begin) {
+    int o = o_begin;
+    if (o % 8 == 0 && t.taps > 0) {
+        const __m128i shift = _mm_cvtsi32_si128(row.shift);
+        const __m256i step = _mm256_set1_epi32(row.channels);
+        const __m256i zero = _mm256_setzero_si256();
+        const int* base = reinterpret_cast<const int*>(src);
+        for (; o + 8 <= row.dst_len; o += 8) {
+            __m256i idx = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&t.offset[size_t(o)]));
+            const int32_t* w = &t.weights[size_t(o) * size_t(t.taps)];
+            __m256i even = zero, odd = zero;
+            for (int k = 0; k < t.taps; ++k, w += 8, idx = _mm256_add_epi32(idx, step)) {
+                const __m256i wk = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w));
+                const __m256i used = _mm256_cmpgt_epi32(wk, zero);
+                const __m256i s = _mm256_mask_i32gather_epi32(zero, base, idx, used, 4);
+                even = _mm256_add_epi64(even, _mm256_mul_epu32(s, wk));
+                odd = _mm256_add_epi64(odd, _mm256_mul_epu32(_mm256_srli_epi64(s, 32), _mm256_srli_epi64(wk, 32)));
+            }
+            const __m256i lo = _mm256_srl_epi64(even, shift), hi = _mm256_slli_epi64(_mm256_srl_epi64(odd, shift), 32);
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + o), _mm256_blend_epi32(lo, hi, 0xAA));
+        }
+    }
+    ref::areaRowX32(src, dst, row, t, o);
+}
+
+// 16 values per step: rows in pairs as interleaved words s - 32768, one
+// multiply-add per pair with the two weights (a weight of 32768 or more is
+// split over a row paired with itself); 32768 x the weights is added back
+// at the end. Exact while 65535 x the weight sum stays below 2^32.
+void areaRowsY16(const AreaRowsY& r, uint16_t* dst, uint64_t* acc, int x_begin) {
+    uint64_t total = 0;
+    for (int k = 0; k < r.count; ++k) total += r.weights[k];
+    int x = x_begin;
+    if (total <= 65536) {
+        const __m128i shift = _mm_cvtsi32_si128(r.shift);
+        const __m256i flip = _mm256_set1_epi16(-32768), low16 = _mm256_set1_epi32(0xFFFF);
+        const __m256i bias = _mm256_set1_epi32(int32_t(uint32_t(total << 15)));
+        auto pair = [&](const uint8_t* a, const uint8_t* b, uint32_t wa, uint32_t wb, __m256i acc2[2]) {
+            const __m256i w = _mm256_set1_epi32(int32_t(wa | (wb << 16)));
+            const __m256i va = _mm256_xor_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(a)), flip);
+            const __m256i vb = _mm256_xor_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(b)), flip);
+            acc2[0] = _mm256_add_epi32(acc2[0], _mm256_madd_epi16(_mm256_unpacklo_epi16(va, vb), w));
+            acc2[1] = _mm256_add_epi32(acc2[1], _mm256_madd_epi16(_mm256_unpackhi_epi16(va, vb), w));
+        };
+        for (; x + 16 <= r.len; x += 16) {
+            __m256i a[2] = {bias, bias};
+            const size_t off = size_t(x) * 2;
+            int k = 0;
+            for (; k + 1 < r.count; k += 2) {
+                const uint32_t w0 = r.weights[k], w1 = r.weights[k + 1];
+                if (w0 < 32768 && w1 < 32768) {
+                    pair(r.rows[k] + off, r.rows[k + 1] + off, w0, w1, a);
+                } else {
+                    pair(r.rows[k] + off, r.rows[k] + off, w0 / 2, w0 - w0 / 2, a);
+                    pair(r.rows[k + 1] + off, r.rows[k + 1] + off, w1 / 2, w1 - w1 / 2, a);
+                }
+            }
+            if (k < r.count) pair(r.rows[k] + off, r.rows[k] + off, r.weights[k] / 2, r.weights[k] - r.weights[k] / 2, a);
+            // Words of values 0-3 | 8-11 and 4-7 | 12-15: the pack restores the order.
+            const __m256i lo = _mm256_and_si256(_mm256_srl_epi32(a[0], shift), low16);
+            const __m256i hi = _mm256_and_si256(_mm256_srl_epi32(a[1], shift), low16);
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), _mm256_packus_epi32(lo, hi));
+        }
+    }
+    ref::areaRowsY16(r, dst, acc, x);
+}
+
+// Eight values per step in 64-bit sums of the even and the odd lanes.
+void areaRowsY32(const AreaRowsY& r, uint32_t* dst, uint64_t* acc, int x_begin) {
+    const __m128i shift = _mm_cvtsi32_si128(r.shift);
+    int x = x_begin;
+    for (; x + 8 <= r.len; x += 8) {
+        __m256i even = _mm256_setzero_si256(), odd = _mm256_setzero_si256();
+        for (int k = 0; k < r.count; ++k) {
+            const __m256i w = _mm256_set1_epi64x(int64_t(r.weights[k]));
+            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(r.rows[k] + size_t(x) * 4));
+            even = _mm256_add_epi64(even, _mm256_mul_epu32(v, w));
+            odd = _mm256_add_epi64(odd, _mm256_mul_epu32(_mm256_srli_epi64(v, 32), w));
+        }
+        const __m256i lo = _mm256_srl_epi64(even, shift), hi = _mm256_slli_epi64(_mm256_srl_epi64(odd, shift), 32);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), _mm256_blend_epi32(lo, hi, 0xAA));
+    }
+    ref::areaRowsY32(r, dst, acc, x);
 }
 
 }  // namespace avx2

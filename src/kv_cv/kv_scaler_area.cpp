@@ -107,6 +107,8 @@ private:
     AreaTaps _taps[3];
     int _row_elements[3] = {0, 0, 0};
     void (*_kernel8)(const uint8_t*, uint8_t*, const AreaRowX&, const AreaTaps&, int) = impl::ref::areaRowX8;
+    void (*_kernel16)(const uint16_t*, uint16_t*, const AreaRowX&, const AreaTaps&, int) = impl::ref::areaRowX16;
+    void (*_kernel32)(const uint32_t*, uint32_t*, const AreaRowX&, const AreaTaps&, int) = impl::ref::areaRowX32;
 };
 
 void ScalerAreaX::Impl::_reuse(const FrameLayout& src, int dst_width, ScalerPrecision precision) {
@@ -135,11 +137,14 @@ void ScalerAreaX::Impl::_reuse(const FrameLayout& src, int dst_width, ScalerPrec
             r.weight_max = weight_max;
             r.shift = shift;
             r.reduce = dst_width < src_width;
-            if (rebuild && f.sample_bytes == 1 && dst_width != src_width) impl::buildAreaTaps(r, _taps[p]);
+            if (rebuild && dst_width != src_width) impl::buildAreaTaps(r, _taps[p], f.sample_bytes);
         }
         _taps_layout = src;
     }
-    _kernel8 = impl::activeIsa() >= impl::Isa::kAvx2 ? impl::avx2::areaRowX8 : impl::ref::areaRowX8;
+    const bool avx2 = impl::activeIsa() >= impl::Isa::kAvx2;
+    _kernel8 = avx2 ? impl::avx2::areaRowX8 : impl::ref::areaRowX8;
+    _kernel16 = avx2 ? impl::avx2::areaRowX16 : impl::ref::areaRowX16;
+    _kernel32 = avx2 ? impl::avx2::areaRowX32 : impl::ref::areaRowX32;
 }
 
 void ScalerAreaX::Impl::reuse(const Frame& src_frame, int dst_width, ScalerPrecision precision) {
@@ -175,12 +180,12 @@ void ScalerAreaX::Impl::produce(RowData& dst) {
         switch (_sample_bytes) {
             case 1: _kernel8(src.plane[p], dst.plane[p], r, _taps[p], 0); break;
             case 2:
-                impl::ref::areaRowX16(reinterpret_cast<const uint16_t*>(src.plane[p]),
-                                      reinterpret_cast<uint16_t*>(dst.plane[p]), r, 0);
+                _kernel16(reinterpret_cast<const uint16_t*>(src.plane[p]), reinterpret_cast<uint16_t*>(dst.plane[p]), r,
+                          _taps[p], 0);
                 break;
             default:
-                impl::ref::areaRowX32(reinterpret_cast<const uint32_t*>(src.plane[p]),
-                                      reinterpret_cast<uint32_t*>(dst.plane[p]), r, 0);
+                _kernel32(reinterpret_cast<const uint32_t*>(src.plane[p]), reinterpret_cast<uint32_t*>(dst.plane[p]), r,
+                          _taps[p], 0);
                 break;
         }
         zeroTail(dst.plane[p], r.dst_len, _row_elements[p], _sample_bytes);
@@ -230,6 +235,8 @@ private:
     std::vector<uint32_t> _weights;
     int _rows_needed = 0;
     void (*_kernel8)(const AreaRowsY&, uint8_t*, uint32_t*, int) = impl::ref::areaRowsY8;
+    void (*_kernel16)(const AreaRowsY&, uint16_t*, uint64_t*, int) = impl::ref::areaRowsY16;
+    void (*_kernel32)(const AreaRowsY&, uint32_t*, uint64_t*, int) = impl::ref::areaRowsY32;
 };
 
 template <typename Source>
@@ -256,7 +263,10 @@ void ScalerAreaY::Impl::reuse(Source& src, const FrameLayout& layout_in, int dst
     const int window_size = std::min(_rows_needed * (subsampled ? 2 : 1), src_height);
     window.reuse(src, window_size);
     current = 0;
-    _kernel8 = impl::activeIsa() >= impl::Isa::kAvx2 ? impl::avx2::areaRowsY8 : impl::ref::areaRowsY8;
+    const bool avx2 = impl::activeIsa() >= impl::Isa::kAvx2;
+    _kernel8 = avx2 ? impl::avx2::areaRowsY8 : impl::ref::areaRowsY8;
+    _kernel16 = avx2 ? impl::avx2::areaRowsY16 : impl::ref::areaRowsY16;
+    _kernel32 = avx2 ? impl::avx2::areaRowsY32 : impl::ref::areaRowsY32;
 }
 
 void ScalerAreaY::Impl::produce(RowData& dst) {
@@ -293,12 +303,8 @@ void ScalerAreaY::Impl::produce(RowData& dst) {
         uint8_t* acc = accumulator.data();
         switch (f.sample_bytes) {
             case 1: _kernel8(rows, dst.plane[p], reinterpret_cast<uint32_t*>(acc), 0); break;
-            case 2:
-                impl::ref::areaRowsY16(rows, reinterpret_cast<uint16_t*>(dst.plane[p]), reinterpret_cast<uint64_t*>(acc));
-                break;
-            default:
-                impl::ref::areaRowsY32(rows, reinterpret_cast<uint32_t*>(dst.plane[p]), reinterpret_cast<uint64_t*>(acc));
-                break;
+            case 2: _kernel16(rows, reinterpret_cast<uint16_t*>(dst.plane[p]), reinterpret_cast<uint64_t*>(acc), 0); break;
+            default: _kernel32(rows, reinterpret_cast<uint32_t*>(dst.plane[p]), reinterpret_cast<uint64_t*>(acc), 0); break;
         }
     }
 }
