@@ -434,8 +434,26 @@ inline void maddRows(const uint8_t* a, const uint8_t* b, uint32_t wa, uint32_t w
     acc[3] = _mm256_add_epi32(acc[3], _mm256_madd_epi16(_mm256_unpackhi_epi8(hi, zero), w));
 }
 
-// One row whose weight may reach 65534: the row paired with itself, weight split in two.
-inline void maddRow(const uint8_t* a, uint32_t w, __m256i acc[4]) { maddRows(a, a, w / 2, w - w / 2, acc); }
+// Calls madd(a, b, wa, wb) for the rows of `r` (from byte `offset`) in pairs
+// with both weights below 32768: a row whose weight reaches 32768, and a
+// last row without a partner, is paired with itself, its weight split in two.
+template <typename Madd>
+inline void rowPairs(const AreaRowsY& r, size_t offset, Madd madd) {
+    auto alone = [&](const uint8_t* a, uint32_t w) { madd(a, a, w / 2, w - w / 2); };
+    int k = 0;
+    for (; k + 1 < r.count; k += 2) {
+        const uint32_t w0 = r.weights[k], w1 = r.weights[k + 1];
+        const uint8_t* a = r.rows[k] + offset;
+        const uint8_t* b = r.rows[k + 1] + offset;
+        if (w0 < 32768 && w1 < 32768) {
+            madd(a, b, w0, w1);
+        } else {
+            alone(a, w0);
+            alone(b, w1);
+        }
+    }
+    if (k < r.count) alone(r.rows[k] + offset, r.weights[k]);
+}
 
 // Every value of the row through the shuffle plan: per block and half, per
 // tap pair, OR the words selected from each chunk, multiply-add them with the
@@ -537,17 +555,9 @@ void areaRowsY8(const AreaRowsY& r, uint8_t* dst, uint32_t* acc, int x_begin) {
     for (; x + 32 <= r.len; x += 32) {
         __m256i a[4] = {_mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256(),
                         _mm256_setzero_si256()};
-        int k = 0;
-        for (; k + 1 < r.count; k += 2) {
-            const uint32_t w0 = r.weights[k], w1 = r.weights[k + 1];
-            if (w0 < 32768 && w1 < 32768) {
-                maddRows(r.rows[k] + x, r.rows[k + 1] + x, w0, w1, a);
-            } else {
-                maddRow(r.rows[k] + x, w0, a);
-                maddRow(r.rows[k + 1] + x, w1, a);
-            }
-        }
-        if (k < r.count) maddRow(r.rows[k] + x, r.weights[k], a);
+        rowPairs(r, size_t(x), [&](const uint8_t* ra, const uint8_t* rb, uint32_t wa, uint32_t wb) {
+            maddRows(ra, rb, wa, wb, a);
+        });
         for (auto& v : a) v = _mm256_and_si256(_mm256_srl_epi32(v, shift), low8);
         const __m256i p = _mm256_packus_epi16(_mm256_packus_epi32(a[0], a[1]), _mm256_packus_epi32(a[2], a[3]));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), p);
@@ -558,6 +568,12 @@ void areaRowsY8(const AreaRowsY& r, uint8_t* dst, uint32_t* acc, int x_begin) {
 void areaRowX16(const uint16_t* src, uint16_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin) {
     if (o_begin == 0 && pairRow<2>(src, dst, row, taps)) return;
     ref::areaRowX16(src, dst, row, taps, o_begin);
+}
+
+// The low 32 bits of the 64-bit sums of the even and the odd lanes, shifted
+// right, back in their eight lanes.
+inline __m256i shiftedLanes(__m256i even, __m256i odd, __m128i shift) {
+    return _mm256_blend_epi32(_mm256_srl_epi64(even, shift), _mm256_slli_epi64(_mm256_srl_epi64(odd, shift), 32), 0xAA);
 }
 
 // Eight values per step: one masked 32-bit gather per tap (taps without a
@@ -580,8 +596,7 @@ void areaRowX32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const A
                 even = _mm256_add_epi64(even, _mm256_mul_epu32(s, wk));
                 odd = _mm256_add_epi64(odd, _mm256_mul_epu32(_mm256_srli_epi64(s, 32), _mm256_srli_epi64(wk, 32)));
             }
-            const __m256i lo = _mm256_srl_epi64(even, shift), hi = _mm256_slli_epi64(_mm256_srl_epi64(odd, shift), 32);
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + o), _mm256_blend_epi32(lo, hi, 0xAA));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + o), shiftedLanes(even, odd, shift));
         }
     }
     ref::areaRowX32(src, dst, row, t, o);
@@ -608,18 +623,9 @@ void areaRowsY16(const AreaRowsY& r, uint16_t* dst, uint64_t* acc, int x_begin) 
         };
         for (; x + 16 <= r.len; x += 16) {
             __m256i a[2] = {bias, bias};
-            const size_t off = size_t(x) * 2;
-            int k = 0;
-            for (; k + 1 < r.count; k += 2) {
-                const uint32_t w0 = r.weights[k], w1 = r.weights[k + 1];
-                if (w0 < 32768 && w1 < 32768) {
-                    pair(r.rows[k] + off, r.rows[k + 1] + off, w0, w1, a);
-                } else {
-                    pair(r.rows[k] + off, r.rows[k] + off, w0 / 2, w0 - w0 / 2, a);
-                    pair(r.rows[k + 1] + off, r.rows[k + 1] + off, w1 / 2, w1 - w1 / 2, a);
-                }
-            }
-            if (k < r.count) pair(r.rows[k] + off, r.rows[k] + off, r.weights[k] / 2, r.weights[k] - r.weights[k] / 2, a);
+            rowPairs(r, size_t(x) * 2, [&](const uint8_t* ra, const uint8_t* rb, uint32_t wa, uint32_t wb) {
+                pair(ra, rb, wa, wb, a);
+            });
             // Words of values 0-3 | 8-11 and 4-7 | 12-15: the pack restores the order.
             const __m256i lo = _mm256_and_si256(_mm256_srl_epi32(a[0], shift), low16);
             const __m256i hi = _mm256_and_si256(_mm256_srl_epi32(a[1], shift), low16);
@@ -641,8 +647,7 @@ void areaRowsY32(const AreaRowsY& r, uint32_t* dst, uint64_t* acc, int x_begin) 
             even = _mm256_add_epi64(even, _mm256_mul_epu32(v, w));
             odd = _mm256_add_epi64(odd, _mm256_mul_epu32(_mm256_srli_epi64(v, 32), w));
         }
-        const __m256i lo = _mm256_srl_epi64(even, shift), hi = _mm256_slli_epi64(_mm256_srl_epi64(odd, shift), 32);
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), _mm256_blend_epi32(lo, hi, 0xAA));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), shiftedLanes(even, odd, shift));
     }
     ref::areaRowsY32(r, dst, acc, x);
 }
