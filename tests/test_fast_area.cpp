@@ -1,6 +1,7 @@
-// The fast backend's area reduction at ratios that are not whole numbers
-// (kv_impl_fast_area, OpenCV's INTER_AREA arithmetic): OpenCV's tables on
-// worked numbers, the AVX2 row kernels against the scalar reference bit for
+// The fast backend's area resize where OpenCV computes it in its own ways:
+// reductions at ratios that are not whole numbers (kv_impl_fast_area) and
+// sizes with an enlarging axis (kv_impl_fast_area_up). OpenCV's tables on
+// worked numbers, the AVX2 row kernels against the scalar references bit for
 // bit over odd and full-HD widths and every channel count, and whole planes,
 // bytes and floats (signed zeros, infinities and NaNs included), against
 // cv::resize itself over many sizes, directly and through CvBackendSimd.
@@ -17,6 +18,7 @@
 #include "kv_cv/kv_cv_backend_simd.h"
 #include "kv_cv/kv_impl_fast_adapter.h"
 #include "kv_cv/kv_impl_fast_area.h"
+#include "kv_cv/kv_impl_fast_area_up.h"
 #include "test_util.h"
 
 using namespace kv;
@@ -180,19 +182,23 @@ TEST(CvAreaPlanes, BackendAreaMatchesOpenCvPerPlaneAndAllocatesNothingOnceWarm) 
         Frame dst(f, Size(64, 38));
         CvBackendSimd b;
         b.setIntProperty(ICvBackend::kPropertyResizeMethod, ResizeArea);
-        b.resize(src, dst, Rect(), Rect());
-        for (uint32_t p = 0; p < src.layout().planes; ++p) {
-            const FramePlane& sp = src.layout().plane[p];
-            const FramePlane& dp = dst.layout().plane[p];
-            const size_t row = size_t(dp.row_bytes);
-            std::vector<uint8_t> want(row * size_t(dp.size.height));
-            fast::resizePlaneWithLibrary(src.planeCpuData(p), sp.step, sp.size.width, sp.size.height, want.data(), row,
-                                         dp.size.width, dp.size.height, sp.channels, sp.bits_per_channel == 32,
-                                         fast::Interpolation::kArea);
-            for (int y = 0; y < dp.size.height; ++y)
-                ASSERT_EQ(0, std::memcmp(dst.rowCpuData(p, y), want.data() + size_t(y) * row, row))
-                    << toString(f) << " plane " << p << " row " << y;
+        for (Size to : {Size(64, 38), Size(226, 142), Size(64, 140)}) {  // reduced, enlarged, both
+            dst.reuse(f, to, DeviceContext::cpuContext());
+            b.resize(src, dst, Rect(), Rect());
+            for (uint32_t p = 0; p < src.layout().planes; ++p) {
+                const FramePlane& sp = src.layout().plane[p];
+                const FramePlane& dp = dst.layout().plane[p];
+                const size_t row = size_t(dp.row_bytes);
+                std::vector<uint8_t> want(row * size_t(dp.size.height));
+                fast::resizePlaneWithLibrary(src.planeCpuData(p), sp.step, sp.size.width, sp.size.height, want.data(),
+                                             row, dp.size.width, dp.size.height, sp.channels, sp.bits_per_channel == 32,
+                                             fast::Interpolation::kArea);
+                for (int y = 0; y < dp.size.height; ++y)
+                    ASSERT_EQ(0, std::memcmp(dst.rowCpuData(p, y), want.data() + size_t(y) * row, row))
+                        << toString(f) << " " << to.width << "x" << to.height << " plane " << p << " row " << y;
+            }
         }
+        dst.reuse(f, Size(64, 38), DeviceContext::cpuContext());
         // Sizes that alternate rebuild the tables each time, in the memory they have.
         Frame other(f, Size(50, 61));
         b.resize(src, other, Rect(), Rect());
@@ -201,5 +207,57 @@ TEST(CvAreaPlanes, BackendAreaMatchesOpenCvPerPlaneAndAllocatesNothingOnceWarm) 
         b.resize(src, other, Rect(), Rect());
         b.resize(src, dst, Rect(), Rect());
         EXPECT_EQ(kvtest::allocationCount(), before) << toString(f);
+    }
+}
+
+// ---- enlarging axes: OpenCV's linear emulation --------------------------------------
+
+TEST(CvAreaUpKernels, VectorMatchesReference) {
+    if (impl::detectedIsa() < Isa::kAvx2) GTEST_SKIP() << "no AVX2";
+    std::vector<KernelCase> cases;
+    for (int d = 1; d <= 67; ++d)
+        for (int s : {std::max(1, d / 2), std::max(1, d * 2 / 3), d - 1 > 0 ? d - 1 : 1, std::max(1, d / 5)})
+            cases.push_back({s, d});
+    for (int s : {1920, 1921}) cases.push_back({s, 2880}), cases.push_back({s, 1923});
+    for (int channels = 1; channels <= 4; ++channels)
+        for (const KernelCase& c : cases) {
+            const Plane src = randomPlane(c.src, 5, channels, true, uint32_t(c.src * 13 + c.dst + channels));
+            impl::CvLinearPlan plan;
+            impl::buildCvLinearPlan(plan, c.src, 5, c.dst, 9, channels);
+            const size_t step = size_t(c.dst * channels) + 3;
+            std::vector<uint8_t> a(step * 9, 0xA5), b(step * 9, 0xA5);
+            std::vector<int32_t> rows(size_t(plan.values) * 2);
+            impl::cvLinearResize(plan, src.data.data(), src.step, a.data(), step, rows.data(), Isa::kScalar);
+            impl::cvLinearResize(plan, src.data.data(), src.step, b.data(), step, rows.data(), Isa::kAvx2);
+            ASSERT_EQ(a, b) << channels << " channels " << c.src << " -> " << c.dst;
+        }
+}
+
+// Enlargements, one axis enlarging and the other reducing or equal, odd sizes,
+// one-pixel sources.
+const std::pair<Size, Size> kUpCases[] = {
+    {{1920, 1080}, {2880, 1620}}, {{1921, 1081}, {2881, 1620}}, {{640, 480}, {1920, 1080}}, {{37, 23}, {80, 50}},
+    {{37, 23}, {80, 11}},         {{37, 23}, {12, 50}},         {{37, 23}, {37, 50}},       {{5, 3}, {7, 4}},
+    {{1, 1}, {6, 5}},             {{2, 2}, {3, 9}},             {{100, 1}, {151, 2}},       {{3, 100}, {7, 301}},
+};
+
+TEST(CvAreaUpPlanes, MatchOpenCvBitForBit) {
+    for (Isa isa : kvtest::availableIsas()) {
+        kvtest::IsaCap cap(isa);
+        for (int channels = 1; channels <= 4; ++channels)
+            for (bool bytes : {true, false})  // floats: OpenCV's own call
+                for (const auto& [from, to] : kUpCases) {
+                    if (from.width > 1000 && (channels == 2 || isa == Isa::kScalar || !bytes)) continue;
+                    ASSERT_TRUE(impl::cvAreaEnlarges(from.width, from.height, to.width, to.height));
+                    const Plane src = randomPlane(from.width, from.height, channels, bytes,
+                                                  uint32_t(from.width + to.height * 5 + channels), true);
+                    fast::PlaneResizeCache cache;
+                    const auto ours = resized(src, to.width, to.height, false, &cache);
+                    const auto cv = resized(src, to.width, to.height, true);
+                    const size_t step = ours.size() / size_t(to.height);
+                    ASSERT_TRUE(sameRows(ours, cv, step, size_t(to.width * channels) * (bytes ? 1 : 4), to.height))
+                        << impl::isaName(isa) << " " << channels << " channels " << (bytes ? "bytes " : "floats ")
+                        << from.width << "x" << from.height << " -> " << to.width << "x" << to.height;
+                }
     }
 }

@@ -415,6 +415,14 @@ void resizePlane(const void* src, size_t src_step, int src_width, int src_height
                      activeIsa());
         return;
     }
+    if (method == Interpolation::kArea && !is_float && channels >= 1 && channels <= 4 &&
+        cvAreaEnlarges(src_width, src_height, dst_width, dst_height)) {
+        buildCvLinearPlan(c.area.up, src_width, src_height, dst_width, dst_height, channels);
+        c.area.up_rows.resize(size_t(c.area.up.values) * 2);
+        cvLinearResize(c.area.up, static_cast<const uint8_t*>(src), src_step, static_cast<uint8_t*>(dst), dst_step,
+                       c.area.up_rows.data(), activeIsa());
+        return;
+    }
     if (method == Interpolation::kBilinear && !is_float && channels >= 1 && channels <= 4 &&
         bilinearRange(src_width) && bilinearRange(src_height) && bilinearRange(dst_width) &&
         bilinearRange(dst_height)) {

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "kv_cv/kv_impl_fast_area.h"
+#include "kv_cv/kv_impl_fast_area_up.h"
 #include "kv_cv/kv_impl_scale_rows.h"
 
 namespace kv {
@@ -109,6 +110,9 @@ struct AreaPlaneCache {
     CvAreaPlan plan;
     std::vector<float> rows;
     std::vector<const float*> pointers;
+    // Where an axis enlarges: OpenCV's linear emulation and its two rows.
+    CvLinearPlan up;
+    std::vector<int32_t> up_rows;
 };
 
 // One plane's nearest-neighbour column gather (pixels of `pixel` bytes).
@@ -137,7 +141,8 @@ struct ResizeCache {
 // Area reductions of byte planes by integer factors (source = destination
 // times fx by fy) run the module's own box kernel, which gives OpenCV's
 // INTER_AREA bytes; the other reductions on both axes that OpenCV decimates
-// run kv_impl_fast_area, OpenCV's arithmetic, for bytes and floats. Bilinear
+// run kv_impl_fast_area, OpenCV's arithmetic, for bytes and floats, and byte
+// planes with an enlarging axis kv_impl_fast_area_up, OpenCV's too. Bilinear
 // byte planes run resizeBilinearBytes when every side is below 32768 (the
 // 16.16 tables' range). Tables live in `cache` (or local ones when null); the
 // rest goes to OpenCV.
