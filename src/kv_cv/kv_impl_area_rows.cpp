@@ -10,6 +10,7 @@
 
 #include "kv_cv/kv_impl_cpu.h"
 #include "kv_cv/kv_impl_scale_area.h"
+#include "kv_cv/kv_impl_scale_rows.h"
 #include "kv_cv/kv_impl_unaligned.h"
 
 namespace kv {
@@ -507,33 +508,16 @@ void pairBlocks(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaT
     }
 }
 
-template <int SB, int K>
-void pairBlocksOf(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaTaps& t) {
-    switch (t.pairs) {
-        case 1: pairBlocks<SB, K, 1>(src, dst, r, t); break;
-        case 2: pairBlocks<SB, K, 2>(src, dst, r, t); break;
-        case 3: pairBlocks<SB, K, 3>(src, dst, r, t); break;
-        case 4: pairBlocks<SB, K, 4>(src, dst, r, t); break;
-        case 5: pairBlocks<SB, K, 5>(src, dst, r, t); break;
-        default: pairBlocks<SB, K, 0>(src, dst, r, t); break;
-    }
-}
-
 // The row through the shuffle plan, false when it has none. The plan was
-// built for samples of SB bytes.
+// built for samples of SB bytes; pair counts up to 5 are unrolled.
 template <int SB>
 bool pairRow(const void* src, void* dst, const AreaRowX& r, const AreaTaps& t) {
     const auto* s = static_cast<const uint8_t*>(src);
     auto* d = static_cast<uint8_t*>(dst);
-    switch (t.pair_blocks ? t.chunks : 0) {
-        case 1: pairBlocksOf<SB, 1>(s, d, r, t); return true;
-        case 2: pairBlocksOf<SB, 2>(s, d, r, t); return true;
-        case 3: pairBlocksOf<SB, 3>(s, d, r, t); return true;
-        case 4: pairBlocksOf<SB, 4>(s, d, r, t); return true;
-        case 5: pairBlocksOf<SB, 5>(s, d, r, t); return true;
-        case 6: pairBlocksOf<SB, 6>(s, d, r, t); return true;
-        default: return false;
-    }
+    return t.pair_blocks && dispatchCount<kMaxPairChunks>(t.chunks, [&](auto k) {
+               if (!dispatchCount<5>(t.pairs, [&](auto p) { pairBlocks<SB, k(), p()>(s, d, r, t); }))
+                   pairBlocks<SB, k(), 0>(s, d, r, t);
+           });
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "kv_cv/kv_impl_scale_rows.h"
 #include "kv_cv/kv_impl_unaligned.h"
 
 namespace kv {
@@ -254,16 +255,9 @@ inline __m256 sumY(const CvAreaRowsY& r, int o) {
 }  // namespace
 
 void cvAreaRowX8(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
-    switch (p.blocks ? p.chunks : 0) {
-        case 1: rowBlocks8<1>(p, src, buf); break;
-        case 2: rowBlocks8<2>(p, src, buf); break;
-        case 3: rowBlocks8<3>(p, src, buf); break;
-        case 4: rowBlocks8<4>(p, src, buf); break;
-        case 5: rowBlocks8<5>(p, src, buf); break;
-        case 6: rowBlocks8<6>(p, src, buf); break;
-        case 7: rowBlocks8<7>(p, src, buf); break;
-        case 8: rowBlocks8<8>(p, src, buf); break;
-        default: refRowX(p, src, buf, 0); return;
+    if (!p.blocks || !dispatchCount<8>(p.chunks, [&](auto k) { rowBlocks8<k()>(p, src, buf); })) {
+        refRowX(p, src, buf, 0);
+        return;
     }
     refRowX(p, src, buf, 8 * p.blocks);
 }

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "kv_cv/kv_impl_scale_rows.h"
 #include "kv_cv/kv_impl_unaligned.h"
 
 namespace kv {
@@ -165,12 +166,9 @@ void rowX8Blocks(const CvLinearPlan& p, const uint8_t* src, int32_t* row) {
 }  // namespace
 
 void cvLinearRowX8(const CvLinearPlan& p, const uint8_t* src, int32_t* row) {
-    switch (p.blocks ? p.chunks : 0) {
-        case 1: rowX8Blocks<1>(p, src, row); break;
-        case 2: rowX8Blocks<2>(p, src, row); break;
-        case 3: rowX8Blocks<3>(p, src, row); break;
-        case 4: rowX8Blocks<4>(p, src, row); break;
-        default: refX8(p, src, row, 0); return;
+    if (!p.blocks || !dispatchCount<4>(p.chunks, [&](auto k) { rowX8Blocks<k()>(p, src, row); })) {
+        refX8(p, src, row, 0);
+        return;
     }
     refX8(p, src, row, 8 * p.blocks);
 }

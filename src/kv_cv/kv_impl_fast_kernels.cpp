@@ -541,15 +541,10 @@ void areaBox(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step,
             return;
         }
     }
-    if (fx == 2 && fy == 2) {
-        switch (channels) {
-            case 1: areaBox2x2<1>(src, src_step, dst, dst_step, dst_width, dst_height); return;
-            case 2: areaBox2x2<2>(src, src_step, dst, dst_step, dst_width, dst_height); return;
-            case 3: areaBox2x2<3>(src, src_step, dst, dst_step, dst_width, dst_height); return;
-            case 4: areaBox2x2<4>(src, src_step, dst, dst_step, dst_width, dst_height); return;
-            default: break;
-        }
-    }
+    if (fx == 2 && fy == 2 && dispatchCount<4>(channels, [&](auto c) {
+            areaBox2x2<c()>(src, src_step, dst, dst_step, dst_width, dst_height);
+        }))
+        return;
     constexpr int kStrip = 2048;  // 16-bit column sums per strip
     const int block = fx * channels;
     if (fx * fy > 257 || block * 8 > kStrip) {

@@ -14,6 +14,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "kv_cv/kv_impl_cpu.h"
@@ -104,6 +106,22 @@ struct LerpPlan {
 // vector plan.
 void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, int channels, int n, int src_elems,
                    bool bytes8);
+
+// Runs f(std::integral_constant<int, K>()) for the K in [1, N] equal to k,
+// so that a kernel templated on a small count (loads per block, taps) is
+// chosen once per row; false, running nothing, for any other k.
+template <int N, typename F>
+inline bool dispatchCount(int k, F&& f) {
+    if constexpr (N >= 1) {
+        if (k == N) {
+            f(std::integral_constant<int, N>());
+            return true;
+        }
+        return dispatchCount<N - 1>(k, std::forward<F>(f));
+    } else {
+        return false;
+    }
+}
 
 // Byte selectors (for a 32-byte shuffle) that put the two pixels of each
 // pixel pair side by side, channel by channel (a0 b0 a1 b1 ...), so that one

@@ -408,40 +408,16 @@ void halfRow(const LerpPlan& plan, const uint8_t* src, uint8_t* dst, int src_ele
 }
 
 void lerpRow8(const LerpPlan& plan, const uint8_t* src, uint8_t* dst) {
-    switch (plan.half_channels) {
-        case 1: halfRow<1>(plan, src, dst, 2 * plan.n); return;
-        case 2: halfRow<2>(plan, src, dst, 2 * plan.n); return;
-        case 3: halfRow<3>(plan, src, dst, 2 * plan.n); return;
-        case 4: halfRow<4>(plan, src, dst, 2 * plan.n); return;
-        default: break;
-    }
+    if (dispatchCount<4>(plan.half_channels, [&](auto c) { halfRow<c()>(plan, src, dst, 2 * plan.n); })) return;
     if (plan.gather_only && (plan.gather.chunks || plan.gather.gather_units)) {
         avx2::gatherRow(plan.gather, src, dst);
         return;
     }
-    if (!plan.chunks && plan.unit_values) {
-        switch (plan.unit_channels) {
-            case 1: lerpUnits<1>(plan, src, dst); return;
-            case 2: lerpUnits<2>(plan, src, dst); return;
-            case 3: lerpUnits<3>(plan, src, dst); return;
-            default: lerpUnits<4>(plan, src, dst); return;
-        }
-    }
-    switch (plan.chunks) {
-        case 1: lerpBlocks<1>(plan, src, dst); break;
-        case 2: lerpBlocks<2>(plan, src, dst); break;
-        case 3: lerpBlocks<3>(plan, src, dst); break;
-        case 4: lerpBlocks<4>(plan, src, dst); break;
-        case 5: lerpBlocks<5>(plan, src, dst); break;
-        case 6: lerpBlocks<6>(plan, src, dst); break;
-        case 7: lerpBlocks<7>(plan, src, dst); break;
-        case 8: lerpBlocks<8>(plan, src, dst); break;
-        case 9: lerpBlocks<9>(plan, src, dst); break;
-        case 10: lerpBlocks<10>(plan, src, dst); break;
-        case 11: lerpBlocks<11>(plan, src, dst); break;
-        case 12: lerpBlocks<12>(plan, src, dst); break;
-        default: ref::lerpRow8(plan, src, dst); break;
-    }
+    if (!plan.chunks && plan.unit_values &&
+        dispatchCount<4>(plan.unit_channels, [&](auto c) { lerpUnits<c()>(plan, src, dst); }))
+        return;
+    if (!dispatchCount<kMaxLerpChunks>(plan.chunks, [&](auto k) { lerpBlocks<k()>(plan, src, dst); }))
+        ref::lerpRow8(plan, src, dst);
 }
 
 void lerpRow16(const LerpPlan& plan, const uint16_t* src, uint16_t* dst) {

@@ -176,25 +176,11 @@ void gatherUnits(const GatherPlan& plan, const uint8_t* src, uint8_t* dst) {
 }  // namespace
 
 void gatherRow(const GatherPlan& plan, const uint8_t* src, uint8_t* dst) {
-    if (!plan.chunks && plan.gather_units) {
-        switch (plan.unit_bytes) {
-            case 1: gatherUnits<1>(plan, src, dst); return;
-            case 2: gatherUnits<2>(plan, src, dst); return;
-            case 3: gatherUnits<3>(plan, src, dst); return;
-            default: gatherUnits<4>(plan, src, dst); return;
-        }
-    }
-    switch (plan.chunks) {
-        case 1: gatherBlocks<1>(plan, src, dst); break;
-        case 2: gatherBlocks<2>(plan, src, dst); break;
-        case 3: gatherBlocks<3>(plan, src, dst); break;
-        case 4: gatherBlocks<4>(plan, src, dst); break;
-        case 5: gatherBlocks<5>(plan, src, dst); break;
-        case 6: gatherBlocks<6>(plan, src, dst); break;
-        case 7: gatherBlocks<7>(plan, src, dst); break;
-        case 8: gatherBlocks<8>(plan, src, dst); break;
-        default: ref::gatherRow(plan, src, dst); break;
-    }
+    if (!plan.chunks && plan.gather_units &&
+        dispatchCount<4>(plan.unit_bytes, [&](auto u) { gatherUnits<u()>(plan, src, dst); }))
+        return;
+    if (!dispatchCount<kMaxGatherChunks>(plan.chunks, [&](auto k) { gatherBlocks<k()>(plan, src, dst); }))
+        ref::gatherRow(plan, src, dst);
 }
 
 }  // namespace avx2
