@@ -406,8 +406,10 @@ void resizePlane(const void* src, size_t src_step, int src_width, int src_height
                           dst_height, channels, src_width / dst_width, src_height / dst_height);
         return;
     }
+    // Float planes gather their samples; past 4 taps a value OpenCV's own
+    // loop measured faster (at 1920 to 416 and 224 columns).
     if (method == Interpolation::kArea && channels >= 1 && channels <= 4 &&
-        cvAreaDecimates(src_width, src_height, dst_width, dst_height)) {
+        cvAreaDecimates(src_width, src_height, dst_width, dst_height) && (!is_float || src_width <= 4 * dst_width)) {
         buildCvAreaPlan(c.area.plan, src_width, src_height, dst_width, dst_height, channels, !is_float);
         c.area.rows.resize(size_t(c.area.plan.row.values) * size_t(c.area.plan.ring));
         c.area.pointers.resize(size_t(c.area.plan.max_rows));
