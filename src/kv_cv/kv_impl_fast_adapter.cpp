@@ -2,12 +2,15 @@
 // Which serves what was chosen by measurement at 1920x1080 on one thread:
 // libyuv for BGR to YUV (it averages 2x2 chroma blocks; OpenCV's BGR to I420
 // takes one pixel per block), channel swaps, plane copies, splits and merges
-// and 1-byte rotation; OpenCV for float bilinear and non-integer area
-// resizing (and bilinear byte planes with a side past the 16.16 tables), for
-// warps of float planes and for 2- and 4-byte rotation; plain loops for
-// nearest resizing; our warp (kv_impl_fast_warp, OpenCV's arithmetic) for
-// byte planes; the bilinear scalers' row kernels (kv_impl_scale_rows) for
-// bilinear resizing of byte planes; our kernels (kv_impl_fast_kernels) for
+// and 1-byte rotation; OpenCV for float bilinear resizing, float area
+// enlargement and float area reduction past 4 times in width (and bilinear
+// byte planes with a side past the 16.16 tables), for warps of float planes
+// and for 2- and 4-byte rotation; the scalers' gathers for nearest resizing;
+// our reproductions of OpenCV's area arithmetic (kv_impl_fast_area,
+// kv_impl_fast_area_up) for the other area resizing that OpenCV served; our
+// warp (kv_impl_fast_warp, OpenCV's arithmetic) for byte planes; the bilinear
+// scalers' row kernels (kv_impl_scale_rows) for bilinear resizing of byte
+// planes; our kernels (kv_impl_fast_kernels) for
 // gray, byte/float, half/float, 3-byte rotation and integer-factor area
 // reduction, where they beat both libraries, and for YUV to BGR / RGB, where
 // they outrun libyuv and give the generic backend's exact bytes
