@@ -3,9 +3,9 @@
 // libyuv for BGR to YUV (it averages 2x2 chroma blocks; OpenCV's BGR to I420
 // takes one pixel per block), channel swaps, plane copies, splits and merges
 // and 1-byte rotation; OpenCV for float bilinear resizing, float area
-// enlargement and float area reduction past 2 times in width (and bilinear
-// byte planes with a side past the 16.16 tables), for warps of float planes
-// and for 2- and 4-byte rotation; the scalers' gathers for nearest resizing;
+// enlargement and area reduction of multi-channel floats past 2 times in
+// width (and bilinear byte planes with a side past the 16.16 tables), for
+// warps of float planes and for 2- and 4-byte rotation; the scalers' gathers for nearest resizing;
 // our reproductions of OpenCV's area arithmetic (kv_impl_fast_area,
 // kv_impl_fast_area_up) for the other area resizing that OpenCV served; our
 // warp (kv_impl_fast_warp, OpenCV's arithmetic) for byte planes; the bilinear
@@ -409,10 +409,12 @@ void resizePlane(const void* src, size_t src_step, int src_width, int src_height
                           dst_height, channels, src_width / dst_width, src_height / dst_height);
         return;
     }
-    // Float planes gather their samples; past 3 taps a value (reductions
-    // beyond 2 in width) OpenCV's own loop measured faster on 3-channel floats.
+    // Float planes gather their samples: faster than OpenCV's own loop for
+    // one channel at every ratio measured, for more channels only up to a
+    // reduction of 2 in width.
     if (method == Interpolation::kArea && channels >= 1 && channels <= 4 &&
-        cvAreaDecimates(src_width, src_height, dst_width, dst_height) && (!is_float || src_width <= 2 * dst_width)) {
+        cvAreaDecimates(src_width, src_height, dst_width, dst_height) &&
+        (!is_float || channels == 1 || src_width <= 2 * dst_width)) {
         buildCvAreaPlan(c.area.plan, src_width, src_height, dst_width, dst_height, channels, !is_float);
         c.area.rows.resize(size_t(c.area.plan.row.values) * size_t(c.area.plan.ring));
         c.area.pointers.resize(size_t(c.area.plan.max_rows));

@@ -141,8 +141,9 @@ struct ResizeCache {
 // Area reductions of byte planes by integer factors (source = destination
 // times fx by fy) run the module's own box kernel, which gives OpenCV's
 // INTER_AREA bytes; the other reductions on both axes that OpenCV decimates
-// run kv_impl_fast_area, OpenCV's arithmetic, for bytes (and floats reduced
-// at most 2 times in width, where it beats OpenCV), and byte
+// run kv_impl_fast_area, OpenCV's arithmetic, for bytes (and for floats
+// where it beats OpenCV: one channel, or a width reduced at most 2 times),
+// and byte
 // planes with an enlarging axis kv_impl_fast_area_up, OpenCV's too. Bilinear
 // byte planes run resizeBilinearBytes when every side is below 32768 (the
 // 16.16 tables' range). Tables live in `cache` (or local ones when null); the
