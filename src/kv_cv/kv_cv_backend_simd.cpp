@@ -394,7 +394,7 @@ void CvBackendSimd::resize(const Frame& src, Frame& dst, Rect src_roi, Rect dst_
                                  : _resize_method == ResizeArea           ? fast::Interpolation::kArea
                                                                           : fast::Interpolation::kBilinear;
     if (d.size().width == 1 || d.size().height == 1) method = fast::Interpolation::kNearest;
-    if (method == fast::Interpolation::kBilinear && !_resize_cache) _resize_cache.reset(new fast::ResizeCache);
+    if (!_resize_cache) _resize_cache.reset(new fast::ResizeCache);
     // Packed 4:2:2 rows are resized as whole pixel pairs (4-byte units), so
     // chroma bytes stay chroma and every byte of an odd-width row is written.
     const bool pairs = s.format() == FRAME_YUYV || s.format() == FRAME_UYVY;

@@ -2,12 +2,15 @@
 // Which serves what was chosen by measurement at 1920x1080 on one thread:
 // libyuv for BGR to YUV (it averages 2x2 chroma blocks; OpenCV's BGR to I420
 // takes one pixel per block), channel swaps, plane copies, splits and merges
-// and 1-byte rotation; OpenCV for float bilinear and non-integer area
-// resizing (and bilinear byte planes with a side past the 16.16 tables), for
-// warps of float planes and for 2- and 4-byte rotation; plain loops for
-// nearest resizing; our warp (kv_impl_fast_warp, OpenCV's arithmetic) for
-// byte planes; the bilinear scalers' row kernels (kv_impl_scale_rows) for
-// bilinear resizing of byte planes; our kernels (kv_impl_fast_kernels) for
+// and 1-byte rotation; OpenCV for float bilinear resizing, float area
+// enlargement and area reduction of multi-channel floats past 2 times in
+// width (and bilinear byte planes with a side past the 16.16 tables), for
+// warps of float planes and for 2- and 4-byte rotation; the scalers' gathers for nearest resizing;
+// our reproductions of OpenCV's area arithmetic (kv_impl_fast_area,
+// kv_impl_fast_area_up) for the other area resizing that OpenCV served; our
+// warp (kv_impl_fast_warp, OpenCV's arithmetic) for byte planes; the bilinear
+// scalers' row kernels (kv_impl_scale_rows) for bilinear resizing of byte
+// planes; our kernels (kv_impl_fast_kernels) for
 // gray, byte/float, half/float, 3-byte rotation and integer-factor area
 // reduction, where they beat both libraries, and for YUV to BGR / RGB, where
 // they outrun libyuv and give the generic backend's exact bytes
@@ -342,6 +345,68 @@ void resizeNearest(const uint8_t* src, size_t src_step, int src_width, int src_h
 // Sides the 16.16 bilinear tables hold (src << 16 stays in 32 bits).
 bool bilinearRange(int side) { return side >= 1 && side < 32768; }
 
+// Pixels of P bytes (8, 12 or 16: float pixels) from byte offsets: one move
+// per pixel. 12-byte pixels move 16 bytes where the load stays inside the
+// source row and the next pixel overwrites the 4 extra bytes.
+template <int P>
+void copyPixels(const NearestPlaneCache& c, const uint8_t* src, uint8_t* dst) {
+    constexpr int kMove = P == 12 ? 16 : P;
+    const int32_t* offset = c.offsets.data();
+    const int n = c.dst_width, src_bytes = c.src_width * P;
+    int i = 0;
+    for (; i + 1 < n && offset[i] + kMove <= src_bytes; ++i) std::memcpy(dst + size_t(i) * P, src + offset[i], kMove);
+    for (; i < n; ++i) std::memcpy(dst + size_t(i) * P, src + offset[i], P);
+}
+
+// resizeNearest with one gather per row (the scalers' byte gather for
+// pixels of up to 4 bytes, copyPixels for float pixels of 8 to 16 bytes),
+// and each output row that repeats its predecessor's source row copied from
+// it. The 16-bit column table holds the same positions as resizeNearest's
+// 64-bit ones for sides below 32768; false (nothing written) past that range
+// or for other pixel sizes.
+bool resizeNearestGathered(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
+                           size_t dst_step, int dst_width, int dst_height, int pixel, NearestPlaneCache& c) {
+    if (!bilinearRange(src_width) || !bilinearRange(dst_width)) return false;
+    if (pixel > 4 && pixel != 8 && pixel != 12 && pixel != 16) return false;
+    if (c.src_width != src_width || c.dst_width != dst_width || c.pixel != pixel) {
+        const int64_t step = (int64_t(src_width) << 16) / dst_width;
+        c.xs.resize(size_t(dst_width));
+        c.offsets.resize(size_t(dst_width));
+        int64_t pos = step / 2;
+        for (int i = 0; i < dst_width; ++i, pos += step) {
+            c.xs[size_t(i)] = uint16_t(pos >> 16);
+            c.offsets[size_t(i)] = int32_t(pos >> 16) * pixel;
+        }
+        if (pixel <= 4)
+            buildGatherPlan(c.plan, c.xs.data(), dst_width, pixel, dst_width * pixel, src_width, src_width * pixel);
+        c.src_width = src_width;
+        c.dst_width = dst_width;
+        c.pixel = pixel;
+    }
+    const GatherRow gather = scaleRowKernels().gatherRow;
+    const auto row = [&](const uint8_t* s, uint8_t* d) {
+        switch (pixel) {
+            case 8: copyPixels<8>(c, s, d); break;
+            case 12: copyPixels<12>(c, s, d); break;
+            case 16: copyPixels<16>(c, s, d); break;
+            default: gather(c.plan, s, d); break;
+        }
+    };
+    const size_t row_bytes = size_t(dst_width) * size_t(pixel);
+    const int64_t step_y = (int64_t(src_height) << 16) / dst_height;
+    int64_t pos_y = step_y / 2;
+    int64_t previous = -1;
+    for (int y = 0; y < dst_height; ++y, pos_y += step_y) {
+        uint8_t* d = dst + size_t(y) * dst_step;
+        if ((pos_y >> 16) == previous)
+            std::memcpy(d, d - dst_step, row_bytes);
+        else
+            row(src + size_t(pos_y >> 16) * src_step, d);
+        previous = pos_y >> 16;
+    }
+    return true;
+}
+
 }  // namespace
 
 void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
@@ -401,19 +466,45 @@ void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int
 
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method,
-                 BilinearPlaneCache* cache) {
+                 PlaneResizeCache* cache) {
+    PlaneResizeCache local;
+    PlaneResizeCache& c = cache ? *cache : local;
+    if (method == Interpolation::kNearest &&
+        resizeNearestGathered(static_cast<const uint8_t*>(src), src_step, src_width, src_height,
+                              static_cast<uint8_t*>(dst), dst_step, dst_width, dst_height,
+                              channels * (is_float ? 4 : 1), c.nearest))
+        return;
     if (method == Interpolation::kArea && !is_float && src_width % dst_width == 0 && src_height % dst_height == 0) {
         kernels().areaBox(static_cast<const uint8_t*>(src), src_step, static_cast<uint8_t*>(dst), dst_step, dst_width,
                           dst_height, channels, src_width / dst_width, src_height / dst_height);
         return;
     }
+    // Float planes gather their samples: faster than OpenCV's own loop for
+    // one channel at every ratio measured, for more channels only up to a
+    // reduction of 2 in width.
+    if (method == Interpolation::kArea && channels >= 1 && channels <= 4 &&
+        cvAreaDecimates(src_width, src_height, dst_width, dst_height) &&
+        (!is_float || channels == 1 || src_width <= 2 * dst_width)) {
+        buildCvAreaPlan(c.area.plan, src_width, src_height, dst_width, dst_height, channels, !is_float);
+        c.area.rows.resize(size_t(c.area.plan.row.values) * size_t(c.area.plan.ring));
+        c.area.pointers.resize(size_t(c.area.plan.max_rows));
+        cvAreaResize(c.area.plan, src, src_step, dst, dst_step, c.area.rows.data(), c.area.pointers.data(),
+                     activeIsa());
+        return;
+    }
+    if (method == Interpolation::kArea && !is_float && channels >= 1 && channels <= 4 &&
+        cvAreaEnlarges(src_width, src_height, dst_width, dst_height)) {
+        buildCvLinearPlan(c.area.up, src_width, src_height, dst_width, dst_height, channels);
+        c.area.up_rows.resize(size_t(c.area.up.values) * 2);
+        cvLinearResize(c.area.up, static_cast<const uint8_t*>(src), src_step, static_cast<uint8_t*>(dst), dst_step,
+                       c.area.up_rows.data(), activeIsa());
+        return;
+    }
     if (method == Interpolation::kBilinear && !is_float && channels >= 1 && channels <= 4 &&
         bilinearRange(src_width) && bilinearRange(src_height) && bilinearRange(dst_width) &&
         bilinearRange(dst_height)) {
-        BilinearPlaneCache local;
         resizeBilinearBytes(static_cast<const uint8_t*>(src), src_step, src_width, src_height,
-                            static_cast<uint8_t*>(dst), dst_step, dst_width, dst_height, channels,
-                            cache ? *cache : local);
+                            static_cast<uint8_t*>(dst), dst_step, dst_width, dst_height, channels, c.bilinear);
         return;
     }
     resizePlaneWithLibrary(src, src_step, src_width, src_height, dst, dst_step, dst_width, dst_height, channels,

@@ -518,6 +518,9 @@ def test_bench_plot(t):
     # Runs every case once on a tiny image; only the output is checked, never a time.
     p = t.run("bench", "--size", "24x16", "--min-time", "0", "--plot", t.path("bench.png"))
     check("OpenCV" in p.stdout, "no table:\n" + p.stdout)
+    # Both backends crop and resize into a tensor; only a missing operation reads "n/a".
+    crop = [line for line in p.stdout.splitlines() if line.startswith("crop+resize")]
+    check(len(crop) == 1 and "n/a" not in crop[0], "crop+resize row:\n" + p.stdout)
     w, h, _, _ = read_png(t.path("bench.png"))
     check(w > 100 and h > 100, "plot size")
 
