@@ -84,6 +84,9 @@ void buildGatherPlan(GatherPlan& plan, const uint16_t* xs, int units, int unit_b
         plan.index[size_t(e)] = std::min(x * unit_bytes + e - unit * unit_bytes, src_bytes - 1);
     }
     planGatherBlocks(plan, src_bytes);
+    // A plan object is rebuilt for other formats: no unit gather left over.
+    plan.unit_bytes = plan.gather_units = 0;
+    plan.unit_offset.clear();
     // Measured at 1920 source bytes per unit size: 32-bit gathers beat the
     // byte loop for units of 2 to 4 bytes, and blocks of more than 4 loads
     // for units of 3 and 4; single bytes stay with the blocks or the loop.
