@@ -437,8 +437,9 @@ void tiffHeader(const uint8_t* d, size_t n, ImageHeader& h) {
         const size_t e = size_t(ifd) + count_bytes + size_t(i) * entry;
         const uint32_t tag = u16(e), type = u16(e + 2);
         const size_t value = e + (big ? 12 : 8);
-        // SHORT (3) or LONG (4) values, stored in the entry itself.
-        const uint64_t v = type == 3 ? u16(value) : type == 4 ? u32(value) : type == 16 ? u64(value) : 0;
+        // SHORT (3) or LONG (4) values, stored in the entry itself; LONG8 (16)
+        // fits only the 8-byte value field of a BigTIFF entry.
+        const uint64_t v = type == 3 ? u16(value) : type == 4 ? u32(value) : type == 16 && big ? u64(value) : 0;
         if (tag == 256) h.width = v, have_w = true;
         if (tag == 257) h.height = v, have_h = true;
     }

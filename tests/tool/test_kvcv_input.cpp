@@ -120,6 +120,21 @@ TEST(KvcvInput, PnmNumbersReadAsTheDecoderReadsThem) {
     EXPECT_TRUE(c.sized && c.width == 3 && c.height == 2);
 }
 
+// A classic TIFF entry holds 4 value bytes: a LONG8 entry last in the file
+// must not be read as 8 (it once read past the end of the file's bytes).
+TEST(KvcvInput, ClassicTiffEntryOfLong8AtTheEnd) {
+    for (const bool little : {true, false}) {
+        Bytes file = little ? Bytes{'I', 'I', 42, 0, 8, 0, 0, 0, 1, 0} : Bytes{'M', 'M', 0, 42, 0, 0, 0, 8, 0, 1};
+        const Bytes entry = little ? Bytes{0, 1, 16, 0, 1, 0, 0, 0, 7, 0, 0, 0} : Bytes{1, 0, 0, 16, 0, 0, 0, 1, 0, 0, 0, 7};
+        file.insert(file.end(), entry.begin(), entry.end());
+        auto exact = std::make_unique<uint8_t[]>(file.size());  // no slack after the last byte
+        std::memcpy(exact.get(), file.data(), file.size());
+        const kvcv::ImageHeader h = kvcv::readImageHeader(exact.get(), file.size());
+        EXPECT_STREQ(h.kind, "TIFF");
+        EXPECT_FALSE(h.sized);
+    }
+}
+
 TEST(KvcvInput, ParsersAtTheirLimits) {
     EXPECT_EQ(kvcv::parseSize("32767X1", "--size"), kv::Size(32767, 1));
     EXPECT_THROW(kvcv::parseSize("32768x1", "--size"), kvcv::UsageError);
