@@ -36,7 +36,7 @@ const FrameFormat kAllFormats[] = {
     FRAME_NV16,    FRAME_YUV444,  FRAME_YUV444_PLANAR, FRAME_C2_8,         FRAME_C3_8,             FRAME_C4_8,
     FRAME_GRAY_16, FRAME_GRAY_FLOAT_32, FRAME_FLOAT_32, FRAME_FLOAT_32_C3, FRAME_FLOAT_32_C3_PLANAR,
 };
-const FrameFormat kFewFormats[] = {FRAME_GRAY_8, FRAME_BGR_8, FRAME_I420, FRAME_NV12, FRAME_YUYV, FRAME_FLOAT_32_C3};
+const FrameFormat kFewFormats[] = {FRAME_BGR_8, FRAME_I420, FRAME_NV12, FRAME_FLOAT_32_C3};
 
 std::vector<FrameFormat> formats() {
     if (kSanitized) return std::vector<FrameFormat>(std::begin(kFewFormats), std::end(kFewFormats));
@@ -142,6 +142,7 @@ TEST(Parallel, ColorCvtEqualsOneThread) {
     for (int kind : {0, 1})
         for (const Case& c : kCases)
             for (FrameFormat sf : formats()) {
+                if (kSanitized && c.roi.empty()) continue;  // the region case covers the split there
                 const Frame src = kvtest::randomFrame(sf, c.size, uint32_t(sf) + 7);
                 const Size out = c.roi.empty() ? c.size : c.roi.size();
                 for (FrameFormat df : formats()) {
@@ -158,7 +159,8 @@ TEST(Parallel, ColorCvtEqualsOneThread) {
 }
 
 TEST(Parallel, ResizeAndConvertEqualOneThread) {
-    const Size sizes[] = {{333, 257}, {701, 523}, {200, 150}, {133, 100}, {3, 40000}};
+    std::vector<Size> sizes = {{333, 257}, {701, 523}, {200, 150}, {133, 100}, {3, 40000}};
+    if (kSanitized) sizes.resize(2);
     const int methods[2][3] = {{KV_SCALE_NEAREST, KV_SCALE_BILINEAR, KV_SCALE_AREA},
                                {ResizeNearestNeighbour, ResizeBilinear, ResizeArea}};
     for (int kind : {0, 1})
