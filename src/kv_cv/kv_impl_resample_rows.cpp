@@ -330,31 +330,33 @@ void transposeWords(const uint8_t* const* rows, size_t entries8, uint8_t* out) {
     }
 }
 
-// Rounds, shifts and clamps the sums of 16 rows to 16 bytes (row order).
-inline __m128i finish(__m256i hi16, __m256i lo_a, __m256i lo_b) {
-    const __m256i sign = _mm256_srai_epi16(hi16, 15);
-    const __m256i half = _mm256_set1_epi32(kResampleHalf);
-    __m256i s0 = _mm256_add_epi32(_mm256_slli_epi32(_mm256_unpacklo_epi16(hi16, sign), 16), lo_a);
-    __m256i s1 = _mm256_add_epi32(_mm256_slli_epi32(_mm256_unpackhi_epi16(hi16, sign), 16), lo_b);
-    s0 = _mm256_srai_epi32(_mm256_add_epi32(s0, half), kResampleBits);
-    s1 = _mm256_srai_epi32(_mm256_add_epi32(s1, half), kResampleBits);
-    const __m256i w = _mm256_packs_epi32(s0, s1);  // rows 0..7 | 8..15
-    const __m256i b = _mm256_packus_epi16(w, w);
-    return _mm256_castsi256_si128(_mm256_permute4x64_epi64(b, 0x08));
+// The sums of 16 rows as 16-bit words (rows 0..7 | 8..15): high parts shifted
+// into place by interleaving them above zero words, low sums (seeded with the
+// rounding offset) added, shifted and saturated.
+inline __m256i finish(__m256i hi16, __m256i lo_a, __m256i lo_b) {
+    const __m256i zero = _mm256_setzero_si256();
+    const __m256i s0 = _mm256_srai_epi32(_mm256_add_epi32(_mm256_unpacklo_epi16(zero, hi16), lo_a), kResampleBits);
+    const __m256i s1 = _mm256_srai_epi32(_mm256_add_epi32(_mm256_unpackhi_epi16(zero, hi16), lo_b), kResampleBits);
+    return _mm256_packs_epi32(s0, s1);
 }
 
 // Every output sample of the block: 16 rows at once over the pair entries.
+// Samples are finished two at a time into 32 bytes (16 rows each).
 template <int C>
 void filterColumns(const ResampleX8& plan, const uint8_t* pairs, uint8_t* columns) {
     const int dst = plan.axis->dst;
     const __m256i zero = _mm256_setzero_si256();
+    const __m256i half = _mm256_set1_epi32(kResampleHalf);
     for (int o = 0; o < dst; ++o) {
         const __m256i* x = reinterpret_cast<const __m256i*>(pairs) + size_t(plan.pair_start[size_t(o)]) * C;
         const uint16_t* hi = &plan.hi[size_t(plan.pair_offset[size_t(o)])];
         const uint32_t* lo = &plan.lo[size_t(plan.pair_offset[size_t(o)])];
         const int n = plan.pair_count[size_t(o)];
         __m256i ah[C], la[C], lb[C];
-        for (int c = 0; c < C; ++c) ah[c] = la[c] = lb[c] = zero;
+        for (int c = 0; c < C; ++c) {
+            ah[c] = zero;
+            la[c] = lb[c] = half;
+        }
         for (int j = 0; j < n; ++j) {
             const __m256i h = _mm256_set1_epi16(int16_t(hi[j]));
             const __m256i l = _mm256_set1_epi32(int32_t(lo[j]));
@@ -365,9 +367,18 @@ void filterColumns(const ResampleX8& plan, const uint8_t* pairs, uint8_t* column
                 lb[c] = _mm256_add_epi32(lb[c], _mm256_madd_epi16(_mm256_unpackhi_epi8(v, zero), l));
             }
         }
-        for (int c = 0; c < C; ++c)
-            _mm_store_si128(reinterpret_cast<__m128i*>(columns + (size_t(o) * C + size_t(c)) * 16),
-                            finish(ah[c], la[c], lb[c]));
+        uint8_t* out = columns + size_t(o) * C * 16;
+        int c = 0;
+        for (; c + 1 < C; c += 2) {
+            // [a rows 0..7, b 0..7 | a 8..15, b 8..15] -> [a 0..15 | b 0..15]
+            const __m256i b = _mm256_packus_epi16(finish(ah[c], la[c], lb[c]), finish(ah[c + 1], la[c + 1], lb[c + 1]));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + c * 16), _mm256_permute4x64_epi64(b, 0xD8));
+        }
+        if (c < C) {
+            const __m256i w = finish(ah[c], la[c], lb[c]);
+            const __m256i b = _mm256_permute4x64_epi64(_mm256_packus_epi16(w, w), 0x08);
+            _mm_store_si128(reinterpret_cast<__m128i*>(out + c * 16), _mm256_castsi256_si128(b));
+        }
     }
 }
 
@@ -413,13 +424,27 @@ template <int C>
 void rowsX8(const uint8_t* const* src, uint8_t* const* dst, int rows, ResampleX8& plan) {
     const ResampleAxis& a = *plan.axis;
     const size_t entries = size_t((a.src + 1) / 2) * C;
+    // One channel: whole chunks of 8 pair words are the source bytes as they
+    // stand; only the rest goes through the word rows.
+    const size_t direct = C == 1 ? size_t(a.src) / 16 * 8 : 0;
+    const uint8_t* rows_in[kResampleBlock];
     const uint8_t* word_rows[kResampleBlock];
     for (int r = 0; r < kResampleBlock; ++r) {
         uint8_t* w = plan.words.data() + size_t(r) * plan.word_pitch;
-        if (r < rows) pairWords<C>(src[r], a.src, w, entries);
-        word_rows[r] = r < rows ? w : word_rows[0];  // rows past the block repeat row 0
+        if (r < rows) {
+            if (C == 1) {
+                const size_t rest = size_t(a.src) - direct * 2;
+                std::memcpy(w, src[r] + direct * 2, rest);
+                std::memset(w + rest, 0, roundUp(entries - direct, 8) * 2 - rest);
+            } else {
+                pairWords<C>(src[r], a.src, w, entries);
+            }
+        }
+        rows_in[r] = r < rows ? src[r] : src[0];  // rows past the block repeat row 0
+        word_rows[r] = r < rows ? w : word_rows[0];
     }
-    transposeWords(word_rows, roundUp(entries, 8), plan.pairs.data());
+    if (direct) transposeWords(rows_in, direct, plan.pairs.data());
+    transposeWords(word_rows, roundUp(entries - direct, 8), plan.pairs.data() + direct * 32);
     filterColumns<C>(plan, plan.pairs.data(), plan.columns.data());
     transposeBytes(plan.columns.data(), size_t(a.dst) * C, dst, rows);
 }
@@ -454,7 +479,7 @@ void resampleRowY8(const ResampleRowsY& in, uint8_t* dst, const ResampleY8& plan
     const __m256i half = _mm256_set1_epi32(kResampleHalf);
     for (size_t x = 0;; x += 32) {
         if (x + 32 > len) x = len - 32;  // the last block overlaps the previous one
-        __m256i h0 = zero, h1 = zero, l0 = zero, l1 = zero, l2 = zero, l3 = zero;
+        __m256i h0 = zero, h1 = zero, l0 = half, l1 = half, l2 = half, l3 = half;
         for (int j = 0; j < pairs; ++j) {
             const __m256i a0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in.rows[2 * j] + x));
             const __m256i a1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in.rows[2 * j + 1] + x));
@@ -469,15 +494,7 @@ void resampleRowY8(const ResampleRowsY& in, uint8_t* dst, const ResampleY8& plan
             l2 = _mm256_add_epi32(l2, _mm256_madd_epi16(_mm256_unpacklo_epi8(p1, zero), l));
             l3 = _mm256_add_epi32(l3, _mm256_madd_epi16(_mm256_unpackhi_epi8(p1, zero), l));
         }
-        const __m256i s0 = _mm256_srai_epi16(h0, 15), s1 = _mm256_srai_epi16(h1, 15);
-        auto sum = [&](__m256i h, __m256i s, __m256i l, bool high) {
-            const __m256i h32 = high ? _mm256_unpackhi_epi16(h, s) : _mm256_unpacklo_epi16(h, s);
-            return _mm256_srai_epi32(_mm256_add_epi32(_mm256_add_epi32(_mm256_slli_epi32(h32, 16), l), half),
-                                     kResampleBits);
-        };
-        const __m256i w0 = _mm256_packs_epi32(sum(h0, s0, l0, false), sum(h0, s0, l1, true));
-        const __m256i w1 = _mm256_packs_epi32(sum(h1, s1, l2, false), sum(h1, s1, l3, true));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), _mm256_packus_epi16(w0, w1));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), _mm256_packus_epi16(finish(h0, l0, l1), finish(h1, l2, l3)));
         if (x + 32 >= len) break;
     }
 }
