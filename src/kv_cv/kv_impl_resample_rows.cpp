@@ -282,9 +282,21 @@ void pairWords(const uint8_t* row, int width, uint8_t* out, size_t entries) {
             _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + size_t(m) * 2 * C), _mm256_shuffle_epi8(v, shuffle));
         }
     } else if (C == 3) {
-        // Two 6-byte pairs per 16-byte load (the load stays inside the row).
+        // Four 6-byte pairs per step: two per 16-byte lane (the loads stay
+        // inside the row), regrouped, then the 12 bytes of each lane packed
+        // together; the 8 bytes stored past them are rewritten by the next step.
+        const __m256i regroup = _mm256_setr_epi8(0, 3, 1, 4, 2, 5, 6, 9, 7, 10, 8, 11, -1, -1, -1, -1, 0, 3, 1, 4, 2, 5,
+                                                 6, 9, 7, 10, 8, 11, -1, -1, -1, -1);
+        const __m256i pack = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);
+        for (; size_t(m) * 6 + 28 <= size_t(width) * 3; m += 4) {
+            const __m256i v = _mm256_inserti128_si256(
+                _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row + size_t(m) * 6))),
+                _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + size_t(m) * 6 + 12)), 1);
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + size_t(m) * 6),
+                                _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(v, regroup), pack));
+        }
         const __m128i shuffle = _mm_setr_epi8(0, 3, 1, 4, 2, 5, 6, 9, 7, 10, 8, 11, -1, -1, -1, -1);
-        for (; 2 * (m + 2) + 1 < width && size_t(m) * 6 + 16 <= size_t(width) * 3; m += 2) {
+        for (; size_t(m) * 6 + 16 <= size_t(width) * 3; m += 2) {
             const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + size_t(m) * 6));
             _mm_storeu_si128(reinterpret_cast<__m128i*>(out + size_t(m) * 6), _mm_shuffle_epi8(v, shuffle));
         }
