@@ -262,7 +262,7 @@ namespace {
 // (low byte) and 2m + 1 (high byte; 0 past the row). `entries` words are
 // written, then zeros up to a multiple of 8.
 template <int C>
-void pairWords(const uint8_t* row, int width, uint8_t* out, size_t entries) {
+__attribute__((noinline)) void pairWords(const uint8_t* row, int width, uint8_t* out, size_t entries) {
     const int pairs = (width + 1) / 2;
     int m = 0;
     if (C == 1) {
@@ -352,45 +352,51 @@ inline __m256i finish(__m256i hi16, __m256i lo_a, __m256i lo_b) {
     return _mm256_packs_epi32(s0, s1);
 }
 
+// Sums of G channels (c0, c0 + 1) of one output pixel over its pairs, then
+// finished into G columns of 16 rows. At most two channels at a time keeps
+// the sums in registers.
+template <int C, int G>
+inline void filterPixel(const __m256i* x, const uint16_t* hi, const uint32_t* lo, int n, int c0, uint8_t* out) {
+    const __m256i zero = _mm256_setzero_si256();
+    __m256i ah[G], la[G], lb[G];
+    for (int g = 0; g < G; ++g) {
+        ah[g] = zero;
+        la[g] = lb[g] = _mm256_set1_epi32(kResampleHalf);
+    }
+    for (int j = 0; j < n; ++j) {
+        const __m256i h = _mm256_set1_epi16(int16_t(hi[j]));
+        const __m256i l = _mm256_set1_epi32(int32_t(lo[j]));
+        for (int g = 0; g < G; ++g) {
+            const __m256i v = _mm256_load_si256(x + size_t(j) * C + size_t(c0 + g));
+            ah[g] = _mm256_add_epi16(ah[g], _mm256_maddubs_epi16(v, h));
+            la[g] = _mm256_add_epi32(la[g], _mm256_madd_epi16(_mm256_unpacklo_epi8(v, zero), l));
+            lb[g] = _mm256_add_epi32(lb[g], _mm256_madd_epi16(_mm256_unpackhi_epi8(v, zero), l));
+        }
+    }
+    if (G == 2) {
+        // [a rows 0..7, b 0..7 | a 8..15, b 8..15] -> [a 0..15 | b 0..15]
+        const __m256i b = _mm256_packus_epi16(finish(ah[0], la[0], lb[0]), finish(ah[G - 1], la[G - 1], lb[G - 1]));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + c0 * 16), _mm256_permute4x64_epi64(b, 0xD8));
+    } else {
+        const __m256i w = finish(ah[0], la[0], lb[0]);
+        const __m256i b = _mm256_permute4x64_epi64(_mm256_packus_epi16(w, w), 0x08);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + c0 * 16), _mm256_castsi256_si128(b));
+    }
+}
+
 // Every output sample of the block: 16 rows at once over the pair entries.
-// Samples are finished two at a time into 32 bytes (16 rows each).
 template <int C>
 void filterColumns(const ResampleX8& plan, const uint8_t* pairs, uint8_t* columns) {
     const int dst = plan.axis->dst;
-    const __m256i zero = _mm256_setzero_si256();
-    const __m256i half = _mm256_set1_epi32(kResampleHalf);
     for (int o = 0; o < dst; ++o) {
         const __m256i* x = reinterpret_cast<const __m256i*>(pairs) + size_t(plan.pair_start[size_t(o)]) * C;
         const uint16_t* hi = &plan.hi[size_t(plan.pair_offset[size_t(o)])];
         const uint32_t* lo = &plan.lo[size_t(plan.pair_offset[size_t(o)])];
         const int n = plan.pair_count[size_t(o)];
-        __m256i ah[C], la[C], lb[C];
-        for (int c = 0; c < C; ++c) {
-            ah[c] = zero;
-            la[c] = lb[c] = half;
-        }
-        for (int j = 0; j < n; ++j) {
-            const __m256i h = _mm256_set1_epi16(int16_t(hi[j]));
-            const __m256i l = _mm256_set1_epi32(int32_t(lo[j]));
-            for (int c = 0; c < C; ++c) {
-                const __m256i v = _mm256_load_si256(x + size_t(j) * C + c);
-                ah[c] = _mm256_add_epi16(ah[c], _mm256_maddubs_epi16(v, h));
-                la[c] = _mm256_add_epi32(la[c], _mm256_madd_epi16(_mm256_unpacklo_epi8(v, zero), l));
-                lb[c] = _mm256_add_epi32(lb[c], _mm256_madd_epi16(_mm256_unpackhi_epi8(v, zero), l));
-            }
-        }
         uint8_t* out = columns + size_t(o) * C * 16;
-        int c = 0;
-        for (; c + 1 < C; c += 2) {
-            // [a rows 0..7, b 0..7 | a 8..15, b 8..15] -> [a 0..15 | b 0..15]
-            const __m256i b = _mm256_packus_epi16(finish(ah[c], la[c], lb[c]), finish(ah[c + 1], la[c + 1], lb[c + 1]));
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + c * 16), _mm256_permute4x64_epi64(b, 0xD8));
-        }
-        if (c < C) {
-            const __m256i w = finish(ah[c], la[c], lb[c]);
-            const __m256i b = _mm256_permute4x64_epi64(_mm256_packus_epi16(w, w), 0x08);
-            _mm_store_si128(reinterpret_cast<__m128i*>(out + c * 16), _mm256_castsi256_si128(b));
-        }
+        if (C >= 2) filterPixel<C, 2>(x, hi, lo, n, 0, out);
+        if (C == 4) filterPixel<C, 2>(x, hi, lo, n, 2, out);
+        if (C == 1 || C == 3) filterPixel<C, 1>(x, hi, lo, n, C - 1, out);
     }
 }
 
@@ -453,7 +459,7 @@ void rowsX8(const uint8_t* const* src, uint8_t* const* dst, int rows, ResampleX8
             }
         }
         rows_in[r] = r < rows ? src[r] : src[0];  // rows past the block repeat row 0
-        word_rows[r] = r < rows ? w : word_rows[0];
+        word_rows[r] = r < rows ? w : plan.words.data();
     }
     if (direct) transposeWords(rows_in, direct, plan.pairs.data());
     transposeWords(word_rows, roundUp(entries - direct, 8), plan.pairs.data() + direct * 32);
