@@ -277,6 +277,7 @@ TEST(ResampleKernels, WeightsTooLargeForTheVectorSumsRunTheReference) {
 const FrameFormat kFormats[] = {
     FRAME_GRAY_8,  FRAME_RGB_8,  FRAME_RGB_8_PLANAR, FRAME_BGR_8,         FRAME_BGR_8_PLANAR, FRAME_I420,
     FRAME_YV12,    FRAME_NV12,   FRAME_NV21,         FRAME_YV16,          FRAME_NV16,         FRAME_YUV444,
+    FRAME_YUYV,    FRAME_UYVY,
     FRAME_YUV444_PLANAR, FRAME_C2_8, FRAME_C3_8,     FRAME_C4_8,          FRAME_GRAY_16,      FRAME_GRAY_FLOAT_32,
     FRAME_FLOAT_32, FRAME_FLOAT_32_C3, FRAME_FLOAT_32_C3_PLANAR,
 };
@@ -325,7 +326,37 @@ void modelPlane(const Frame& src, Frame& dst, uint32_t p, ResampleFilter f) {
             }
 }
 
+// Packed 4:2:2 through its luma and chroma pairs as two frames.
+Frame modelPacked(const Frame& src, Size size, ResampleFilter f) {
+    const bool yuyv = src.format() == FRAME_YUYV;
+    const int y0 = yuyv ? 0 : 1, y1 = yuyv ? 2 : 3, u = yuyv ? 1 : 0, v = yuyv ? 3 : 2;
+    const int w = src.size().width, h = src.size().height;
+    Frame luma(FRAME_GRAY_8, Size(w, h)), chroma(FRAME_C2_8, Size((w + 1) / 2, h));
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const uint8_t* g = src.rowCpuData(0, y) + (x / 2) * 4;
+            luma.rowCpuData(0, y)[x] = g[x % 2 ? y1 : y0];
+            if (x % 2 == 0) {
+                chroma.rowCpuData(0, y)[x] = g[u];
+                chroma.rowCpuData(0, y)[x + 1] = g[v];
+            }
+        }
+    Frame out(src.format(), size), sl(FRAME_GRAY_8, size), sc(FRAME_C2_8, Size((size.width + 1) / 2, size.height));
+    modelPlane<uint8_t>(luma, sl, 0, f);
+    modelPlane<uint8_t>(chroma, sc, 0, f);
+    for (int y = 0; y < size.height; ++y)
+        for (int x = 0; x < size.width; x += 2) {
+            uint8_t* g = out.rowCpuData(0, y) + (x / 2) * 4;
+            g[y0] = sl.rowCpuData(0, y)[x];
+            g[y1] = sl.rowCpuData(0, y)[x + 1 < size.width ? x + 1 : x];
+            g[u] = sc.rowCpuData(0, y)[x];
+            g[v] = sc.rowCpuData(0, y)[x + 1];
+        }
+    return out;
+}
+
 Frame model(const Frame& src, Size size, ResampleFilter f) {
+    if (src.format() == FRAME_YUYV || src.format() == FRAME_UYVY) return modelPacked(src, size, f);
     Frame out(src.format(), size);
     const FrameLayout& l = src.layout();
     for (uint32_t p = 0; p < l.planes; ++p) {
@@ -505,8 +536,6 @@ TEST(ResampleErrors, ReuseAndDrivingChecks) {
                     "Failure in ScalerResample::reuse(...) : parameter 'dst_size' is empty.");
     EXPECT_KV_THROW(s.reuse(src, Size(2, 2), ResampleFilter(6)), KV_STATUS_INVALID_VALUE, "Parameter 'filter' is incorrect.");
     EXPECT_KV_THROW(s.reuse(src, Size(2, 2), ResampleFilter(-1)), KV_STATUS_INVALID_VALUE, "Parameter 'filter' is incorrect.");
-    EXPECT_KV_THROW(s.reuse(Frame(FRAME_YUYV, Size(8, 8)), Size(2, 2), KV_RESAMPLE_BOX), KV_STATUS_NOT_SUPPORTED,
-                    "Failure in ScalerResample::reuse(...) : unsupported frame format FRAME_YUYV.");
     RowCopier idle;
     EXPECT_KV_THROW(s.reuse(idle, Size(2, 2), KV_RESAMPLE_BOX), KV_STATUS_EMPTY_INPUT,
                     "Failure in ScalerResample::reuse(...) : source is not initialized.");

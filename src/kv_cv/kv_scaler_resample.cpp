@@ -108,9 +108,12 @@ float ResampleKernel::aperture() const { return float(2.0 * resampleFilterSuppor
 
 namespace {
 
+// One plane as resampled: a plane of the layout, or one of the two sample
+// sets of a packed 4:2:2 row (luma; chroma pairs).
 struct Plane {
     int channels = 1;
     int sample_bytes = 1;
+    Size src_size, dst_size;
     int src_height = 0;
     size_t src_row_bytes = 0;
     size_t mid_row_bytes = 0;
@@ -124,7 +127,7 @@ struct Plane {
     Buffer ring;
     int ring_rows = 0;
     size_t ring_pitch = 0;
-    Buffer stage;  // producer mode: source rows h_done .. h_done + staged - 1
+    Buffer stage;  // source rows h_done .. h_done + staged - 1 (over a producer, or unpacked)
     size_t stage_pitch = 0;
     int staged = 0;
     std::vector<const uint8_t*> taps;
@@ -136,14 +139,40 @@ struct Plane {
 
 size_t round64(size_t v) { return (v + 63) / 64 * 64; }
 
-// The planes a format is resampled as: 8-bit, 16-bit or float samples.
-bool supported(const FrameLayout& l) {
-    switch (l.format) {
-        case FRAME_YUYV:
-        case FRAME_UYVY:
-        case FRAME_UNDEFINED: return false;
-        default: return l.planes >= 1 && l.planes <= 3 && l.plane[0].channels >= 1 && l.plane[0].channels <= 4;
+bool packed422(FrameFormat f) { return f == FRAME_YUYV || f == FRAME_UYVY; }
+
+// Byte offsets in a 4-byte group of two pixels: Y0, U, Y1, V.
+struct PackedOrder {
+    int y0, u, y1, v;
+};
+PackedOrder packedOrder(FrameFormat f) { return f == FRAME_YUYV ? PackedOrder{0, 1, 2, 3} : PackedOrder{1, 0, 3, 2}; }
+
+// Luma (part 0, `width` samples) or chroma pairs (part 1, UV per group) of a packed row.
+void unpackRow(const uint8_t* row, int width, PackedOrder o, int part, uint8_t* out) {
+    const int groups = (width + 1) / 2;
+    if (part == 0) {
+        for (int x = 0; x < width; ++x) out[x] = row[(x / 2) * 4 + (x % 2 ? o.y1 : o.y0)];
+        return;
     }
+    for (int g = 0; g < groups; ++g) {
+        out[2 * g] = row[g * 4 + o.u];
+        out[2 * g + 1] = row[g * 4 + o.v];
+    }
+}
+
+// The inverse; an odd width's missing second luma repeats the first.
+void packRow(const uint8_t* luma, const uint8_t* chroma, int width, PackedOrder o, uint8_t* row) {
+    for (int g = 0; g < (width + 1) / 2; ++g) {
+        row[g * 4 + o.y0] = luma[2 * g];
+        row[g * 4 + o.y1] = luma[2 * g + 1 < width ? 2 * g + 1 : 2 * g];
+        row[g * 4 + o.u] = chroma[2 * g];
+        row[g * 4 + o.v] = chroma[2 * g + 1];
+    }
+}
+
+bool supported(const FrameLayout& l) {
+    return l.format != FRAME_UNDEFINED && l.planes >= 1 && l.planes <= 3 && l.plane[0].channels >= 1 &&
+           l.plane[0].channels <= 4;
 }
 
 }  // namespace
@@ -160,12 +189,13 @@ public:
     ResampleFilter filter() const { return _filter; }
 
 private:
-    void _buildTables(const FrameLayout& src);
+    void _buildTables();
     void _sizeRings();
     void _ensureFiltered(int p, int upto);
     void _pullRow();
     void _flushStage(int p);
     void _filterRows(int p, const uint8_t* const* src, int rows);
+    void _producePlane(int p, int q, uint8_t* out);
     const uint8_t* _midRow(int p, int r);
 
     FrameLayout _src;
@@ -176,6 +206,9 @@ private:
     int _pulled = 0;  // upstream frame rows taken since reuse
     int _row = 0;
     int _planes = 0;
+    bool _packed = false;  // packed 4:2:2: planes 0 and 1 are the luma and chroma of plane 0's rows
+    PackedOrder _order{0, 1, 2, 3};
+    Buffer _packed_rows;  // one upstream packed row; the two unpacked output rows
     Plane _plane[3];
     FrameFormat _table_format = FRAME_UNDEFINED;  // key of the tables
     Size _table_src, _table_dst;
@@ -184,23 +217,19 @@ private:
     void (*_rowY8)(const impl::ResampleRowsY&, uint8_t*, const impl::ResampleY8&) = impl::ref::resampleRowY8;
 };
 
-void ScalerResample::Impl::_buildTables(const FrameLayout& src) {
+void ScalerResample::Impl::_buildTables() {
     for (int p = 0; p < _planes; ++p) {
         Plane& pl = _plane[p];
-        const FramePlane& s = src.plane[p];
-        const FramePlane& d = _out.plane[p];
-        pl.channels = s.channels;
-        pl.sample_bytes = s.bits_per_channel / 8;
-        impl::buildResampleAxis(_filter, s.size.width, d.size.width, pl.ax);
-        impl::buildResampleAxis(_filter, s.size.height, d.size.height, pl.ay);
+        impl::buildResampleAxis(_filter, pl.src_size.width, pl.dst_size.width, pl.ax);
+        impl::buildResampleAxis(_filter, pl.src_size.height, pl.dst_size.height, pl.ay);
         if (pl.sample_bytes == 1) {
             if (!pl.ax.copies()) impl::prepareResampleX8(pl.ax, pl.channels, pl.xplan);
             if (!pl.ay.copies()) impl::prepareResampleY8(pl.ay, pl.yplan);
         }
         pl.taps.assign(size_t(pl.ay.taps) + 1, nullptr);
     }
-    _table_format = src.format;
-    _table_src = src.size;
+    _table_format = _src.format;
+    _table_src = _src.size;
     _table_dst = _out.size;
     _table_filter = _filter;
 }
@@ -230,12 +259,12 @@ void ScalerResample::Impl::_sizeRings() {
         const int taps = pl.ay.copies() ? 1 : pl.ay.taps;
         pl.ring_rows = std::max(need[p], taps + impl::kResampleBlock) + impl::kResampleBlock;
         pl.ring_pitch = round64(pl.mid_row_bytes);
-        const bool direct = !_producer && pl.ax.copies();  // rows read straight from the frame
-        if (direct) pl.ring_rows = 0;
+        if (!_producer && !_packed && pl.ax.copies()) pl.ring_rows = 0;  // rows read straight from the frame
         pl.ring.resize(size_t(pl.ring_rows) * pl.ring_pitch);
         pl.stage_pitch = round64(pl.src_row_bytes);
-        pl.stage.resize(_producer ? size_t(impl::kResampleBlock) * pl.stage_pitch : 0);
+        pl.stage.resize(_producer || _packed ? size_t(impl::kResampleBlock) * pl.stage_pitch : 0);
     }
+    _packed_rows.resize(_packed ? round64(_src.plane[0].row_bytes) + 2 * round64(_plane[0].dst_row_bytes) + 64 : 0);
 }
 
 void ScalerResample::Impl::reuse(const FrameLayout& src, Size dst_size, ResampleFilter filter, const Frame* frame,
@@ -252,18 +281,34 @@ void ScalerResample::Impl::reuse(const FrameLayout& src, Size dst_size, Resample
     _filter = filter;
     _src = src;
     _out = FrameLayout(src.format, dst_size, 64);
-    _planes = int(src.planes);
+    _packed = packed422(src.format);
+    _order = packedOrder(src.format);
+    _planes = _packed ? 2 : int(src.planes);
     for (int p = 0; p < _planes; ++p) {
         Plane& pl = _plane[p];
-        pl.src_height = src.plane[p].size.height;
-        pl.src_row_bytes = src.plane[p].row_bytes;
-        pl.dst_row_bytes = _out.plane[p].row_bytes;
-        pl.mid_row_bytes = size_t(_out.plane[p].size.width) * src.plane[p].channels * (src.plane[p].bits_per_channel / 8);
-        pl.src_mask = subsamplingMask(src.size.height, src.plane[p].size.height);
-        pl.dst_mask = subsamplingMask(dst_size.height, _out.plane[p].size.height);
+        if (_packed) {
+            const int src_w = p == 0 ? src.size.width : (src.size.width + 1) / 2;
+            const int dst_w = p == 0 ? dst_size.width : (dst_size.width + 1) / 2;
+            pl.channels = p == 0 ? 1 : 2;
+            pl.sample_bytes = 1;
+            pl.src_size = Size(src_w, src.size.height);
+            pl.dst_size = Size(dst_w, dst_size.height);
+            pl.src_mask = pl.dst_mask = 0;
+        } else {
+            pl.channels = src.plane[p].channels;
+            pl.sample_bytes = src.plane[p].bits_per_channel / 8;
+            pl.src_size = src.plane[p].size;
+            pl.dst_size = _out.plane[p].size;
+            pl.src_mask = subsamplingMask(src.size.height, src.plane[p].size.height);
+            pl.dst_mask = subsamplingMask(dst_size.height, _out.plane[p].size.height);
+        }
+        pl.src_height = pl.src_size.height;
+        pl.src_row_bytes = size_t(pl.src_size.width) * size_t(pl.channels) * size_t(pl.sample_bytes);
+        pl.mid_row_bytes = size_t(pl.dst_size.width) * size_t(pl.channels) * size_t(pl.sample_bytes);
+        pl.dst_row_bytes = pl.mid_row_bytes;
     }
     if (_table_format != src.format || _table_src != src.size || _table_dst != dst_size || _table_filter != filter)
-        _buildTables(src);
+        _buildTables();
     for (int p = 0; p < _planes; ++p) {
         Plane& pl = _plane[p];
         if (pl.ay.copies()) {
@@ -293,6 +338,8 @@ void ScalerResample::Impl::clear() {
     _frame.clear();
     _producer = nullptr;
     _row = _pulled = _planes = 0;
+    _packed = false;
+    _packed_rows.clear();
     for (Plane& pl : _plane) pl = Plane();
     _table_format = FRAME_UNDEFINED;
 }
@@ -334,9 +381,10 @@ void ScalerResample::Impl::_flushStage(int p) {
 }
 
 // Takes the upstream producer's next frame row, staging the plane rows that
-// some vertical tap will read.
+// some vertical tap will read (a packed row is unpacked into both planes).
 void ScalerResample::Impl::_pullRow() {
     RowData dst;
+    bool take[3] = {false, false, false};
     bool any = false;
     for (int q = 0; q < _planes; ++q) {
         Plane& pl = _plane[q];
@@ -344,14 +392,20 @@ void ScalerResample::Impl::_pullRow() {
         const int row = _pulled / (pl.src_mask + 1);
         if (row < pl.h_done + pl.staged || row >= pl.h_end) continue;
         if (pl.staged == impl::kResampleBlock) _flushStage(q);
-        dst.plane[q] = pl.stage.data() + size_t(pl.staged) * pl.stage_pitch;
-        any = true;
+        take[q] = any = true;
+        if (!_packed) dst.plane[q] = pl.stage.data() + size_t(pl.staged) * pl.stage_pitch;
     }
+    if (_packed && any) dst.plane[0] = _packed_rows.data();
     if (any) _producer->produce(dst);
     _producer->next();
     ++_pulled;
-    for (int q = 0; q < _planes; ++q)
-        if (dst.plane[q]) ++_plane[q].staged;
+    for (int q = 0; q < _planes; ++q) {
+        if (!take[q]) continue;
+        Plane& pl = _plane[q];
+        if (_packed)
+            unpackRow(_packed_rows.data(), _src.size.width, _order, q, pl.stage.data() + size_t(pl.staged) * pl.stage_pitch);
+        ++pl.staged;
+    }
 }
 
 // Makes source rows up to `upto` - 1 of plane p available as filtered rows.
@@ -363,7 +417,15 @@ void ScalerResample::Impl::_ensureFiltered(int p, int upto) {
         const int want = std::min(pl.h_done + impl::kResampleBlock, pl.h_end);
         if (!_producer) {
             const uint8_t* src[impl::kResampleBlock];
-            for (int i = 0; pl.h_done + i < want; ++i) src[i] = _frame.rowCpuData(size_t(p), pl.h_done + i);
+            for (int i = 0; pl.h_done + i < want; ++i) {
+                const uint8_t* row = _frame.rowCpuData(_packed ? 0 : size_t(p), pl.h_done + i);
+                if (_packed) {
+                    uint8_t* unpacked = pl.stage.data() + size_t(i) * pl.stage_pitch;
+                    unpackRow(row, _src.size.width, _order, p, unpacked);
+                    row = unpacked;
+                }
+                src[i] = row;
+            }
             _filterRows(p, src, want - pl.h_done);
             continue;
         }
@@ -372,31 +434,42 @@ void ScalerResample::Impl::_ensureFiltered(int p, int upto) {
     }
 }
 
+// Output row q of plane p into `out` (the plane's row bytes).
+void ScalerResample::Impl::_producePlane(int p, int q, uint8_t* out) {
+    Plane& pl = _plane[p];
+    const int first = pl.first(q), n = pl.count(q);
+    _ensureFiltered(p, first + n);
+    if (pl.ay.copies()) {
+        std::memcpy(out, _midRow(p, q), pl.dst_row_bytes);
+        return;
+    }
+    for (int k = 0; k < n; ++k) pl.taps[size_t(k)] = _midRow(p, first + k);
+    pl.taps[size_t(n)] = pl.taps[size_t(std::max(n - 1, 0))];
+    const impl::ResampleRowsY in{pl.taps.data(), q, pl.dst_row_bytes / size_t(pl.sample_bytes)};
+    if (pl.sample_bytes == 1)
+        _rowY8(in, out, pl.yplan);
+    else if (pl.sample_bytes == 2)
+        impl::ref::resampleRowY16(in, reinterpret_cast<uint16_t*>(out), pl.ay);
+    else
+        impl::ref::resampleRowYF(in, reinterpret_cast<float*>(out), pl.ay);
+}
+
 void ScalerResample::Impl::produce(RowData& dst) {
     if (!initialized())
         KV_THROW(KV_STATUS_NOT_INITIALIZED, "kv::ScalerResample::Impl::produce",
                  "Failure in ScalerResample::produce(...) : instance not initialized");
     if (_row >= _out.size.height) return;
-    for (int p = 0; p < _planes; ++p) {
-        if (!dst.plane[p]) continue;
-        Plane& pl = _plane[p];
-        const int q = _row / (pl.dst_mask + 1);
-        const int first = pl.first(q), n = pl.count(q);
-        _ensureFiltered(p, first + n);
-        if (pl.ay.copies()) {
-            std::memcpy(dst.plane[p], _midRow(p, q), pl.dst_row_bytes);
-            continue;
-        }
-        for (int k = 0; k < n; ++k) pl.taps[size_t(k)] = _midRow(p, first + k);
-        pl.taps[size_t(n)] = pl.taps[size_t(std::max(n - 1, 0))];
-        const impl::ResampleRowsY in{pl.taps.data(), q, pl.dst_row_bytes / size_t(pl.sample_bytes)};
-        if (pl.sample_bytes == 1)
-            _rowY8(in, dst.plane[p], pl.yplan);
-        else if (pl.sample_bytes == 2)
-            impl::ref::resampleRowY16(in, reinterpret_cast<uint16_t*>(dst.plane[p]), pl.ay);
-        else
-            impl::ref::resampleRowYF(in, reinterpret_cast<float*>(dst.plane[p]), pl.ay);
+    if (_packed) {
+        if (!dst.plane[0]) return;
+        uint8_t* luma = _packed_rows.data() + round64(_src.plane[0].row_bytes);
+        uint8_t* chroma = luma + round64(_plane[0].dst_row_bytes);
+        _producePlane(0, _row, luma);
+        _producePlane(1, _row, chroma);
+        packRow(luma, chroma, _out.size.width, _order, dst.plane[0]);
+        return;
     }
+    for (int p = 0; p < _planes; ++p)
+        if (dst.plane[p]) _producePlane(p, _row / (_plane[p].dst_mask + 1), dst.plane[p]);
 }
 
 bool ScalerResample::Impl::next() {

@@ -173,7 +173,7 @@ def test_bad_arguments(t):
         ["resize", t.path("in.png"), t.path("o.png"), "--size", "0x5"],
         ["resize", t.path("in.png"), t.path("o.png"), "--size", "12"],
         ["resize", t.path("in.png"), t.path("o.png"), "--size", "99999x5"],
-        ["resize", t.path("in.png"), t.path("o.png"), "--size", "4x4", "--method", "cubic"],
+        ["resize", t.path("in.png"), t.path("o.png"), "--size", "4x4", "--method", "bicubic"],
         ["resize", t.path("in.png"), t.path("o.png"), "--size", "4x4", "--backend", "gpu"],
         ["resize", t.path("in.png"), t.path("o.png"), "--size", "4x4", "--colour", "red"],
         ["resize", t.path("in.png"), "--size", "4x4"],
@@ -297,7 +297,7 @@ def test_resize_sizes(t):
     write_png(t.path("busy.png"), 23, 17, busy)
     write_png(t.path("flat.png"), 23, 17, lambda x, y: (200, 30, 90))
     for backend in ("base", "fast"):
-        for method in ("nearest", "bilinear", "area"):
+        for method in ("nearest", "bilinear", "area", "box", "triangle", "cubic", "lanczos2", "lanczos3", "mitchell"):
             for w, h in ((1, 1), (7, 5), (11, 17), (23, 3)):
                 out = t.path(f"r_{backend}_{method}_{w}x{h}.png")
                 t.run("resize", t.path("busy.png"), out, "--size", f"{w}x{h}", "--method", method,
