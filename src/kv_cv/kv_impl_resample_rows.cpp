@@ -288,13 +288,18 @@ __attribute__((noinline)) void pairWords(const uint8_t* row, int width, uint8_t*
         const __m256i regroup = _mm256_setr_epi8(0, 3, 1, 4, 2, 5, 6, 9, 7, 10, 8, 11, -1, -1, -1, -1, 0, 3, 1, 4, 2, 5,
                                                  6, 9, 7, 10, 8, 11, -1, -1, -1, -1);
         const __m256i pack = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);
-        for (; size_t(m) * 6 + 28 <= size_t(width) * 3; m += 4) {
+        auto step = [&](size_t at) {
             const __m256i v = _mm256_inserti128_si256(
-                _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row + size_t(m) * 6))),
-                _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + size_t(m) * 6 + 12)), 1);
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + size_t(m) * 6),
+                _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row + at))),
+                _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + at + 12)), 1);
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + at),
                                 _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(v, regroup), pack));
+        };
+        for (; size_t(m) * 6 + 52 <= size_t(width) * 3; m += 8) {
+            step(size_t(m) * 6);
+            step(size_t(m) * 6 + 24);
         }
+        for (; size_t(m) * 6 + 28 <= size_t(width) * 3; m += 4) step(size_t(m) * 6);
         const __m128i shuffle = _mm_setr_epi8(0, 3, 1, 4, 2, 5, 6, 9, 7, 10, 8, 11, -1, -1, -1, -1);
         for (; size_t(m) * 6 + 16 <= size_t(width) * 3; m += 2) {
             const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + size_t(m) * 6));
@@ -400,7 +405,9 @@ void filterColumns(const ResampleX8& plan, const uint8_t* pairs, uint8_t* column
     }
 }
 
-// Entries of 16 bytes (one per output sample, rows 0..15) back to rows.
+// Entries of 16 bytes (one per output sample, rows 0..15) back to rows
+// (`Full`: all 16 rows are written).
+template <bool Full>
 void transposeBytes(const uint8_t* columns, size_t samples, uint8_t* const* dst, int rows) {
     size_t e = 0;
     for (; e + 16 <= samples; e += 16) {
@@ -426,10 +433,10 @@ void transposeBytes(const uint8_t* columns, size_t samples, uint8_t* const* dst,
         for (int hg = 0; hg < 4; ++hg)
             for (int k = 0; k < 2; ++k) {
                 const int r = hg * 4 + k * 2;
-                if (r < rows)
+                if (Full || r < rows)
                     _mm_storeu_si128(reinterpret_cast<__m128i*>(dst[r] + e),
                                      _mm_unpacklo_epi64(s[hg * 4 + k * 2], s[hg * 4 + k * 2 + 1]));
-                if (r + 1 < rows)
+                if (Full || r + 1 < rows)
                     _mm_storeu_si128(reinterpret_cast<__m128i*>(dst[r + 1] + e),
                                      _mm_unpackhi_epi64(s[hg * 4 + k * 2], s[hg * 4 + k * 2 + 1]));
             }
@@ -464,7 +471,10 @@ void rowsX8(const uint8_t* const* src, uint8_t* const* dst, int rows, ResampleX8
     if (direct) transposeWords(rows_in, direct, plan.pairs.data());
     transposeWords(word_rows, roundUp(entries - direct, 8), plan.pairs.data() + direct * 32);
     filterColumns<C>(plan, plan.pairs.data(), plan.columns.data());
-    transposeBytes(plan.columns.data(), size_t(a.dst) * C, dst, rows);
+    if (rows == kResampleBlock)
+        transposeBytes<true>(plan.columns.data(), size_t(a.dst) * C, dst, rows);
+    else
+        transposeBytes<false>(plan.columns.data(), size_t(a.dst) * C, dst, rows);
 }
 
 }  // namespace
