@@ -368,6 +368,7 @@ inline void filterPixel(const __m256i* x, const uint16_t* hi, const uint32_t* lo
         ah[g] = zero;
         la[g] = lb[g] = _mm256_set1_epi32(kResampleHalf);
     }
+#pragma GCC unroll 2
     for (int j = 0; j < n; ++j) {
         const __m256i h = _mm256_set1_epi16(int16_t(hi[j]));
         const __m256i l = _mm256_set1_epi32(int32_t(lo[j]));
