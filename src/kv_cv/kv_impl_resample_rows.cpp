@@ -509,6 +509,7 @@ void resampleRowY8(const ResampleRowsY& in, uint8_t* dst, const ResampleY8& plan
     for (size_t x = 0;; x += 32) {
         if (x + 32 > len) x = len - 32;  // the last block overlaps the previous one
         __m256i h0 = zero, h1 = zero, l0 = half, l1 = half, l2 = half, l3 = half;
+#pragma GCC unroll 2
         for (int j = 0; j < pairs; ++j) {
             const __m256i a0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in.rows[2 * j] + x));
             const __m256i a1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in.rows[2 * j + 1] + x));
