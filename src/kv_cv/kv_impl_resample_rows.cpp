@@ -112,14 +112,20 @@ void prepareResampleX8(const ResampleAxis& a, int channels, ResampleX8& plan) {
     std::vector<int32_t> aligned(size_t(a.taps) + 2);
     for (int o = 0; o < a.dst; ++o) {
         const int32_t* w = &a.coeff[size_t(o) * size_t(a.taps)];
-        const int n = a.count[size_t(o)];
+        int first = 0, n = a.count[size_t(o)];
         exact = exact && splitExact(w, n);
+        // Zero weights at either end add nothing (a tent's last tap often has one).
+        while (n > 0 && w[n - 1] == 0) --n;
+        while (first < n && w[first] == 0) ++first;
+        n -= first;
+        w += first;
+        const int start = a.start[size_t(o)] + first;
         // Taps from the even pixel at or before start: a leading 0 when odd.
-        const int lead = a.start[size_t(o)] & 1;
+        const int lead = start & 1;
         const int pairs = (n + lead + 1) / 2;
         std::fill(aligned.begin(), aligned.end(), 0);
         for (int k = 0; k < n; ++k) aligned[size_t(k + lead)] = w[k];
-        plan.pair_start[size_t(o)] = a.start[size_t(o)] >> 1;
+        plan.pair_start[size_t(o)] = start >> 1;
         plan.pair_count[size_t(o)] = pairs;
         plan.pair_offset[size_t(o)] = int32_t(plan.hi.size());
         for (int j = 0; j < pairs; ++j) {
