@@ -385,14 +385,16 @@ inline void filterPixel(const __m256i* x, const uint16_t* hi, const uint32_t* lo
             lb[g] = _mm256_add_epi32(lb[g], _mm256_madd_epi16(_mm256_unpackhi_epi8(v, zero), l));
         }
     }
-    if (G == 2) {
+    int g = 0;
+    for (; g + 1 < G; g += 2) {
         // [a rows 0..7, b 0..7 | a 8..15, b 8..15] -> [a 0..15 | b 0..15]
-        const __m256i b = _mm256_packus_epi16(finish(ah[0], la[0], lb[0]), finish(ah[G - 1], la[G - 1], lb[G - 1]));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + c0 * 16), _mm256_permute4x64_epi64(b, 0xD8));
-    } else {
-        const __m256i w = finish(ah[0], la[0], lb[0]);
+        const __m256i b = _mm256_packus_epi16(finish(ah[g], la[g], lb[g]), finish(ah[g + 1], la[g + 1], lb[g + 1]));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + (c0 + g) * 16), _mm256_permute4x64_epi64(b, 0xD8));
+    }
+    if (g < G) {
+        const __m256i w = finish(ah[g], la[g], lb[g]);
         const __m256i b = _mm256_permute4x64_epi64(_mm256_packus_epi16(w, w), 0x08);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + c0 * 16), _mm256_castsi256_si128(b));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + (c0 + g) * 16), _mm256_castsi256_si128(b));
     }
 }
 
@@ -406,6 +408,10 @@ void filterColumns(const ResampleX8& plan, const uint8_t* pairs, uint8_t* column
         const uint32_t* lo = &plan.lo[size_t(plan.pair_offset[size_t(o)])];
         const int n = plan.pair_count[size_t(o)];
         uint8_t* out = columns + size_t(o) * C * 16;
+        if (C == 3 && n <= 3) {  // few pairs: all three channels in one pass
+            filterPixel<C, 3>(x, hi, lo, n, 0, out);
+            continue;
+        }
         if (C >= 2) filterPixel<C, 2>(x, hi, lo, n, 0, out);
         if (C == 4) filterPixel<C, 2>(x, hi, lo, n, 2, out);
         if (C == 1 || C == 3) filterPixel<C, 1>(x, hi, lo, n, C - 1, out);
