@@ -297,8 +297,10 @@ def test_resize_sizes(t):
     write_png(t.path("busy.png"), 23, 17, busy)
     write_png(t.path("flat.png"), 23, 17, lambda x, y: (200, 30, 90))
     for backend in ("base", "fast"):
-        for method in ("nearest", "bilinear", "area", "box", "triangle", "cubic", "lanczos2", "lanczos3", "mitchell"):
-            for w, h in ((1, 1), (7, 5), (11, 17), (23, 3)):
+        # The antialiasing filters run on the resampler whatever the backend: once, on fewer sizes.
+        filters = ("box", "triangle", "cubic", "lanczos2", "lanczos3", "mitchell") if backend == "base" else ()
+        for method in ("nearest", "bilinear", "area") + filters:
+            for w, h in ((1, 1), (7, 5), (11, 17), (23, 3)) if method not in filters else ((1, 1), (11, 17)):
                 out = t.path(f"r_{backend}_{method}_{w}x{h}.png")
                 t.run("resize", t.path("busy.png"), out, "--size", f"{w}x{h}", "--method", method,
                       "--backend", backend)
