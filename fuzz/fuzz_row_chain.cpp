@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 stages.push_back(kvtest::ChainStage::convert(in.PickValueInArray(kFormats)));
             else
                 stages.push_back(kvtest::ChainStage::resize(
-                    pickSize(in), kvtest::ScaleKind(in.ConsumeIntegralInRange(0, 3))));
+                    pickSize(in), kvtest::ScaleKind(in.ConsumeIntegralInRange(0, 4))));
         }
         const kvtest::ChainOutcome chain = runner.chained(src.frame, stages);
         const kvtest::ChainOutcome steps = runner.stepwise(src.frame, stages);

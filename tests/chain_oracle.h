@@ -17,19 +17,22 @@
 #include "kv_cv/kv_row_producer.h"
 #include "kv_cv/kv_scaler.h"
 #include "kv_cv/kv_scaler_convolutional.h"
+#include "kv_cv/kv_scaler_resample.h"
 #include "frame_compare.h"
 #include "test_kernels.h"
 
 namespace kvtest {
 
-// Scaler::reuse methods, and the convolutional scaler with a tent kernel.
-enum class ScaleKind { kNearest, kBilinear, kArea, kTent };
+// Scaler::reuse methods, the convolutional scaler with a tent kernel, and the
+// resampler with Lanczos-3 (the widest shipped kernel).
+enum class ScaleKind { kNearest, kBilinear, kArea, kTent, kResample };
 
 inline const char* scaleKindName(ScaleKind k) {
     switch (k) {
         case ScaleKind::kNearest: return "nearest";
         case ScaleKind::kBilinear: return "bilinear";
         case ScaleKind::kArea: return "area";
+        case ScaleKind::kResample: return "lanczos3";
         default: return "tent";
     }
 }
@@ -144,6 +147,13 @@ private:
                 _convolutional[i].reuse(_tent, *up, st.size, kv::KV_SCALER_FIXED_POINT_16S);
             return &_convolutional[i];
         }
+        if (st.kind == ScaleKind::kResample) {
+            if (frame)
+                _resamplers[i].reuse(*frame, st.size, kv::KV_RESAMPLE_LANCZOS3);
+            else
+                _resamplers[i].reuse(*up, st.size, kv::KV_RESAMPLE_LANCZOS3);
+            return &_resamplers[i];
+        }
         const kv::ScaleMethod m = st.kind == ScaleKind::kNearest    ? kv::KV_SCALE_NEAREST
                                   : st.kind == ScaleKind::kBilinear ? kv::KV_SCALE_BILINEAR
                                                                     : kv::KV_SCALE_AREA;
@@ -167,6 +177,7 @@ private:
     kv::FormatConverter _converters[kMaxStages];
     kv::Scaler _scalers[kMaxStages];
     kv::ScalerConvolutional _convolutional[kMaxStages];
+    kv::ScalerResample _resamplers[kMaxStages];
 };
 
 // "" when the chain is acceptable: the same bytes as the steps, or refused

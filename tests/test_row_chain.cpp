@@ -26,7 +26,9 @@ const FrameFormat kFormats[] = {
     FRAME_GRAY_16, FRAME_GRAY_FLOAT_32, FRAME_FLOAT_32, FRAME_FLOAT_32_C3, FRAME_FLOAT_32_C3_PLANAR,
 };
 
-const ScaleKind kKinds[] = {ScaleKind::kNearest, ScaleKind::kBilinear, ScaleKind::kArea, ScaleKind::kTent};
+const ScaleKind kKinds[] = {ScaleKind::kNearest, ScaleKind::kBilinear, ScaleKind::kArea, ScaleKind::kTent,
+                            ScaleKind::kResample};
+constexpr size_t kKindCount = sizeof(kKinds) / sizeof(kKinds[0]);
 
 // The formats the converter produces from `src` (src itself: a pass-through).
 std::vector<FrameFormat> convertibleFrom(FrameFormat src) {
@@ -121,8 +123,8 @@ TEST_P(RowChain, FullHdEqualsSteps) {
     size_t turn = 0;
     for (FrameFormat mid : convertibleFrom(src_format)) {
         const std::vector<FrameFormat> dsts = convertibleFrom(mid);
-        for (size_t k = 0; k < 4; ++k) {
-            if (kSanitized && k != turn % 4) continue;
+        for (size_t k = 0; k < kKindCount; ++k) {
+            if (kSanitized && k != turn % kKindCount) continue;
             for (size_t d = 0; d < dsts.size(); ++d)
                 if (!kSanitized || d == turn % dsts.size())
                     expectChainMatches(runner, src, convertScaleConvert(mid, Size(640, 360), kKinds[k], dsts[d]),
@@ -263,11 +265,15 @@ TEST(ProducerContract, OnlyTheAskedPlanesAreWritten) {
             Scaler scaler;
             kvtest::TentKernel tent;
             ScalerConvolutional convolutional;
+            ScalerResample resampler;
             IRowProducer* p = &scaler;
             for (const auto& ask : {std::function<bool(int, uint32_t)>(luma), std::function<bool(int, uint32_t)>(chroma)}) {
                 if (kind == ScaleKind::kTent) {
                     convolutional.reuse(tent, src, Size(17, 9), KV_SCALER_FIXED_POINT_16S);
                     p = &convolutional;
+                } else if (kind == ScaleKind::kResample) {
+                    resampler.reuse(src, Size(17, 9), KV_RESAMPLE_LANCZOS3);
+                    p = &resampler;
                 } else {
                     scaler.reuse(src, Size(17, 9), ScaleMethod(kind));
                 }

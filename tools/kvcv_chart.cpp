@@ -11,7 +11,26 @@
 
 namespace kvcv {
 
-cv::Mat makeTestChart(int width, int height) {
+ZonePlate chartZonePlate(int width, int height) {
+    const int bars_h = height / 4, ramps_h = height * 3 / 20;
+    const int top = bars_h + ramps_h, rest = height - top, half = width / 2;
+    ZonePlate z;
+    z.area = cv::Rect(0, top, half, rest);
+    z.cx = half / 2.0;
+    z.cy = top + rest / 2.0;
+    z.r_max = std::max(1.0, std::hypot(half / 2.0, rest / 2.0));
+    return z;
+}
+
+// The phase grows with r^2 / (2 r_max) half-turns: the local frequency at
+// radius r is r / (2 r_max) cycles per pixel, 0.5 (Nyquist) at r_max.
+double ZonePlate::grey(double x, double y, double max_frequency) const {
+    const double dx = x - cx, dy = y - cy, r2 = dx * dx + dy * dy;
+    if (std::sqrt(r2) / (2.0 * r_max) > max_frequency) return 127.5;
+    return 127.5 + 127.5 * std::cos(M_PI * r2 / (2.0 * r_max));
+}
+
+cv::Mat makeTestChart(int width, int height, bool overlays) {
     cv::Mat img(height, width, CV_8UC3, cv::Scalar(0, 0, 0));
     const int bars_h = height / 4, ramps_h = height * 3 / 20;
     // Colour bars, 100%: white, yellow, cyan, green, magenta, red, blue, black (BGR).
@@ -35,12 +54,10 @@ cv::Mat makeTestChart(int width, int height) {
     // Lower part: a zone plate on the left (frequency rising to the Nyquist limit
     // at its corners), line patterns on the right.
     const int top = bars_h + ramps_h, rest = height - top, half = width / 2;
-    const double cx = half / 2.0, cy = top + rest / 2.0, r_max = std::max(1.0, std::hypot(half / 2.0, rest / 2.0));
+    const ZonePlate zone = chartZonePlate(width, height);
     for (int y = top; y < height; ++y)
         for (int x = 0; x < half; ++x) {
-            const double dx = x - cx, dy = y - cy;
-            const double v = 127.5 + 127.5 * std::cos(M_PI * (dx * dx + dy * dy) / (2.0 * r_max));
-            const uchar g = uchar(std::lround(v));
+            const uchar g = uchar(std::lround(zone.grey(x, y)));
             img.at<cv::Vec3b>(y, x) = cv::Vec3b(g, uchar((g + 255) / 2), uchar(255 - g));
         }
     const int third = std::max(rest / 3, 1);
@@ -62,6 +79,7 @@ cv::Mat makeTestChart(int width, int height) {
             img.at<cv::Vec3b>(y, x) = cv::Vec3b(v, v, v);
         }
     // Fine diagonal lines and a label across the lower part.
+    if (!overlays) return img;
     cv::line(img, cv::Point(0, top), cv::Point(width - 1, height - 1), cv::Scalar(0, 200, 255), 1, cv::LINE_AA);
     cv::line(img, cv::Point(0, height - 1), cv::Point(width - 1, top), cv::Scalar(255, 120, 0), 1, cv::LINE_8);
     const double scale = std::max(0.3, height / 480.0);

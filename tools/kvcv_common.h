@@ -116,8 +116,20 @@ int runBatch(int argc, char** argv);
 int runBench(int argc, char** argv);
 
 // The built-in test chart: colour bars, gradients, fine lines, a zone plate
-// and text, at any size (the demo uses odd dimensions).
-cv::Mat makeTestChart(int width, int height);
+// and text, at any size (the demo uses odd dimensions). Without `overlays`
+// the two diagonal lines and the label drawn across the lower part are left out.
+cv::Mat makeTestChart(int width, int height, bool overlays = true);
+
+// The chart's zone plate: the rectangle it fills, and its grey level g at
+// chart coordinates (x, y) (pixel centres at integers; the chart shows it as
+// BGR (g, (g + 255) / 2, 255 - g)), with every ring whose frequency exceeds
+// `max_frequency` cycles per pixel replaced by the mean grey 127.5.
+struct ZonePlate {
+    cv::Rect area;
+    double cx = 0, cy = 0, r_max = 1;
+    double grey(double x, double y, double max_frequency = 1.0) const;
+};
+ZonePlate chartZonePlate(int width, int height);
 
 // Draws one group of bars per row of `values` (one bar per series), each group
 // scaled to its own largest value, with the value written beside each bar.

@@ -3,7 +3,9 @@
 // and prints a table of time per call and the largest difference between the
 // backends. Colour round trips run on the chart's even part (the fast backend
 // decodes subsampled YUV only at even sizes) plus one odd-size row per backend;
-// everything else runs on the whole odd-size chart.
+// everything else runs on the whole odd-size chart. Every resize method,
+// the antialiasing filters included, also reduces the chart to half size and
+// is scored on its zone plate against the ideal antialiased plate.
 //
 // An operation a backend does not offer is a note in the table, not a failure;
 // the demo fails (exit 1) only when it cannot write its files.
@@ -25,6 +27,7 @@
 
 #include "kv_cv/kv_format_converter.h"
 #include "kv_cv/kv_scaler.h"
+#include "kv_cv/kv_scaler_resample.h"
 
 #include "kv_cv/kv_cv_helpers.h"
 
@@ -171,6 +174,93 @@ cv::Mat tensorImage(kv::Tensor& t, int h, int w) {
     return out;
 }
 
+// Resizes the chart to `small` with every method (the backend ones on the
+// base backend, the antialiasing filters on the resampler), writes bilinear
+// and lanczos3 side by side, and adds one row per method with the PSNR of its
+// zone plate against the plate drawn directly at the output size with every
+// ring above the output's Nyquist frequency replaced by its mean grey (what a
+// perfect antialiasing filter gives). Output pixels whose footprint reaches
+// the lines or the label drawn across the plate, or the plate's edge, are
+// left out of the PSNR.
+void zonePlateRows(Demo& demo, const cv::Mat& chart_mat, kv::Size size, kv::Size small) {
+    const kv::Frame chart = wrapMat(chart_mat);
+    const ZonePlate zone = chartZonePlate(size.width, size.height);
+    const double sx = double(size.width) / small.width, sy = double(size.height) / small.height;
+    const double nyquist = 0.5 / std::max(sx, sy);  // cycles per chart pixel
+    const int reach = int(std::ceil(3 * std::max(sx, sy))) + 1;  // Lanczos-3's footprint, in chart pixels
+    cv::Mat differs, overlay;
+    cv::compare(chart_mat, makeTestChart(size.width, size.height, false), differs, cv::CMP_NE);
+    cv::cvtColor(differs, overlay, cv::COLOR_BGR2GRAY);
+    cv::dilate(overlay, overlay, cv::Mat::ones(2 * reach + 1, 2 * reach + 1, CV_8U));
+    const cv::Rect inner(zone.area.x + reach, zone.area.y + reach, zone.area.width - 2 * reach,
+                         zone.area.height - 2 * reach);
+    std::vector<cv::Point> counted;
+    cv::Mat ideal(small.height, small.width, CV_64FC3, cv::Scalar(0, 0, 0));
+    for (int y = 0; y < small.height; ++y)
+        for (int x = 0; x < small.width; ++x) {
+            const double cx = (x + 0.5) * sx - 0.5, cy = (y + 0.5) * sy - 0.5;
+            const cv::Point at(int(std::lround(cx)), int(std::lround(cy)));
+            if (!inner.contains(at) || overlay.at<uchar>(at)) continue;
+            const double g = zone.grey(cx, cy, nyquist);
+            ideal.at<cv::Vec3d>(y, x) = cv::Vec3d(g, (g + 255) / 2, 255 - g);
+            counted.push_back(cv::Point(x, y));
+        }
+    auto psnr = [&](const kv::Frame& out) {
+        const cv::Mat m = matView(out);
+        double sum = 0;
+        for (const cv::Point& p : counted)
+            for (int c = 0; c < 3; ++c) {
+                const double d = m.at<cv::Vec3b>(p)[c] - ideal.at<cv::Vec3d>(p)[c];
+                sum += d * d;
+            }
+        const double mse = sum / std::max<double>(1, 3.0 * double(counted.size()));
+        return "zone plate PSNR " + fixed(10 * std::log10(255.0 * 255.0 / std::max(mse, 1e-12)), 1) +
+               " dB vs the ideal antialiased plate";
+    };
+    const std::string to = " -> " + sizeText(small);
+    kv::Frame bilinear, lanczos3;
+    for (int m : {0, 1, 2}) {
+        kv::Frame out;
+        double t = 0;
+        std::string note;
+        if (demo.time([&] { resizeWith(*demo.backend(0), m, chart, small, out); }, t, note)) {
+            note = psnr(out);
+            if (m == 1) bilinear = out;
+        }
+        demo.row(std::string("antialiasing: ") + methodName(m) + to, "base", t, "-", note);
+    }
+    const kv::ResampleFilter filters[] = {kv::KV_RESAMPLE_BOX,      kv::KV_RESAMPLE_TRIANGLE, kv::KV_RESAMPLE_CUBIC,
+                                          kv::KV_RESAMPLE_LANCZOS2, kv::KV_RESAMPLE_LANCZOS3, kv::KV_RESAMPLE_MITCHELL};
+    kv::ScalerResample resampler;
+    for (kv::ResampleFilter f : filters) {
+        kv::Frame out;
+        double t = 0;
+        std::string note;
+        if (demo.time(
+                [&] {
+                    resampler.reuse(chart, small, f);
+                    kv::produceFrame(resampler, out);
+                },
+                t, note)) {
+            demo.write(std::string("resample_") + kv::toString(f) + ".png", out);
+            note = psnr(out);
+            if (f == kv::KV_RESAMPLE_LANCZOS3) lanczos3 = out;
+        }
+        demo.row(std::string("antialiasing: ") + kv::toString(f) + to, "resampler", t, "-", note);
+    }
+    if (bilinear.initialized() && lanczos3.initialized()) {
+        const int gap = 8, label = 22;
+        cv::Mat pair(small.height + label, 2 * small.width + gap, CV_8UC3, cv::Scalar(255, 255, 255));
+        matView(bilinear).copyTo(pair(cv::Rect(0, 0, small.width, small.height)));
+        matView(lanczos3).copyTo(pair(cv::Rect(small.width + gap, 0, small.width, small.height)));
+        cv::putText(pair, "bilinear", cv::Point(4, small.height + 16), cv::FONT_HERSHEY_SIMPLEX, 0.5,
+                    cv::Scalar(0, 0, 0), 1, cv::LINE_AA);
+        cv::putText(pair, "lanczos3", cv::Point(small.width + gap + 4, small.height + 16), cv::FONT_HERSHEY_SIMPLEX,
+                    0.5, cv::Scalar(0, 0, 0), 1, cv::LINE_AA);
+        demo.write("resize_bilinear_vs_lanczos3.png", pair);
+    }
+}
+
 }  // namespace
 
 int runDemo(int argc, char** argv) {
@@ -231,6 +321,9 @@ int runDemo(int argc, char** argv) {
     const kv::Size large(size.width * 3 / 2, size.height * 3 / 2);
     demo.perBackend("resize bilinear -> " + sizeText(large), "resize_bilinear_up",
                     [&](kv::ICvBackend& b, kv::Frame& out) { resizeWith(b, 1, chart, large, out); });
+
+    // ---- antialiasing: each method's zone plate against the ideal one ----
+    zonePlateRows(demo, chart_mat, size, small);
 
     // ---- row pipeline: NV12 -> scaler -> format converter, against convert() of each backend ----
     // Inputs for later rows; a backend that cannot make them leaves them empty

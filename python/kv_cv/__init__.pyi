@@ -14,7 +14,7 @@ FormatName = str
 
 SizeLike = Tuple[int, int]
 RectLike = Tuple[int, int, int, int]
-Method = Literal["nearest", "bilinear", "area"]
+Method = Literal["nearest", "bilinear", "area", "box", "triangle", "cubic", "lanczos2", "lanczos3", "mitchell"]
 Backend = Literal["fast", "base"]
 Image = Union[npt.NDArray[np.uint8], npt.NDArray[np.float32], "Frame"]
 Result = Union[np.ndarray, "Frame"]

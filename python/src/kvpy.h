@@ -92,12 +92,15 @@ py::array planeView(const kv::Frame& frame, uint32_t p, py::handle base, bool wr
 
 // One row per method name. `run` resizes `src` into `dst` (same format, the
 // destination's size) on `backend`; `scaler` is the row pipeline's
-// kv::ScaleMethod for it, or -1 when the row pipeline's Scaler lacks it.
+// kv::ScaleMethod for it, or -1 when the row pipeline's Scaler lacks it;
+// `filter` is the kv::ResampleFilter of the antialiasing methods (which run
+// on kv::ScalerResample whatever the backend), -1 for the others.
 struct ResizeMethod {
     const char* name;
     void (*run)(kv::ICvBackend& backend, int param, const kv::Frame& src, kv::Frame& dst);
     int param;
     int scaler;
+    int filter = -1;
 };
 const ResizeMethod& resizeMethodArg(py::handle name);
 

@@ -8,6 +8,7 @@
 
 #include "kv_cv/kv_cv_backend_simd.h"
 #include "kv_cv/kv_cv_helpers.h"
+#include "kv_cv/kv_scaler_resample.h"
 #include "kv_cv/kv_scaler_types.h"
 
 namespace kvpy {
@@ -19,11 +20,23 @@ void resizeOnBackend(kv::ICvBackend& backend, int method, const kv::Frame& src, 
     backend.resize(src, dst, kv::Rect(), kv::Rect());
 }
 
+void resample(kv::ICvBackend&, int filter, const kv::Frame& src, kv::Frame& dst) {
+    kv::resampleFrame(src, dst, static_cast<kv::ResampleFilter>(filter));
+}
+
+#define KVPY_FILTER(name, filter) {name, resample, filter, -1, filter}
 const ResizeMethod kResizeMethods[] = {
     {"nearest", resizeOnBackend, kv::ResizeNearestNeighbour, kv::KV_SCALE_NEAREST},
     {"bilinear", resizeOnBackend, kv::ResizeBilinear, kv::KV_SCALE_BILINEAR},
     {"area", resizeOnBackend, kv::ResizeArea, kv::KV_SCALE_AREA},
+    KVPY_FILTER("box", kv::KV_RESAMPLE_BOX),
+    KVPY_FILTER("triangle", kv::KV_RESAMPLE_TRIANGLE),
+    KVPY_FILTER("cubic", kv::KV_RESAMPLE_CUBIC),
+    KVPY_FILTER("lanczos2", kv::KV_RESAMPLE_LANCZOS2),
+    KVPY_FILTER("lanczos3", kv::KV_RESAMPLE_LANCZOS3),
+    KVPY_FILTER("mitchell", kv::KV_RESAMPLE_MITCHELL),
 };
+#undef KVPY_FILTER
 
 const char* const* methodNames() {
     static const char* names[std::size(kResizeMethods)];
@@ -185,12 +198,16 @@ Resizes an image to size=(width, height), keeping its format.
 src: a numpy array (HxW uint8 gray, HxWx3 uint8 BGR, HxWx3 float32) or a kv_cv.Frame of any
   format the backend resizes (multi-plane YUV formats resize plane by plane).
 size: (width, height), as for cv2.resize; may be None when out= gives it.
-method: 'nearest', 'bilinear' or 'area'. Sampling is centre-aligned (pixel centres at
+method: 'nearest', 'bilinear' or 'area', or an antialiasing filter: 'box', 'triangle',
+  'cubic', 'lanczos2', 'lanczos3', 'mitchell'. Sampling is centre-aligned (pixel centres at
   x + 0.5), like cv2: 'bilinear' is within 2 levels of cv2.INTER_LINEAR (16.16 fixed point,
   truncating); 'area' averages the source pixels each destination pixel covers and equals
-  cv2.INTER_AREA for integer factors.
+  cv2.INTER_AREA for integer factors. The filters (kv::ScalerResample) weigh every source
+  pixel of each output pixel's footprint, the kernel stretched by the reduction factor, so
+  fine detail does not alias; 'box', 'triangle', 'cubic' and 'lanczos3' give Pillow's BOX,
+  BILINEAR, BICUBIC and LANCZOS results (Image.resize) on 8-bit images.
 backend: 'fast' (CvBackendSimd) or 'base' (CvBackendBase, the library's row pipeline;
-  its 'area' only reduces).
+  its 'area' only reduces). The filters run on the library's resampler either way.
 out: None, or an array or Frame of src's format and the wanted size to write into; then
   nothing is allocated and out is returned.
 

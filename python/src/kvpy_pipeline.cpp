@@ -16,6 +16,7 @@
 #include "kv_cv/kv_format_converter.h"
 #include "kv_cv/kv_row_producer.h"
 #include "kv_cv/kv_scaler.h"
+#include "kv_cv/kv_scaler_resample.h"
 
 namespace kvpy {
 
@@ -40,18 +41,28 @@ public:
     kv::Size size;
 };
 
+// kv::Scaler, or kv::ScalerResample for the antialiasing filters.
 class PyScaler : public PyProducer {
 public:
-    kv::IRowProducer& producer() override { return scaler; }
+    kv::IRowProducer& producer() override {
+        if (filter >= 0) return resampler;
+        return scaler;
+    }
     void reuse() override {
-        if (upstream)
+        if (filter >= 0 && upstream)
+            resampler.reuse(upstream->producer(), dst_size, static_cast<kv::ResampleFilter>(filter));
+        else if (filter >= 0)
+            resampler.reuse(source, dst_size, static_cast<kv::ResampleFilter>(filter));
+        else if (upstream)
             scaler.reuse(upstream->producer(), dst_size, method);
         else
             scaler.reuse(source, dst_size, method);
     }
     kv::Scaler scaler;
+    kv::ScalerResample resampler;
     kv::Size dst_size;
     kv::ScaleMethod method = kv::KV_SCALE_BILINEAR;
+    int filter = -1;
 };
 
 class PyConverter : public PyProducer {
@@ -119,11 +130,12 @@ void build(PyProducer& node, py::handle source) {
 
 PyScaler* makeScaler(py::handle source, py::handle size, py::handle method) {
     const ResizeMethod& m = resizeMethodArg(method);
-    if (m.scaler < 0)
+    if (m.scaler < 0 && m.filter < 0)
         throw py::value_error(std::string("method '") + m.name + "' is not available in the row pipeline");
     std::unique_ptr<PyScaler> s(new PyScaler);
     s->dst_size = sizeArg(size, "size");
-    s->method = static_cast<kv::ScaleMethod>(m.scaler);
+    if (m.scaler >= 0) s->method = static_cast<kv::ScaleMethod>(m.scaler);
+    s->filter = m.filter;
     build(*s, source);
     return s.release();
 }
@@ -177,11 +189,14 @@ source (what it reads).)doc")
     py::class_<PyScaler, PyProducer>(m, "Scaler", R"doc(Scaler(source, size, method='bilinear')
 --
 
-A row producer that resizes: the library's kv::Scaler.
+A row producer that resizes: the library's kv::Scaler, or kv::ScalerResample for the
+antialiasing filters.
 
 source: a kv_cv.Frame, an image array, or another producer (Scaler, FormatConverter).
 size: (width, height) of the output.
-method: 'nearest', 'bilinear' or 'area' (area only reduces). Equal sizes copy rows.
+method: 'nearest', 'bilinear' or 'area' (area only reduces), or an antialiasing filter
+  ('box', 'triangle', 'cubic', 'lanczos2', 'lanczos3', 'mitchell'; see help(kv_cv.resize)).
+  Equal sizes copy rows.
 
 The output keeps the source's format. Drain it with produce_frame(scaler).
 

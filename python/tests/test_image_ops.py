@@ -187,7 +187,7 @@ IMAGE = np.zeros((8, 8, 3), np.uint8)
         (lambda: kv_cv.resize(IMAGE, (5.5, 5)), TypeError, "pair of integers"),
         (lambda: kv_cv.resize(IMAGE, "big"), TypeError, "pair of integers"),
         (lambda: kv_cv.resize(IMAGE), TypeError, "needs size="),
-        (lambda: kv_cv.resize(IMAGE, (4, 4), "cubic"), ValueError, "'nearest', 'bilinear' or 'area'"),
+        (lambda: kv_cv.resize(IMAGE, (4, 4), "bicubic"), ValueError, "'lanczos3' or 'mitchell', got 'bicubic'"),
         (lambda: kv_cv.resize(IMAGE, (4, 4), 2), TypeError, "method must be a string"),
         (lambda: kv_cv.resize(IMAGE, (4, 4), backend="gpu"), ValueError, "'fast' or 'base'"),
         (lambda: kv_cv.resize(np.zeros((4, 4), np.float64), (2, 2)), TypeError, "float64 array"),
