@@ -17,6 +17,7 @@
 #include "kv_cv/kv_cv_backend_simd.h"
 #include "kv_cv/kv_cv_helpers.h"
 #include "kv_cv/kv_impl_parallel.h"
+#include "kv_cv/kv_scaler_resample.h"
 #include "kv_cv/kv_threads.h"
 #include "test_util.h"
 
@@ -225,6 +226,18 @@ TEST(Parallel, ArithmeticWarpRotationAndHalfFloatEqualOneThread) {
                           }),
                           "")
                     << "warp " << toString(f);
+            }
+    for (FrameFormat f : formats())
+        for (ResampleFilter filter : {KV_RESAMPLE_BOX, KV_RESAMPLE_LANCZOS3})
+            for (Size to : {Size(333, 257), Size(701, 523)}) {
+                const Frame src = kvtest::randomFrame(f, Size(400, 301), 6);
+                EXPECT_EQ(sameAtEveryCount([&](Outcome& o) {
+                              Frame dst;
+                              resampleFrame(src, to, dst, filter);
+                              o.frames.push_back(dst);
+                          }),
+                          "")
+                    << "resample " << toString(f) << " " << toString(filter);
             }
     for (FrameFormat f : formats())
         for (FixedRotation r : {Rotate0, Rotate90, Rotate180, Rotate270}) {
