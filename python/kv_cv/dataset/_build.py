@@ -183,7 +183,7 @@ def _connect(scheduler: str):
     from distributed import Client
 
     try:
-        return Client(scheduler, timeout="20s")
+        return Client(scheduler)
     except (OSError, TimeoutError) as e:
         raise ConnectionError(f"cannot reach the Dask scheduler at {scheduler}: {e}") from None
 
