@@ -4,7 +4,6 @@ outside their images, and the command line against a running scheduler."""
 
 import csv
 import json
-import logging
 import os
 import signal
 import subprocess
@@ -14,7 +13,7 @@ import time
 import numpy as np
 import pytest
 import zarr
-from distributed import Client, LocalCluster
+from distributed import Client
 
 import kv_cv
 from kv_cv import dataset
@@ -59,11 +58,8 @@ def reference(folder):
 
 @pytest.fixture(scope="module")
 def client():
-    cluster = LocalCluster(n_workers=2, threads_per_worker=1, processes=True, host="127.0.0.1",
-                           dashboard_address=None, silence_logs=logging.ERROR)
-    with Client(cluster) as c:
+    with dataset.local_cluster(2) as cluster, Client(cluster) as c:
         yield c
-    cluster.close()
 
 
 def assert_store_equals(out, reference):

@@ -21,12 +21,12 @@ with the antialiased method (DEFAULT_METHOD); full_decode=True decodes in full. 
 an image's items exactly as the store holds them; decode() and preprocess() are its two steps.
 """
 
-from ._build import BuildError, BuildResult, Progress, build
+from ._build import BuildError, BuildResult, Progress, build, local_cluster
 from ._items import (DEFAULT_METHOD, MAX_PIXELS, Decoded, ItemError, Settings, clip_box, decode, decode_scale,
                      letterbox_rect, load_items, preprocess)
 from ._sources import IMAGE_SUFFIXES, Item, list_images, read_boxes, read_items
 from ._store import StoreMismatch
 
-__all__ = ["build", "load_items", "decode", "preprocess", "decode_scale", "clip_box", "letterbox_rect",
+__all__ = ["build", "local_cluster", "load_items", "decode", "preprocess", "decode_scale", "clip_box", "letterbox_rect",
            "list_images", "read_boxes", "read_items", "Settings", "Decoded", "Item", "Progress", "BuildResult",
            "BuildError", "ItemError", "StoreMismatch", "DEFAULT_METHOD", "MAX_PIXELS", "IMAGE_SUFFIXES"]
