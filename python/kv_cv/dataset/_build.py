@@ -268,7 +268,7 @@ def build(sources: Union[PathLike, Sequence[PathLike]], out: PathLike, size=(224
                     else os.path.abspath(sources))
     desc = _store.description(items, settings, chunk, source_names,
                               os.path.abspath(boxes) if boxes is not None else None)
-    resumed = _store.open_store(out, desc, items, chunk, settings, overwrite)
+    _store.open_store(out, desc, items, chunk, settings, overwrite)
     chunks = -(-len(items) // chunk)
     markers = _store.done_chunks(out)
     missing = [k for k in range(chunks) if k not in markers]
@@ -277,7 +277,7 @@ def build(sources: Union[PathLike, Sequence[PathLike]], out: PathLike, size=(224
         markers.update(_run(out, items, chunk, settings, missing, client, workers, report, chunks - len(missing)))
     attrs = _store.finish(out, items, markers)
     return BuildResult(out, len(items), attrs["valid_items"], attrs["failures"], chunks, len(missing),
-                       chunks - len(missing) if resumed else 0, time.perf_counter() - began)
+                       chunks - len(missing), time.perf_counter() - began)
 
 
 def _run(out, items, chunk, settings, missing, client, workers, report, skipped) -> Dict[int, dict]:
@@ -357,6 +357,8 @@ class _TerminalProgress:
 
     def __call__(self, p: Progress):
         now = time.monotonic()
+        if not self.line and p.skipped_chunks:
+            self.stream.write(f"resuming: {p.skipped_chunks} chunks were already written\n")
         if not self.tty and now - self.last < 10 and p.done < p.total:
             return
         self.last = now

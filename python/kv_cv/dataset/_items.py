@@ -248,8 +248,8 @@ def decode(source, boxes: Sequence[Optional[Box]] = (None,), settings: Optional[
         width, height, scan = _jpeg_header(data)
         _check_pixels(width, height, settings.max_pixels)
         # Entropy-coded data never holds 0xFFD9, so a JPEG without it after the first scan is cut short
-        # (libjpeg would fill the rest with grey and only warn).
-        if data.find(b"\xff\xd9", scan) < 0:
+        # (libjpeg would fill the rest with grey and only warn). Searched from the end, where it is.
+        if data.rfind(b"\xff\xd9", scan) < 0:
             raise ItemError("truncated JPEG: no end-of-image marker")
         scale = decode_scale(width, height, boxes, settings)
     else:
