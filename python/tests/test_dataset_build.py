@@ -232,3 +232,5 @@ def test_command_line_on_a_running_cluster(folder, reference, client, tmp_path, 
     with pytest.raises(SystemExit):
         main(["build", str(listing), out, "--size", "40"])
     assert "WxH" in capsys.readouterr().err
+    assert main(["build", str(listing), str(listing / "set.zarr"), "--quiet"]) == 1  # a file where a folder goes
+    assert capsys.readouterr().err.startswith("error: ")

@@ -2,9 +2,10 @@
 of images, on a local cluster or a running Dask cluster (--scheduler). python3 -m kv_cv.dataset info OUT
 tells how a store was made and what failed.
 
-Exit status: 0 done (items that failed are recorded in the store, not errors); 1 tasks failed or the
-scheduler could not be reached (run the same command again to finish); 2 bad arguments or an output
-folder that holds something else; 130 interrupted (run the same command again to finish)."""
+Exit status: 0 done (items that failed are recorded in the store, not errors); 1 tasks failed, the
+scheduler could not be reached or the output could not be written (run the same command again to
+finish); 2 bad arguments or an output folder that holds something else; 130 interrupted (run the same
+command again to finish)."""
 
 import argparse
 import json
@@ -77,7 +78,7 @@ def _build(args) -> int:
     except (StoreMismatch, ValueError, TypeError) as e:
         print(f"error: {e}", file=sys.stderr)
         return 2
-    except (BuildError, ConnectionError) as e:
+    except (BuildError, OSError) as e:  # failed tasks, an unreachable scheduler, an output that cannot be made
         print(f"error: {e}", file=sys.stderr)
         return 1
     finally:
