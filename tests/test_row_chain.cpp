@@ -299,4 +299,32 @@ TEST(RowChainReuse, SecondRunOfAReusedChainEqualsTheFirst) {
     }
 }
 
+// One scaler object reused from format to format at the same sizes gives what
+// a fresh one gives: plans cached per plane must not leak from one format into
+// the next (a nearest plan for NV12's two-byte chroma once stayed in force for
+// YV16's one-byte planes).
+TEST(RowChainReuse, ScalerReusedAcrossFormatsEqualsAFreshOne) {
+    const SizePair sizes[] = {{{9, 7}, {20, 15}}, {{200, 9}, {13, 4}}, {{33, 21}, {7, 5}}};
+    for (ScaleKind kind : kKinds) {
+        kvtest::ChainRunner reused;
+        for (const SizePair& sp : sizes)
+            for (FrameFormat first : kFormats)
+                for (FrameFormat second : kFormats) {
+                    if (first == second) continue;
+                    const std::vector<ChainStage> stage = {ChainStage::resize(sp.to, kind)};
+                    reused.stepwise(kvtest::randomFrame(first, sp.from, 1), stage);
+                    const Frame src = kvtest::randomFrame(second, sp.from, 2);
+                    kvtest::ChainRunner fresh;
+                    const kvtest::ChainOutcome got = reused.stepwise(src, stage);
+                    const kvtest::ChainOutcome want = fresh.stepwise(src, stage);
+                    EXPECT_EQ(got.ok, want.ok);
+                    if (got.ok && want.ok) {
+                        EXPECT_EQ(kvtest::frameDifference(got.frame, want.frame), "")
+                            << kvtest::scaleKindName(kind) << " after " << toString(first) << ": "
+                            << kvtest::describeChain(src, stage);
+                    }
+                }
+    }
+}
+
 }  // namespace

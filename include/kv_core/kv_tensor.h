@@ -65,7 +65,8 @@ private:
 class KV_CORE_API TensorLayout {
 public:
     TensorLayout() = default;
-    // `strides` are per-axis byte strides; empty strides mean densely packed.
+    // `strides` are per-axis byte strides; empty strides mean densely packed
+    // (kv::Exception, status 5, when a packed stride passes 32 bits).
     TensorLayout(TensorDataType type, TensorFormat format, const TensorSize& extents,
                  const TensorSize& strides = TensorSize(), TensorChannelOrder order = TENSOR_ORDER_UNDEFINED);
 
@@ -75,7 +76,8 @@ public:
     const TensorSize& strides() const { return _strides; }
     TensorChannelOrder channelOrder() const { return _order; }
     bool initialized() const;
-    // Bytes from the first element to one past the last.
+    // Bytes from the first element to one past the last (SIZE_MAX when that
+    // does not fit 64 bits).
     size_t byteSize() const;
     bool operator==(const TensorLayout& o) const;
     bool operator!=(const TensorLayout& o) const { return !(*this == o); }

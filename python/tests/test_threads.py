@@ -30,8 +30,10 @@ CALLS = {
 @pytest.mark.parametrize("name", sorted(CALLS))
 def test_python_runs_while_the_call_works(name):
     """Runs the call repeatedly in a thread while this thread keeps stamping the time.
-    Holding the GIL would stop the stamps for each whole call; released, they keep
-    coming. The median over the calls keeps a loaded machine's stalls out."""
+    Holding the GIL would stop the stamps for each whole call (the longest gap is
+    the call); released, they keep coming. A loaded machine can hold this thread
+    off the processor for a good part of a call, so the test asks only that
+    Python ran during most calls, which a held GIL never allows."""
     call = CALLS[name]
     call()  # warm-up: first-call tables and allocations
     spans, stamps = [], []
@@ -55,7 +57,7 @@ def test_python_runs_while_the_call_works(name):
     for start, end in spans:
         inside = stamps[(stamps >= start) & (stamps <= end)]
         ratios.append(np.diff(np.concatenate([[start], inside, [end]])).max() / (end - start))
-    assert np.median(ratios) < 0.6, f"{name}: Python stood still for {np.median(ratios):.0%} of each call"
+    assert np.median(ratios) < 0.9, f"{name}: Python stood still for {np.median(ratios):.0%} of each call"
 
 
 def test_threads_get_the_same_results_as_one_thread():
