@@ -21,6 +21,10 @@ from kv_cv.dataset import ItemError, Settings
 
 from dataset_files import make_folder
 
+# The engine is pure Python over the calls test_dataset.py runs under the sanitizers too; its worker
+# processes under the preloaded AddressSanitizer would only spend the CI's time.
+pytestmark = pytest.mark.skipif(bool(os.environ.get("KV_SANITIZE")), reason="worker processes under the sanitizers")
+
 ITEM = dict(size=(48, 40), dtype="float32", mean=(120.0, 115.0, 105.0), std=(60.0, 58.0, 57.0))
 CHUNK = 24
 IMAGES = 240
