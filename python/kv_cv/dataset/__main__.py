@@ -9,6 +9,7 @@ command again to finish)."""
 
 import argparse
 import json
+import logging
 import os
 import sys
 
@@ -60,6 +61,13 @@ def _build(args) -> int:
         print("error: --workers starts a local cluster; it does not go with --scheduler", file=sys.stderr)
         return 2
     say = (lambda text: None) if args.quiet else (lambda text: print(text, file=sys.stderr))
+    # A connection attempt that lost a race on a busy machine leaves asyncio's "Future exception was never
+    # retrieved" behind: Dask's business, not the user's. --quiet keeps Dask's warnings off too.
+    import distributed  # noqa: F401 (its import sets up its loggers: levels set before would be reset)
+
+    logging.getLogger("asyncio").setLevel(logging.CRITICAL)
+    if args.quiet:
+        logging.getLogger("distributed").setLevel(logging.ERROR)
     client = None
     try:
         if args.scheduler:
