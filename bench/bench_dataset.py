@@ -2,13 +2,16 @@
 """Data set build speed: kv_cv.dataset on Dask with 1 and 2 worker processes, beside plain
 single-process Python loops doing the same decode, resize, normalise and store, in one run.
 
-Input: 1920x1080 JPEGs (generated, quality 90). Output: 224x224 float32 NCHW items, RGB, ImageNet
+Input: 1920x1080 JPEGs generated at quality 90, photo-like (about 230 KiB each; --dense for noise-like
+ones of about 460 KiB, where entropy decoding dominates). Every process's malloc is set as the engine's
+workers have it, and the loops keep their chunk buffer as the tasks do. Output: 224x224 float32 NCHW items, RGB, ImageNet
 mean and std, an uncompressed Zarr array chunked along N, the same for every row:
   cv2 loop       cv2.imread in full, cv2.resize INTER_AREA, BGR->RGB, normalise in numpy, store
   kv_cv loop     kv_cv.dataset.decode (shrink-on-load) and preprocess, store: the task's work, no engine
   kv_cv loop, full decode   the same with full_decode=True (what shrink-on-load saves)
   engine, 1 / 2 workers     kv_cv.dataset.build on a LocalCluster of 1 / 2 processes (started beforehand)
-Rows run interleaved, every figure is the best of --repeat runs. Then the scheduler's rate on empty
+Rows run interleaved, every figure is the best of --repeat runs; CPU time of all processes per item beside
+the wall figures (on a shared machine the CPU figures are the ones to read). Then the scheduler's rate on empty
 tasks, the measured cost per item and per task, and what a cluster of --nodes machines would reach.
 
 Usage (after building into build/):  /usr/bin/python3 bench/bench_dataset.py [--build build] [--quick]
@@ -40,19 +43,75 @@ def cpu_seconds(psutil):
     return total
 
 
-def make_inputs(folder, count, distinct, rng, cv2):
+def photo(rng, cv2):
+    """A 1920x1080 picture with the statistics of an ordinary photograph, different for every call: a lit
+    backdrop split at a wavy horizon, soft-edged shapes, fractal texture and mild sensor noise. At quality 90
+    these come to about 230 KiB, as camera pictures scaled to 1080p do."""
+    h, w = 1080, 1920
+    y, x = np.mgrid[0:h // 4, 0:w // 4].astype(np.float32)  # the smooth layers at a quarter, upsampled
+    x, y = x / (w // 4), y / (h // 4)
+    wave = 0.1 * np.sin(x * rng.uniform(2, 9) + rng.uniform(0, 6))
+    t = np.clip((y - rng.uniform(0.3, 0.7) + wave) * 5 + 0.5, 0, 1)[..., None]
+    image = rng.uniform(60, 230, 3).astype(np.float32) * (1 - t) + rng.uniform(20, 180, 3).astype(np.float32) * t
+    image += rng.uniform(-50, 50, 3).astype(np.float32) * (x - 0.5)[..., None]
+    for _ in range(rng.integers(8, 16)):
+        cx, cy, rx, ry = rng.uniform(0, 1), rng.uniform(0, 1), rng.uniform(0.02, 0.2), rng.uniform(0.02, 0.2)
+        d = ((x - cx) / rx) ** 2 + ((y - cy) / ry) ** 2
+        alpha = rng.uniform(0.6, 1.0) / (1 + np.exp(np.minimum((d - 1) * rng.uniform(2, 40), 50)))
+        image += (rng.uniform(0, 255, 3).astype(np.float32) - image) * alpha[..., None]
+    image = cv2.resize(image, (w, h), interpolation=cv2.INTER_CUBIC)
+    texture = np.zeros((h, w), np.float32)
+    for octave, cells in enumerate((16, 48, 160, 480)):
+        small = rng.standard_normal((cells * h // w + 2, cells)).astype(np.float32)
+        texture += 14 / 1.7 ** octave * cv2.resize(small, (w, h), interpolation=cv2.INTER_CUBIC)
+    image += texture[..., None] + rng.normal(0, 1.0, (h, w, 1)).astype(np.float32)
+    return np.clip(image, 0, 255).astype(np.uint8)
+
+
+def dense(rng, cv2):
+    """Noise-like content, about 460 KiB at quality 90: entropy decoding dominates, shrink-on-load helps less."""
+    small = rng.integers(0, 256, (1080 // 24, 1920 // 24, 3), dtype=np.uint8)
+    image = cv2.resize(small, (1920, 1080), interpolation=cv2.INTER_CUBIC)
+    return np.clip(image.astype(np.int16) + rng.integers(-6, 7, image.shape), 0, 255).astype(np.uint8)
+
+
+def make_inputs(folder, count, distinct, rng, cv2, picture):
     """`count` 1080p JPEG files, `distinct` different pictures among them (the rest are hard links)."""
     originals = []
     for i in range(distinct):
-        small = rng.integers(0, 256, (1080 // 24, 1920 // 24, 3), dtype=np.uint8)
-        image = cv2.resize(small, (1920, 1080), interpolation=cv2.INTER_CUBIC)
-        image = np.clip(image.astype(np.int16) + rng.integers(-6, 7, image.shape), 0, 255).astype(np.uint8)
         path = os.path.join(folder, f"photo{i:05d}.jpg")
-        cv2.imwrite(path, image, [cv2.IMWRITE_JPEG_QUALITY, 90])
+        cv2.imwrite(path, picture(rng, cv2), [cv2.IMWRITE_JPEG_QUALITY, 90])
         originals.append(path)
     for i in range(distinct, count):
         os.link(originals[i % distinct], os.path.join(folder, f"photo{i:05d}.jpg"))
     return sorted(os.path.join(folder, f) for f in os.listdir(folder))
+
+
+def decode_ms(paths, cv2, repeat=15):
+    """CPU ms per cv2 decode of these files in full and at a quarter (libjpeg's scaled DCT), best of `repeat`."""
+    data = [np.fromfile(p, np.uint8) for p in paths]
+    best = {cv2.IMREAD_COLOR: float("inf"), cv2.IMREAD_REDUCED_COLOR_4: float("inf")}
+    for _ in range(repeat):
+        for flag in best:
+            began = time.process_time()
+            for d in data:
+                cv2.imdecode(d, flag)
+            best[flag] = min(best[flag], (time.process_time() - began) / len(data) * 1e3)
+    return best[cv2.IMREAD_COLOR], best[cv2.IMREAD_REDUCED_COLOR_4]
+
+
+def heap_like_workers():
+    """This process's malloc as the engine's workers have it (buffers up to 16 MiB from the heap, 64 MiB of
+    free heap kept), so that no row pays for fresh pages where another does not: a page fault costs about
+    18 us on this VM, and a full 1080p decode into fresh pages is 1,500 of them."""
+    try:
+        import ctypes
+
+        libc = ctypes.CDLL(None)
+        libc.mallopt(-3, 16 << 20)  # M_MMAP_THRESHOLD
+        libc.mallopt(-1, 64 << 20)  # M_TRIM_THRESHOLD
+    except (OSError, AttributeError):  # not glibc
+        pass
 
 
 def new_store(path, count, chunk, zarr):
@@ -64,9 +123,10 @@ def new_store(path, count, chunk, zarr):
 def cv2_loop(paths, out, chunk, zarr, cv2):
     store = new_store(out, len(paths), chunk, zarr)
     mean, std = np.float32(MEAN), np.float32(STD)
+    chunk_buf = np.empty((chunk, 3, 224, 224), np.float32)  # kept across chunks, as the engine's tasks keep theirs
     for start in range(0, len(paths), chunk):
         part = paths[start:start + chunk]
-        buf = np.empty((len(part), 3, 224, 224), np.float32)
+        buf = chunk_buf[:len(part)]
         for i, path in enumerate(part):
             image = cv2.imread(path, cv2.IMREAD_COLOR | cv2.IMREAD_IGNORE_ORIENTATION)
             rgb = cv2.cvtColor(cv2.resize(image, (224, 224), interpolation=cv2.INTER_AREA), cv2.COLOR_BGR2RGB)
@@ -76,9 +136,10 @@ def cv2_loop(paths, out, chunk, zarr, cv2):
 
 def kv_loop(paths, out, chunk, zarr, dataset, settings):
     store = new_store(out, len(paths), chunk, zarr)
+    chunk_buf = np.empty((chunk, 3, 224, 224), np.float32)
     for start in range(0, len(paths), chunk):
         part = paths[start:start + chunk]
-        buf = np.empty((len(part), 3, 224, 224), np.float32)
+        buf = chunk_buf[:len(part)]
         for i, path in enumerate(part):
             dataset.preprocess(dataset.decode(path, [None], settings), None, settings, out=buf[i])
         store[start:start + len(part)] = buf
@@ -102,6 +163,8 @@ def main():
     parser.add_argument("--repeat", type=int, default=5, help="runs of each row; the best counts (default 5)")
     parser.add_argument("--nodes", type=int, default=32, help="cluster size for the estimate (default 32)")
     parser.add_argument("--node-cores", type=int, default=16, help="worker processes per node (default 16)")
+    parser.add_argument("--dense", action="store_true",
+                        help="noise-like JPEGs of about 460 KiB instead of photo-like ones of about 230 KiB")
     parser.add_argument("--quick", action="store_true", help="192 items, 2 repeats")
     args = parser.parse_args()
     if args.quick:
@@ -116,6 +179,7 @@ def main():
     from kv_cv import dataset
 
     cv2.setNumThreads(1)
+    heap_like_workers()
     if hasattr(kv_cv, "set_num_threads"):
         kv_cv.set_num_threads(1)
     settings = dataset.Settings(size=(224, 224), dtype="float32", mean=MEAN, std=STD)
@@ -124,8 +188,10 @@ def main():
     try:
         photos = os.path.join(work, "photos")
         os.mkdir(photos)
-        paths = make_inputs(photos, args.items, min(args.items, 48), np.random.default_rng(5), cv2)
+        paths = make_inputs(photos, args.items, min(args.items, 48), np.random.default_rng(5), cv2,
+                            dense if args.dense else photo)
         jpeg_bytes = np.mean([os.path.getsize(p) for p in paths[:48]])
+        decode_full, decode_quarter = decode_ms(paths[:48], cv2)
         scheduler_rate = 0.0
         out = os.path.join(work, "out.zarr")
         loops = {
@@ -174,6 +240,8 @@ def main():
     print(f"kv_cv {kv_cv.__version__} dataset build: {n} JPEGs 1920x1080 ({jpeg_bytes / 1024:.0f} KiB each) -> "
           f"224x224 float32 NCHW, normalised, chunk {args.chunk}, method {settings.method}; "
           f"best of {args.repeat}; load average {os.getloadavg()[0]:.1f} on {os.cpu_count()} cores")
+    print(f"  cv2 decodes these JPEGs in {decode_full:.2f} ms CPU in full, {decode_quarter:.2f} ms at a quarter "
+          f"({decode_full / decode_quarter:.2f}x)")
     print(f"  {'':<36} {'items/s':>8}   {'wall/item':>9}   {'CPU/item':>8}  (all processes)")
     for name in rows:
         print(f"  {name:<36} {rate[name]:8.1f}   {best[name] / n * 1e3:6.2f} ms   {cpu[name] / n * 1e3:5.2f} ms")
