@@ -179,8 +179,6 @@ void buildAreaPairs(const AreaRowX& r, AreaTaps& t, int sample_bytes) {
     t.pair_blocks = blocks;
 }
 
-constexpr int kMaxPermChunks = 4;
-
 // The permute plan of AreaTaps for 32-bit rows (see kv_impl_scale_area.h);
 // leaves perm_blocks at 0 where a block spans more than four loads.
 void buildAreaPermutes(const AreaRowX& r, AreaTaps& t) {
@@ -205,7 +203,7 @@ void buildAreaPermutes(const AreaRowX& r, AreaTaps& t) {
         lo[size_t(b)] = l;
         chunks = std::max(chunks, (u - l) / 8 + 1);
     }
-    if (chunks > kMaxPermChunks || r.src_len < 8 * chunks) return;
+    if (chunks > kMaxPermuteLoads || r.src_len < 8 * chunks) return;
     t.perm_base.resize(size_t(blocks));
     t.perm_index.assign(size_t(blocks) * per_block, 0);
     for (int b = 0; b < blocks; ++b) {
@@ -214,10 +212,8 @@ void buildAreaPermutes(const AreaRowX& r, AreaTaps& t) {
         for (int o = 8 * b; o < 8 * b + 8; ++o)
             for (int k = 0; k < t.taps; ++k) {
                 if (!used(o, k)) continue;
-                const int rel = t.offset[size_t(o)] + k * r.channels - base;
-                const int chunk = rel / 8;
                 t.perm_index[size_t(b) * per_block + size_t(k) * 8 + size_t(o % 8)] =
-                    int32_t(uint32_t(rel % 8) | uint32_t(chunk & 1) << 30 | uint32_t(chunk >> 1) << 31);
+                    permuteIndex(t.offset[size_t(o)] + k * r.channels - base);
             }
     }
     t.perm_chunks = chunks;
@@ -609,7 +605,7 @@ inline __m256i shiftedLanes(__m256i even, __m256i odd, __m128i shift) {
 }
 
 // Eight values per step from the permute plan: K loads of eight samples, per
-// tap a permute of each and blends by the plan's load bits, 64-bit products
+// tap the samples picked from them (permuteLoads), 64-bit products
 // of the even and the odd lanes. Returns the values done.
 template <int K>
 int permuteTaps32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const AreaTaps& t) {
@@ -625,22 +621,7 @@ int permuteTaps32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const
         for (int k = 0; k < taps; ++k, index += 8, w += 8) {
             const __m256i idx = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(index));
             const __m256i wk = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w));
-            __m256i v = _mm256_permutevar8x32_epi32(c[0], idx);
-            if (K >= 2) {
-                const __m256 odd_load = _mm256_castsi256_ps(_mm256_slli_epi32(idx, 1));
-                v = _mm256_castps_si256(_mm256_blendv_ps(_mm256_castsi256_ps(v),
-                                                         _mm256_castsi256_ps(_mm256_permutevar8x32_epi32(c[1], idx)),
-                                                         odd_load));
-                if (K >= 3) {
-                    __m256i v23 = _mm256_permutevar8x32_epi32(c[2], idx);
-                    if (K == 4)
-                        v23 = _mm256_castps_si256(_mm256_blendv_ps(
-                            _mm256_castsi256_ps(v23), _mm256_castsi256_ps(_mm256_permutevar8x32_epi32(c[K - 1], idx)),
-                            odd_load));
-                    v = _mm256_castps_si256(
-                        _mm256_blendv_ps(_mm256_castsi256_ps(v), _mm256_castsi256_ps(v23), _mm256_castsi256_ps(idx)));
-                }
-            }
+            const __m256i v = permuteLoads<K>(c, idx);
             even = _mm256_add_epi64(even, _mm256_mul_epu32(v, wk));
             odd = _mm256_add_epi64(odd, _mm256_mul_epu32(_mm256_srli_epi64(v, 32), _mm256_srli_epi64(wk, 32)));
         }
@@ -655,7 +636,7 @@ int permuteTaps32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const
 void areaRowX32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const AreaTaps& t, int o_begin) {
     int o = o_begin;
     if (o == 0 && t.perm_blocks > 0)
-        dispatchCount<kMaxPermChunks>(t.perm_chunks, [&](auto k) { o = permuteTaps32<k()>(src, dst, row, t); });
+        dispatchCount<kMaxPermuteLoads>(t.perm_chunks, [&](auto k) { o = permuteTaps32<k()>(src, dst, row, t); });
     if (o % 8 == 0 && t.taps > 0) {
         const __m128i shift = _mm_cvtsi32_si128(row.shift);
         const __m256i step = _mm256_set1_epi32(row.channels);
