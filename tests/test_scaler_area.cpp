@@ -529,7 +529,7 @@ std::vector<std::pair<int, int>> horizontalCases() {
 template <typename T, typename Kernel>
 void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
     std::mt19937 rng(11);
-    int planned = 0;
+    int planned = 0, windowed = 0;
     for (int channels = 1; channels <= 4; ++channels)
         for (auto [src_w, dst_w] : horizontalCases())
             for (int shift : {15, 7}) {
@@ -542,6 +542,8 @@ void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
                 kv::impl::AreaTaps taps;
                 kv::impl::buildAreaTaps(row, taps, sample_bytes);
                 planned += taps.pair_blocks > 0 || taps.perm_blocks > 0;
+                windowed += sample_bytes == 4 && channels == 1 && !taps.perm_blocks && taps.taps <= 16 &&
+                            row.dst_len >= 8;
                 std::vector<uint8_t> bytes(size_t(row.src_len) * sizeof(T) + 1);
                 T* src = reinterpret_cast<T*>(bytes.data() + 1);  // not aligned to the sample size
                 for (int i = 0; i < row.src_len; ++i)
@@ -558,6 +560,9 @@ void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
                 }
             }
     EXPECT_GT(planned, 1000) << sizeof(T);  // the shuffle or permute plan, not only the fallbacks
+    if (sample_bytes == 4) {
+        EXPECT_GT(windowed, 100);  // and the windows of one-channel rows
+    }
 }
 
 TEST(AreaKernels, HorizontalVectorMatchesScalar) {

@@ -630,13 +630,44 @@ int permuteTaps32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const
     return 8 * t.perm_blocks;
 }
 
-// Eight values per step: from the permute plan, else one masked 32-bit gather
-// per tap (taps without a weight load nothing), 64-bit products of the even
-// and the odd lanes.
+// One-channel rows whose blocks span too many loads for the permute plan:
+// each value's taps are consecutive samples from its offset, so per block
+// the eight windows of 8 x L samples are loaded and transposed into one
+// vector per tap (weights past a value's taps are 0). Runs while the windows
+// lie inside the row; returns the values done.
+template <int L>
+int windowTaps32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const AreaTaps& t) {
+    const __m128i shift = _mm_cvtsi32_si128(row.shift);
+    int o = 0;
+    for (; o + 8 <= row.dst_len && t.offset[size_t(o) + 7] + 8 * L <= row.src_len; o += 8) {
+        const int32_t* w = &t.weights[size_t(o) * size_t(t.taps)];
+        __m256i even = _mm256_setzero_si256(), odd = _mm256_setzero_si256();
+        for (int l = 0; l < L; ++l) {
+            __m256 r[8];
+            for (int j = 0; j < 8; ++j)
+                r[j] = _mm256_loadu_ps(reinterpret_cast<const float*>(src + t.offset[size_t(o + j)] + 8 * l));
+            transpose8(r);
+            for (int k = 8 * l; k < std::min(t.taps, 8 * l + 8); ++k) {
+                const __m256i v = _mm256_castps_si256(r[k - 8 * l]);
+                const __m256i wk = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w + 8 * k));
+                even = _mm256_add_epi64(even, _mm256_mul_epu32(v, wk));
+                odd = _mm256_add_epi64(odd, _mm256_mul_epu32(_mm256_srli_epi64(v, 32), _mm256_srli_epi64(wk, 32)));
+            }
+        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + o), shiftedLanes(even, odd, shift));
+    }
+    return o;
+}
+
+// Eight values per step: from the permute plan or the windows of one-channel
+// rows, else one masked 32-bit gather per tap (taps without a weight load
+// nothing), 64-bit products of the even and the odd lanes.
 void areaRowX32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const AreaTaps& t, int o_begin) {
     int o = o_begin;
     if (o == 0 && t.perm_blocks > 0)
         dispatchCount<kMaxPermuteLoads>(t.perm_chunks, [&](auto k) { o = permuteTaps32<k()>(src, dst, row, t); });
+    else if (o == 0 && row.channels == 1 && t.taps > 0 && t.taps <= 16)
+        o = t.taps <= 8 ? windowTaps32<1>(src, dst, row, t) : windowTaps32<2>(src, dst, row, t);
     if (o % 8 == 0 && t.taps > 0) {
         const __m128i shift = _mm_cvtsi32_si128(row.shift);
         const __m256i step = _mm256_set1_epi32(row.channels);

@@ -291,25 +291,6 @@ void cvAreaRowX8(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
     refRowX(p, src, buf, 8 * p.blocks);
 }
 
-// r[t] lane j = r[j] lane t.
-inline void transpose8(__m256 r[8]) {
-    __m256 t[8], u[8];
-    for (int k = 0; k < 8; k += 2) {
-        t[k] = _mm256_unpacklo_ps(r[k], r[k + 1]);
-        t[k + 1] = _mm256_unpackhi_ps(r[k], r[k + 1]);
-    }
-    for (int k = 0; k < 8; k += 4) {
-        u[k] = _mm256_shuffle_ps(t[k], t[k + 2], 0x44);
-        u[k + 1] = _mm256_shuffle_ps(t[k], t[k + 2], 0xEE);
-        u[k + 2] = _mm256_shuffle_ps(t[k + 1], t[k + 3], 0x44);
-        u[k + 3] = _mm256_shuffle_ps(t[k + 1], t[k + 3], 0xEE);
-    }
-    for (int k = 0; k < 4; ++k) {
-        r[k] = _mm256_permute2f128_ps(u[k], u[k + 4], 0x20);
-        r[k + 4] = _mm256_permute2f128_ps(u[k], u[k + 4], 0x31);
-    }
-}
-
 // Float rows: eight values per block, slot by slot in order, the running sum
 // starting at +0. Slots without alpha add +0 * 0: a block of the window plan
 // masks their samples to +0, a gather loads nothing for them.
