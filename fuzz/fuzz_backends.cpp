@@ -3,8 +3,9 @@
 // source and destination regions inside, across and outside the frames, and
 // every operation with its parameters (resize with each method, colorCvt,
 // convert, add, mul, warpAffine with any matrix, cropAndResize into a small
-// tensor). A few calls run on the same backend objects so that their kept
-// scratch frames and tables meet new shapes.
+// tensor), and resizes of strips with a side of up to 70000. A few calls run
+// on the same backend objects so that their kept scratch frames and tables
+// meet new shapes.
 #include <memory>
 #include <vector>
 
@@ -74,7 +75,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const kv::FrameFormat sf = kvfuzz::anyFormat(in);
         const kv::Size ss = kvfuzz::anySize(in);
         kvfuzz::ExactFrame src = kvfuzz::exactFrame(in, sf, ss);
-        const int op = in.ConsumeIntegralInRange<int>(0, 6);
+        const int op = in.ConsumeIntegralInRange<int>(0, 7);
+        if (op == 7) {
+            // A strip with a side of 32760 to 70000 pixels resized to or from a
+            // short one: past the 16-bit indices and 32-bit fixed-point steps of
+            // the scalers' tables.
+            const bool across = in.ConsumeBool();
+            const int thin = in.ConsumeIntegralInRange<int>(1, 2);
+            const int longer = in.ConsumeIntegralInRange<int>(32760, 70000);
+            const int shorter = in.ConsumeIntegralInRange<int>(1, 300);
+            const kv::Size strip = across ? kv::Size(longer, thin) : kv::Size(thin, longer);
+            const kv::Size stub = across ? kv::Size(shorter, thin) : kv::Size(thin, shorter);
+            const bool enlarge = in.ConsumeBool();
+            kvfuzz::ExactFrame from = kvfuzz::exactFrame(in, sf, enlarge ? stub : strip);
+            kvfuzz::ExactFrame to = kvfuzz::exactFrame(in, sometimesSame(in, sf), enlarge ? strip : stub);
+            kvfuzz::guarded([&] { backend.resize(from.frame, to.frame, kv::Rect(), kv::Rect()); });
+            continue;
+        }
         if (op == 6) {
             // cropAndResize: a batch of regions (any, inside, outside, empty) and optional targets.
             const int n = in.ConsumeIntegralInRange<int>(0, 3);

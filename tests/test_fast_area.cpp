@@ -7,6 +7,8 @@
 // cv::resize itself over many sizes, directly and through CvBackendSimd.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -121,12 +123,19 @@ TEST(CvAreaKernels, VectorMatchesReference) {
         for (int s : {d + 1, d * 3 / 2 + 1, d * 2 + 1, d * 5 - 2, d * 9 + 4}) cases.push_back({s, d});
     for (int s : {1920, 1921})
         for (int d : {1280, 700, 416, 224, 33, 1919}) cases.push_back({s, d});
+    int window_blocks = 0, two_load_blocks = 0, quad_blocks = 0;
     for (int channels = 1; channels <= 4; ++channels)
         for (bool bytes : {true, false})
             for (const KernelCase& c : cases) {
                 const Plane src = randomPlane(c.src, 7, channels, bytes, uint32_t(c.src * 31 + c.dst + channels), true);
                 impl::CvAreaPlan plan;
                 impl::buildCvAreaPlan(plan, c.src, 7, c.dst, 3, channels, bytes);
+                if (!bytes && plan.row.win_loads) {
+                    const int ok = int(std::count(plan.row.win_ok.begin(), plan.row.win_ok.end(), 1));
+                    window_blocks += ok;
+                    if (plan.row.win_loads == 2) two_load_blocks += ok;
+                    if (plan.row.taps <= 4) quad_blocks += ok;
+                }
                 const size_t step = size_t(c.dst * channels) * (bytes ? 1 : 4) + 3;
                 std::vector<uint8_t> a(step * 3, 0xA5), b(step * 3, 0xA5);
                 std::vector<float> rows(size_t(plan.row.values) * size_t(plan.ring));
@@ -138,6 +147,10 @@ TEST(CvAreaKernels, VectorMatchesReference) {
                 ASSERT_EQ(a, b) << channels << " channels " << (bytes ? "bytes " : "floats ") << c.src << " -> "
                                 << c.dst;
             }
+    // Float rows of one channel load windows (of 4, 8 and 16 samples), not only gathers.
+    EXPECT_GT(window_blocks, 500);
+    EXPECT_GT(two_load_blocks, 50);
+    EXPECT_GT(quad_blocks, 50);
 }
 
 // Sizes that OpenCV decimates: full HD to common outputs, odd sizes, one axis

@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "alloc_count.h"
+#include "kv_cv/kv_cv_backend_base.h"
 #include "kv_cv/kv_row_copier.h"
+#include "kv_cv/kv_scaler.h"
 #include "kv_cv/kv_scaler_area.h"
 #include "kv_cv/kv_impl_cpu.h"
 #include "kv_cv/kv_impl_scale_area.h"
@@ -286,6 +288,88 @@ TEST(AreaErrors, ReuseChecksInOrder) {
                     "Failure in scaleAreaXY::reuse(...) : the area method is implemented for down-scaling only.");
 }
 
+// Sides the fixed-point tables cannot hold are refused at reuse, before any
+// state changes (a 70000-pixel row once crashed in the taps' construction);
+// the largest sides that fit still give the rule's bytes.
+TEST(AreaErrors, SidesBeyondTheTablesAreRefused) {
+    const auto p16 = kv::KV_SCALER_FIXED_POINT_16S;
+    const auto p8 = kv::KV_SCALER_FIXED_POINT_8S;
+    const kv::Frame wide = kvtest::randomFrame(kv::FRAME_GRAY_8, kv::Size(70000, 2), 21);
+    const kv::Frame tall = kvtest::randomFrame(kv::FRAME_GRAY_8, kv::Size(2, 70000), 22);
+    const std::string too_wide =
+        "Failure in ScalerAreaX::reuse(...) : a source width of 70000 is out of range (the area scalers take at most "
+        "65535).";
+    const std::string too_tall =
+        "Failure in ScalerAreaY::reuse(...) : a source height of 70000 is out of range (the area scalers take at most "
+        "65535).";
+    kv::ScalerAreaX x;
+    kv::ScalerAreaY y;
+    EXPECT_KV_THROW(x.reuse(wide, 7, p16), 5, too_wide);
+    EXPECT_KV_THROW(y.reuse(tall, 7, p16), 5, too_tall);
+    EXPECT_FALSE(x.initialized());
+    EXPECT_FALSE(y.initialized());
+    kv::RowCopier wide_rows, tall_rows;
+    wide_rows.reuse(wide);
+    tall_rows.reuse(tall);
+    EXPECT_KV_THROW(x.reuse(wide_rows, 7, p8), 5, too_wide);
+    EXPECT_KV_THROW(y.reuse(tall_rows, 7, p8), 5, too_tall);
+    kv::Scaler scaler;
+    EXPECT_KV_THROW(scaler.reuse(wide, kv::Size(7, 2), kv::KV_SCALE_AREA), 5, too_wide);
+    EXPECT_KV_THROW(scaler.reuse(tall, kv::Size(2, 7), kv::KV_SCALE_AREA), 5, too_tall);
+    kv::CvBackendBase backend;
+    backend.setIntProperty(1, 2);  // resize method: area
+    kv::Frame out(kv::FRAME_GRAY_8, kv::Size(7, 2));
+    EXPECT_KV_THROW(backend.resize(wide, out, kv::Rect(), kv::Rect()), 5, too_wide);
+
+    // The step (dst << shift) / src is signed 32-bit: enlargements of 65536 times
+    // or more at 16-bit precision (of 2^24 at 8-bit) do not fit.
+    const kv::Frame one = kvtest::randomFrame(kv::FRAME_GRAY_8, kv::Size(1, 1), 23);
+    EXPECT_KV_THROW(x.reuse(one, 65536, p16), 5,
+                    "Failure in ScalerAreaX::reuse(...) : enlarging a width of 1 to 65536 is out of range (at most "
+                    "65535 times at this precision).");
+    EXPECT_KV_THROW(y.reuse(one, 65536, p16), 5,
+                    "Failure in ScalerAreaY::reuse(...) : enlarging a height of 1 to 65536 is out of range (at most "
+                    "65535 times at this precision).");
+    x.reuse(one, 65536, p8);
+    kv::Frame got;
+    kv::produceFrame(x, got);
+    EXPECT_TRUE(kvtest::framesEqual(got, expectX(one, 65536, 7)));
+
+    // The 16.16 steps of scaleAreaXY are signed 32-bit: reductions of 32768 times or more.
+    kv::scaleAreaXY xy;
+    const kv::Frame row = kvtest::randomFrame(kv::FRAME_GRAY_8, kv::Size(32768, 1), 24);
+    const kv::Frame column = kvtest::randomFrame(kv::FRAME_GRAY_8, kv::Size(1, 32768), 25);
+    EXPECT_KV_THROW(xy.reuse(row, kv::Size(1, 1), p16), 5,
+                    "Failure in scaleAreaXY::reuse(...) : reducing 32768x1 to 1x1 is out of range (at most 32767 "
+                    "times per axis).");
+    EXPECT_KV_THROW(xy.reuse(column, kv::Size(1, 1), p16), 5,
+                    "Failure in scaleAreaXY::reuse(...) : reducing 1x32768 to 1x1 is out of range (at most 32767 "
+                    "times per axis).");
+    EXPECT_FALSE(xy.initialized());
+    const kv::Frame row_fits = kvtest::randomFrame(kv::FRAME_GRAY_8, kv::Size(32767, 1), 26);
+    xy.reuse(row_fits, kv::Size(1, 1), p16);
+    kv::produceFrame(xy, got);
+    EXPECT_TRUE(kvtest::framesEqual(got, expectXY(row_fits, kv::Size(1, 1))));
+
+    // The widest and tallest sources that fit, every ISA.
+    const kv::Frame widest = kvtest::randomFrame(kv::FRAME_GRAY_8, kv::Size(65535, 2), 27);
+    const kv::Frame tallest = kvtest::randomFrame(kv::FRAME_GRAY_8, kv::Size(3, 65535), 28);
+    for (Isa isa : kvtest::availableIsas()) {
+        IsaCap cap(isa);
+        for (int dst : {7, 1000, 32768, 65534}) {
+            SCOPED_TRACE(testing::Message() << "to " << dst);
+            kv::ScalerAreaX fx;
+            fx.reuse(widest, dst, p16);
+            kv::produceFrame(fx, got);
+            EXPECT_TRUE(kvtest::framesEqual(got, expectX(widest, dst, 15)));
+        }
+        kv::ScalerAreaY fy;
+        fy.reuse(tallest, 7, p16);
+        kv::produceFrame(fy, got);
+        EXPECT_TRUE(kvtest::framesEqual(got, expectY(tallest, 7, 15)));
+    }
+}
+
 TEST(AreaErrors, UnsupportedFormatsFailInProduce) {
     for (kv::FrameFormat f : {kv::FRAME_RGB_8, kv::FRAME_RGB_8_PLANAR, kv::FRAME_FLOAT_32, kv::FRAME_FLOAT_32_C3}) {
         SCOPED_TRACE(kv::toString(f));
@@ -445,7 +529,7 @@ std::vector<std::pair<int, int>> horizontalCases() {
 template <typename T, typename Kernel>
 void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
     std::mt19937 rng(11);
-    int planned = 0;
+    int planned = 0, windowed = 0;
     for (int channels = 1; channels <= 4; ++channels)
         for (auto [src_w, dst_w] : horizontalCases())
             for (int shift : {15, 7}) {
@@ -457,7 +541,9 @@ void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
                                        std::max(1, dst_w * channels - clip), wm, shift, dst_w < src_w};
                 kv::impl::AreaTaps taps;
                 kv::impl::buildAreaTaps(row, taps, sample_bytes);
-                planned += taps.pair_blocks > 0;
+                planned += taps.pair_blocks > 0 || taps.perm_blocks > 0;
+                windowed += sample_bytes == 4 && channels == 1 && !taps.perm_blocks && taps.taps <= 16 &&
+                            row.dst_len >= 8;
                 std::vector<uint8_t> bytes(size_t(row.src_len) * sizeof(T) + 1);
                 T* src = reinterpret_cast<T*>(bytes.data() + 1);  // not aligned to the sample size
                 for (int i = 0; i < row.src_len; ++i)
@@ -473,8 +559,9 @@ void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
                     ASSERT_EQ(b[i], T(0x5A));
                 }
             }
-    if (sample_bytes <= 2) {
-        EXPECT_GT(planned, 1000) << sizeof(T);  // the shuffle plan, not only the fallbacks
+    EXPECT_GT(planned, 1000) << sizeof(T);  // the shuffle or permute plan, not only the fallbacks
+    if (sample_bytes == 4) {
+        EXPECT_GT(windowed, 100);  // and the windows of one-channel rows
     }
 }
 

@@ -414,7 +414,7 @@ std::vector<RowCase> rowCases(int bytes) {
 template <typename T, typename Kernel>
 void compareLerp(int bytes, Kernel ref_kernel, Kernel vec_kernel) {
     std::mt19937 rng(11);
-    int vector_plans = 0, gather_plans = 0, half_plans = 0;
+    int vector_plans = 0, gather_plans = 0, half_plans = 0, permute_plans = 0;
     for (const RowCase& rc : rowCases(bytes)) {
         kv::impl::LerpPlan plan;
         const auto xs = positions(rc.src_units, rc.dst_units);
@@ -423,6 +423,7 @@ void compareLerp(int bytes, Kernel ref_kernel, Kernel vec_kernel) {
         vector_plans += plan.chunks > 0 || plan.gather.chunks > 0 || plan.wide >= 8;
         gather_plans += plan.unit_values > 0;
         half_plans += plan.half_channels > 0;
+        permute_plans += plan.perm_blocks > 0;
         std::vector<T> src(size_t(rc.src_elems));
         for (auto& v : src) v = T(rng());
         std::vector<T> a(size_t(rc.n) + 16, T(0x5A)), b(size_t(rc.n) + 16, T(0x5A));
@@ -436,6 +437,8 @@ void compareLerp(int bytes, Kernel ref_kernel, Kernel vec_kernel) {
     if (bytes == 1) {
         EXPECT_GT(gather_plans, 50);  // and the unit loads of steep reductions
         EXPECT_GT(half_plans, 100);   // and the exact halvings
+    } else {
+        EXPECT_GT(permute_plans, 300);  // the permute plan, not only the gathers
     }
 }
 

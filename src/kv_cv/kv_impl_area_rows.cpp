@@ -179,6 +179,47 @@ void buildAreaPairs(const AreaRowX& r, AreaTaps& t, int sample_bytes) {
     t.pair_blocks = blocks;
 }
 
+// The permute plan of AreaTaps for 32-bit rows (see kv_impl_scale_area.h);
+// leaves perm_blocks at 0 where a block spans more than four loads.
+void buildAreaPermutes(const AreaRowX& r, AreaTaps& t) {
+    t.perm_chunks = t.perm_blocks = 0;
+    const int blocks = r.dst_len / 8;
+    if (blocks == 0 || t.taps < 1) return;
+    const size_t per_block = size_t(t.taps) * 8;
+    // Used taps only: a tap without weight reads nothing.
+    auto used = [&](int o, int k) { return t.weights[size_t(o / 8) * per_block + size_t(k) * 8 + size_t(o % 8)] != 0; };
+    std::vector<int32_t>& lo = t.scratch_lo;
+    lo.assign(size_t(blocks), 0);
+    int chunks = 1;
+    for (int b = 0; b < blocks; ++b) {
+        int l = r.src_len, u = -1;
+        for (int o = 8 * b; o < 8 * b + 8; ++o)
+            for (int k = 0; k < t.taps; ++k)
+                if (used(o, k)) {
+                    const int e = t.offset[size_t(o)] + k * r.channels;
+                    l = std::min(l, e), u = std::max(u, e);
+                }
+        if (u < 0) l = u = 0;
+        lo[size_t(b)] = l;
+        chunks = std::max(chunks, (u - l) / 8 + 1);
+    }
+    if (chunks > kMaxPermuteLoads || r.src_len < 8 * chunks) return;
+    t.perm_base.resize(size_t(blocks));
+    t.perm_index.assign(size_t(blocks) * per_block, 0);
+    for (int b = 0; b < blocks; ++b) {
+        const int base = std::min(lo[size_t(b)], r.src_len - 8 * chunks);
+        t.perm_base[size_t(b)] = base;
+        for (int o = 8 * b; o < 8 * b + 8; ++o)
+            for (int k = 0; k < t.taps; ++k) {
+                if (!used(o, k)) continue;
+                t.perm_index[size_t(b) * per_block + size_t(k) * 8 + size_t(o % 8)] =
+                    permuteIndex(t.offset[size_t(o)] + k * r.channels - base);
+            }
+    }
+    t.perm_chunks = chunks;
+    t.perm_blocks = blocks;
+}
+
 }  // namespace
 
 void buildAreaTaps(const AreaRowX& r, AreaTaps& t, int sample_bytes) {
@@ -209,10 +250,13 @@ void buildAreaTaps(const AreaRowX& r, AreaTaps& t, int sample_bytes) {
         if (!inside) break;
         t.vec_values = b * 8 + 8;
     }
-    if (sample_bytes <= 2)
+    t.perm_chunks = t.perm_blocks = 0;
+    if (sample_bytes <= 2) {
         buildAreaPairs(r, t, sample_bytes);
-    else
+    } else {
         t.pairs = t.chunks = t.pair_blocks = 0;
+        buildAreaPermutes(r, t);
+    }
     // A plain box: every output pixel takes q whole pixels with weight_max.
     t.uniform_q = 0;
     if (r.reduce && units > 0) {
@@ -560,10 +604,70 @@ inline __m256i shiftedLanes(__m256i even, __m256i odd, __m128i shift) {
     return _mm256_blend_epi32(_mm256_srl_epi64(even, shift), _mm256_slli_epi64(_mm256_srl_epi64(odd, shift), 32), 0xAA);
 }
 
-// Eight values per step: one masked 32-bit gather per tap (taps without a
-// weight load nothing), 64-bit products of the even and the odd lanes.
+// Eight values per step from the permute plan: K loads of eight samples, per
+// tap the samples picked from them (permuteLoads), 64-bit products
+// of the even and the odd lanes. Returns the values done.
+template <int K>
+int permuteTaps32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const AreaTaps& t) {
+    const __m128i shift = _mm_cvtsi32_si128(row.shift);
+    const int taps = t.taps;
+    const int32_t* index = t.perm_index.data();
+    const int32_t* w = t.weights.data();
+    for (int b = 0; b < t.perm_blocks; ++b) {
+        const uint32_t* s = src + t.perm_base[size_t(b)];
+        __m256i c[K];
+        for (int j = 0; j < K; ++j) c[j] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 8 * j));
+        __m256i even = _mm256_setzero_si256(), odd = _mm256_setzero_si256();
+        for (int k = 0; k < taps; ++k, index += 8, w += 8) {
+            const __m256i idx = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(index));
+            const __m256i wk = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w));
+            const __m256i v = permuteLoads<K>(c, idx);
+            even = _mm256_add_epi64(even, _mm256_mul_epu32(v, wk));
+            odd = _mm256_add_epi64(odd, _mm256_mul_epu32(_mm256_srli_epi64(v, 32), _mm256_srli_epi64(wk, 32)));
+        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 8 * b), shiftedLanes(even, odd, shift));
+    }
+    return 8 * t.perm_blocks;
+}
+
+// One-channel rows whose blocks span too many loads for the permute plan:
+// each value's taps are consecutive samples from its offset, so per block
+// the eight windows of 8 x L samples are loaded and transposed into one
+// vector per tap (weights past a value's taps are 0). Runs while the windows
+// lie inside the row; returns the values done.
+template <int L>
+int windowTaps32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const AreaTaps& t) {
+    const __m128i shift = _mm_cvtsi32_si128(row.shift);
+    int o = 0;
+    for (; o + 8 <= row.dst_len && t.offset[size_t(o) + 7] + 8 * L <= row.src_len; o += 8) {
+        const int32_t* w = &t.weights[size_t(o) * size_t(t.taps)];
+        __m256i even = _mm256_setzero_si256(), odd = _mm256_setzero_si256();
+        for (int l = 0; l < L; ++l) {
+            __m256 r[8];
+            for (int j = 0; j < 8; ++j)
+                r[j] = _mm256_loadu_ps(reinterpret_cast<const float*>(src + t.offset[size_t(o + j)] + 8 * l));
+            transpose8(r);
+            for (int k = 8 * l; k < std::min(t.taps, 8 * l + 8); ++k) {
+                const __m256i v = _mm256_castps_si256(r[k - 8 * l]);
+                const __m256i wk = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w + 8 * k));
+                even = _mm256_add_epi64(even, _mm256_mul_epu32(v, wk));
+                odd = _mm256_add_epi64(odd, _mm256_mul_epu32(_mm256_srli_epi64(v, 32), _mm256_srli_epi64(wk, 32)));
+            }
+        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + o), shiftedLanes(even, odd, shift));
+    }
+    return o;
+}
+
+// Eight values per step: from the permute plan or the windows of one-channel
+// rows, else one masked 32-bit gather per tap (taps without a weight load
+// nothing), 64-bit products of the even and the odd lanes.
 void areaRowX32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const AreaTaps& t, int o_begin) {
     int o = o_begin;
+    if (o == 0 && t.perm_blocks > 0)
+        dispatchCount<kMaxPermuteLoads>(t.perm_chunks, [&](auto k) { o = permuteTaps32<k()>(src, dst, row, t); });
+    else if (o == 0 && row.channels == 1 && t.taps > 0 && t.taps <= 16)
+        o = t.taps <= 8 ? windowTaps32<1>(src, dst, row, t) : windowTaps32<2>(src, dst, row, t);
     if (o % 8 == 0 && t.taps > 0) {
         const __m128i shift = _mm_cvtsi32_si128(row.shift);
         const __m256i step = _mm256_set1_epi32(row.channels);

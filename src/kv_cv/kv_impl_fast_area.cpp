@@ -48,6 +48,34 @@ void buildCvAreaTable(int src_size, int dst_size, std::vector<CvAreaTap>& table)
     }
 }
 
+// The window plan of CvAreaRowPlan (float rows of one channel).
+void planCvAreaWindows(CvAreaRowPlan& plan, int channels, int src_elements) {
+    const int T = plan.taps;
+    plan.win_loads = 0;
+    if (channels != 1 || T > 16 || plan.blocks == 0) return;
+    const int loads = (T + 7) / 8;
+    plan.window.assign(size_t(plan.values), 0);
+    plan.win_ok.assign(size_t(plan.blocks), 0);
+    for (int o = 0; o < plan.values; ++o) {
+        bool found = false, consecutive = true;
+        int start = 0;
+        for (int t = 0; t < T; ++t) {
+            const size_t v = size_t(o) * size_t(T) + size_t(t);
+            if (plan.alpha[v] == 0.f) continue;
+            if (!found) start = plan.element[v] - t, found = true;
+            consecutive = consecutive && plan.element[v] == start + t;
+        }
+        const bool inside = start >= 0 && start + (T <= 4 ? 4 : 8 * loads) <= src_elements;
+        plan.window[size_t(o)] = consecutive && inside ? start : -1;
+    }
+    for (int b = 0; b < plan.blocks; ++b) {
+        bool ok = true;
+        for (int j = 0; j < 8; ++j) ok = ok && plan.window[size_t(8 * b + j)] >= 0;
+        plan.win_ok[size_t(b)] = ok;
+    }
+    plan.win_loads = loads;
+}
+
 void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab, int dst_width, int channels,
                         int src_elements) {
     const int C = channels;
@@ -84,6 +112,7 @@ void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab,
                 plan.weight[(size_t(b) * size_t(T) + size_t(t)) * 8 + size_t(j)] = plan.alpha[v];
             }
     }
+    planCvAreaWindows(plan, C, src_elements);
     // Byte rows: per lane the span of its four values' taps, in 16-byte loads.
     plan.chunks = 0;
     plan.base.clear();
@@ -262,20 +291,50 @@ void cvAreaRowX8(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
     refRowX(p, src, buf, 8 * p.blocks);
 }
 
+// Float rows: eight values per block, slot by slot in order, the running sum
+// starting at +0. Slots without alpha add +0 * 0: a block of the window plan
+// masks their samples to +0, a gather loads nothing for them.
 void cvAreaRowX32f(const CvAreaRowPlan& p, const float* src, float* buf) {
     const int T = p.taps;
     const int32_t* idx = p.index.data();
     const float* w = p.weight.data();
     const __m256 zero = _mm256_setzero_ps();
-    for (int b = 0; b < p.blocks; ++b) {
+    for (int b = 0; b < p.blocks; ++b, idx += 8 * T, w += 8 * T) {
         __m256 acc = zero;
-        for (int t = 0; t < T; ++t, idx += 8, w += 8) {
-            const __m256 alpha = _mm256_loadu_ps(w);
-            // Unused slots (alpha 0) load nothing and add +0 * 0.
+        auto add = [&](__m256 s, const float* alpha_at) {
+            const __m256 alpha = _mm256_loadu_ps(alpha_at);
             const __m256 used = _mm256_cmp_ps(alpha, zero, _CMP_NEQ_OQ);
-            const __m256 s = _mm256_mask_i32gather_ps(zero, src, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(idx)),
-                                                      used, 4);
-            acc = _mm256_add_ps(acc, _mm256_mul_ps(s, alpha));
+            acc = _mm256_add_ps(acc, _mm256_mul_ps(_mm256_and_ps(s, used), alpha));
+        };
+        if (p.win_loads && p.win_ok[size_t(b)] && T <= 4) {
+            // Values j and j + 4 share a register; a 4 x 4 transpose per lane.
+            const int32_t* start = &p.window[size_t(8 * b)];
+            __m256 r[4];
+            for (int j = 0; j < 4; ++j)
+                r[j] = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(src + start[j])),
+                                            _mm_loadu_ps(src + start[j + 4]), 1);
+            const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
+            const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
+            r[0] = _mm256_shuffle_ps(t0, t2, 0x44);
+            r[1] = _mm256_shuffle_ps(t0, t2, 0xEE);
+            r[2] = _mm256_shuffle_ps(t1, t3, 0x44);
+            r[3] = _mm256_shuffle_ps(t1, t3, 0xEE);
+            for (int t = 0; t < T; ++t) add(r[t], w + 8 * t);
+        } else if (p.win_loads && p.win_ok[size_t(b)]) {
+            const int32_t* start = &p.window[size_t(8 * b)];
+            for (int l = 0; l < p.win_loads; ++l) {
+                __m256 r[8];
+                for (int j = 0; j < 8; ++j) r[j] = _mm256_loadu_ps(src + start[j] + 8 * l);
+                transpose8(r);
+                for (int t = 8 * l; t < std::min(T, 8 * l + 8); ++t) add(r[t - 8 * l], w + 8 * t);
+            }
+        } else {
+            for (int t = 0; t < T; ++t) {
+                const __m256 used = _mm256_cmp_ps(_mm256_loadu_ps(w + 8 * t), zero, _CMP_NEQ_OQ);
+                add(_mm256_mask_i32gather_ps(zero, src, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(idx + 8 * t)),
+                                             used, 4),
+                    w + 8 * t);
+            }
         }
         _mm256_storeu_ps(buf + 8 * b, acc);
     }

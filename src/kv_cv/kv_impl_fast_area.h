@@ -56,6 +56,15 @@ struct CvAreaRowPlan {
     std::vector<uint8_t> select;   // blocks x taps x chunks x 32 (byte rows)
     std::vector<int32_t> index;    // blocks x taps x 8 source elements (float rows)
     std::vector<float> weight;     // blocks x taps x 8 alphas
+    // Float rows of one channel: each value's used slots read consecutive
+    // samples, slot t at window[value] + t. A block whose eight windows of
+    // 8 x `win_loads` samples (4 when there are at most 4 taps) lie inside
+    // the row (win_ok) loads them and transposes them into per-slot vectors
+    // instead of gathering; 0 `win_loads` means no such plan (more than 16
+    // taps, or channels).
+    int win_loads = 0;
+    std::vector<int32_t> window;   // values
+    std::vector<uint8_t> win_ok;   // blocks
     std::vector<int32_t> scratch;  // working memory of the construction
 };
 void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab, int dst_width, int channels,

@@ -80,6 +80,15 @@ struct AreaTaps {
     // 16-bit rows: samples enter as s - 32768 (signed words); per block 16
     // values' 32768 x (sum of their weights) restores the sum.
     std::vector<int32_t> pair_bias;
+    // Permute plan for 32-bit rows: block b holds values [8b, 8b + 8) and
+    // reads `perm_chunks` (1 to 4) loads of eight samples from perm_base[b];
+    // per tap each value's sample is picked from them by perm_index (bits 0-2:
+    // sample within its load; bit 30: odd load; bit 31: third or fourth load).
+    // Zero `perm_blocks` means no plan.
+    int perm_chunks = 0;
+    int perm_blocks = 0;
+    std::vector<int32_t> perm_base;
+    std::vector<int32_t> perm_index;  // blocks x taps x 8
     // Working memory of the plan's construction.
     std::vector<int32_t> scratch_lo;
     std::vector<uint8_t> scratch_set;

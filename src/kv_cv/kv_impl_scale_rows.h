@@ -12,6 +12,8 @@
 // not a multiple of 16), so nothing is read or written outside a row's bytes.
 #pragma once
 
+#include <immintrin.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
@@ -96,6 +98,14 @@ struct LerpPlan {
     // 2 (e / C) + 1, fraction 32768 everywhere): each value is the floor of
     // the pair's mean. `half_channels` is C, 0 when the row is not such.
     int32_t half_channels = 0;
+    // Vector plan for 16- and 32-bit samples: block b holds values [8b, 8b + 8)
+    // and reads `perm_loads` loads of eight samples from perm_base[b]; the
+    // left and right samples are picked by permuteIndex values. Zero
+    // `perm_blocks` means no plan.
+    int32_t perm_loads = 0;
+    int32_t perm_blocks = 0;
+    std::vector<int32_t> perm_base;
+    std::vector<int32_t> perm_left, perm_right;  // blocks x 8
 };
 
 // Builds the interpolation of `units` output units of `channels` samples from
@@ -122,6 +132,58 @@ inline bool dispatchCount(int k, F&& f) {
         return false;
     }
 }
+
+// Permute plans of 32-bit lanes: a block of eight values reads K (1 to 4)
+// loads of eight samples from its base, and each value's sample is picked by
+// an index whose bits 0-2 name the sample within its load, bit 30 an odd load
+// and bit 31 the third or fourth. `rel` counts samples from the block's base.
+constexpr int kMaxPermuteLoads = 4;
+inline int32_t permuteIndex(int rel) {
+    const int load = rel / 8;
+    return int32_t(uint32_t(rel % 8) | uint32_t(load & 1) << 30 | uint32_t(load >> 1) << 31);
+}
+
+#pragma GCC push_options
+#pragma GCC target("avx2")
+namespace avx2 {
+// a or b per 32-bit lane, by the sign bit of `by`.
+inline __m256i pickBySign(__m256i a, __m256i b, __m256i by) {
+    return _mm256_castps_si256(_mm256_blendv_ps(_mm256_castsi256_ps(a), _mm256_castsi256_ps(b), _mm256_castsi256_ps(by)));
+}
+
+// The samples that `idx` (permuteIndex values) names among loads c[0..K).
+template <int K>
+inline __m256i permuteLoads(const __m256i* c, __m256i idx) {
+    __m256i v = _mm256_permutevar8x32_epi32(c[0], idx);
+    if (K < 2) return v;
+    const __m256i odd = _mm256_slli_epi32(idx, 1);
+    v = pickBySign(v, _mm256_permutevar8x32_epi32(c[1], idx), odd);
+    if (K < 3) return v;
+    __m256i high = _mm256_permutevar8x32_epi32(c[2], idx);
+    if (K == 4) high = pickBySign(high, _mm256_permutevar8x32_epi32(c[K - 1], idx), odd);
+    return pickBySign(v, high, idx);
+}
+// Transposes eight vectors of eight 32-bit lanes: r[t] lane j = r[j] lane t.
+inline void transpose8(__m256 r[8]) {
+    __m256 t[8], u[8];
+    for (int k = 0; k < 8; k += 2) {
+        t[k] = _mm256_unpacklo_ps(r[k], r[k + 1]);
+        t[k + 1] = _mm256_unpackhi_ps(r[k], r[k + 1]);
+    }
+    for (int k = 0; k < 8; k += 4) {
+        u[k] = _mm256_shuffle_ps(t[k], t[k + 2], 0x44);
+        u[k + 1] = _mm256_shuffle_ps(t[k], t[k + 2], 0xEE);
+        u[k + 2] = _mm256_shuffle_ps(t[k + 1], t[k + 3], 0x44);
+        u[k + 3] = _mm256_shuffle_ps(t[k + 1], t[k + 3], 0xEE);
+    }
+    for (int k = 0; k < 4; ++k) {
+        r[k] = _mm256_permute2f128_ps(u[k], u[k + 4], 0x20);
+        r[k + 4] = _mm256_permute2f128_ps(u[k], u[k + 4], 0x31);
+    }
+}
+
+}  // namespace avx2
+#pragma GCC pop_options
 
 // Byte selectors (for a 32-byte shuffle) that put the two pixels of each
 // pixel pair side by side, channel by channel (a0 b0 a1 b1 ...), so that one

@@ -7,6 +7,7 @@
 #include <immintrin.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 #include "kv_core/kv_exception.h"
@@ -70,6 +71,23 @@ int rowElements(const FramePlane& p, int sample_bytes) { return int(p.row_bytes 
 // 4:2:2 row of one pixel has them: 3-byte units cover 3 of its 4 bytes).
 void zeroTail(uint8_t* row, int done, int total, int sample_bytes) {
     if (done < total) std::memset(row + size_t(done) * size_t(sample_bytes), 0, size_t(total - done) * size_t(sample_bytes));
+}
+
+// The separable scalers' table holds source indices in 16 bits and the ratio
+// step = (dst << shift) / src in a signed 32-bit integer: sizes beyond either
+// are refused before anything changes. `what` names the side ("width" or
+// "height") and `cls` the class in the message.
+void checkAreaSides(int src, int dst, ScalerPrecision precision, const char* cls, const char* what, const char* fn) {
+    const int shift = int(precision) - 1;
+    if (src > 65535)
+        KV_THROW(KV_STATUS_OUT_OF_RANGE, fn,
+                 "Failure in %s::reuse(...) : a source %s of %d is out of range (the area scalers take at most 65535).",
+                 cls, what, src);
+    if ((int64_t(dst) << shift) / src > INT32_MAX)
+        KV_THROW(KV_STATUS_OUT_OF_RANGE, fn,
+                 "Failure in %s::reuse(...) : enlarging a %s of %d to %d is out of range (at most %d times at this "
+                 "precision).",
+                 cls, what, src, dst, int(INT32_MAX >> shift));
 }
 
 // Advances the window one row at a time until it starts at `target` or cannot move.
@@ -152,6 +170,7 @@ void ScalerAreaX::Impl::reuse(const Frame& src_frame, int dst_width, ScalerPreci
     KV_ASSERT(src_frame.initialized(), fn);
     KV_ASSERT(0 < dst_width, fn);
     KV_ASSERT_TEXT_LINE(validPrecision(precision), kPrecisionText, fn, __LINE__);
+    checkAreaSides(src_frame.size().width, dst_width, precision, "ScalerAreaX", "width", fn);
     _reuse(src_frame.layout(), dst_width, precision);
     window.reuse(src_frame, 1);
 }
@@ -161,6 +180,7 @@ void ScalerAreaX::Impl::reuse(IRowProducer& src_producer, int dst_width, ScalerP
     KV_ASSERT(!src_producer.layout().size.empty(), fn);
     KV_ASSERT(0 < dst_width, fn);
     KV_ASSERT_TEXT_LINE(validPrecision(precision), kPrecisionText, fn, __LINE__);
+    checkAreaSides(src_producer.layout().size.width, dst_width, precision, "ScalerAreaX", "width", fn);
     _reuse(src_producer.layout(), dst_width, precision);
     window.reuse(src_producer, 1);
 }
@@ -324,6 +344,7 @@ void ScalerAreaY::reuse(const Frame& src_frame, int dst_height, ScalerPrecision 
     KV_ASSERT(src_frame.initialized(), fn);
     KV_ASSERT(0 < dst_height, fn);
     KV_ASSERT_TEXT_LINE(validPrecision(precision), kPrecisionText, fn, __LINE__);
+    checkAreaSides(src_frame.size().height, dst_height, precision, "ScalerAreaY", "height", fn);
     _impl->reuse(src_frame, src_frame.layout(), dst_height, precision);
 }
 void ScalerAreaY::reuse(IRowProducer& src_producer, int dst_height, ScalerPrecision precision) {
@@ -331,6 +352,7 @@ void ScalerAreaY::reuse(IRowProducer& src_producer, int dst_height, ScalerPrecis
     KV_ASSERT(!src_producer.layout().size.empty(), fn);
     KV_ASSERT(0 < dst_height, fn);
     KV_ASSERT_TEXT_LINE(validPrecision(precision), kPrecisionText, fn, __LINE__);
+    checkAreaSides(src_producer.layout().size.height, dst_height, precision, "ScalerAreaY", "height", fn);
     _impl->reuse(src_producer, src_producer.layout(), dst_height, precision);
 }
 bool ScalerAreaY::initialized() const { return _impl->window.initialized(); }
@@ -382,6 +404,13 @@ void scaleAreaXY::Impl::reuse(const Frame& src_frame, Size dst_size, ScalerPreci
     if (!(src_size.width >= dst_size.width && src_size.height >= dst_size.height))
         KV_THROW(KV_STATUS_NOT_SUPPORTED, fn,
                  "Failure in scaleAreaXY::reuse(...) : the area method is implemented for down-scaling only.");
+    // The 16.16 steps (src << 16) / dst are signed 32-bit: a ratio of 32768 or more does not fit.
+    if ((int64_t(src_size.width) << shift) / dst_size.width > INT32_MAX ||
+        (int64_t(src_size.height) << shift) / dst_size.height > INT32_MAX)
+        KV_THROW(KV_STATUS_OUT_OF_RANGE, fn,
+                 "Failure in scaleAreaXY::reuse(...) : reducing %dx%d to %dx%d is out of range (at most 32767 times "
+                 "per axis).",
+                 src_size.width, src_size.height, dst_size.width, dst_size.height);
     const FrameLayout out(src_frame.format(), dst_size, 64);
     if (_cached_src != src_size || _cached_dst != dst_size || out_layout.format != out.format) {
         x_step = int32_t((int64_t(src_size.width) << shift) / dst_size.width);

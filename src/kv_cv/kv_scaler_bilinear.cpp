@@ -69,6 +69,42 @@ void planLerpUnits(LerpPlan& plan, int channels, int src_elems) {
     plan.unit_values = blocks * 4 * C;
     plan.unit_channels = C;
 }
+// The permute plan of 16- and 32-bit rows (LerpPlan); none where a block of
+// eight values spans more than kMaxPermuteLoads loads.
+void planLerpPermutes(LerpPlan& plan, int src_elems) {
+    const int blocks = plan.n / 8;
+    if (blocks == 0) return;
+    // Lowest and highest sample of block b.
+    auto span = [&](int b, int& lo, int& hi) {
+        lo = hi = plan.left[size_t(8 * b)];
+        for (int e = 8 * b; e < 8 * b + 8; ++e) {
+            lo = std::min({lo, plan.left[size_t(e)], plan.right[size_t(e)]});
+            hi = std::max({hi, plan.left[size_t(e)], plan.right[size_t(e)]});
+        }
+    };
+    int loads = 1;
+    for (int b = 0; b < blocks; ++b) {
+        int lo, hi;
+        span(b, lo, hi);
+        loads = std::max(loads, (hi - lo) / 8 + 1);
+    }
+    if (loads > kMaxPermuteLoads || src_elems < 8 * loads) return;
+    plan.perm_base.resize(size_t(blocks));
+    plan.perm_left.resize(size_t(blocks) * 8);
+    plan.perm_right.resize(size_t(blocks) * 8);
+    for (int b = 0; b < blocks; ++b) {
+        int lo, hi;
+        span(b, lo, hi);
+        const int base = std::min(lo, src_elems - 8 * loads);
+        plan.perm_base[size_t(b)] = base;
+        for (int e = 8 * b; e < 8 * b + 8; ++e) {
+            plan.perm_left[size_t(e)] = permuteIndex(plan.left[size_t(e)] - base);
+            plan.perm_right[size_t(e)] = permuteIndex(plan.right[size_t(e)] - base);
+        }
+    }
+    plan.perm_loads = loads;
+    plan.perm_blocks = blocks;
+}
 }  // namespace
 
 void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, int channels, int n, int src_elems,
@@ -101,7 +137,11 @@ void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, 
     plan.gather.n = 0;
     plan.unit_values = 0;
     plan.half_channels = 0;
-    if (!bytes8) return;
+    plan.perm_loads = plan.perm_blocks = 0;
+    if (!bytes8) {
+        planLerpPermutes(plan, src_elems);
+        return;
+    }
     bool half = channels <= 4 && n == units * channels;
     for (int e = 0; e < n && half; ++e)
         half = plan.left[size_t(e)] == 2 * (e / channels) * channels + e % channels &&
@@ -420,7 +460,40 @@ void lerpRow8(const LerpPlan& plan, const uint8_t* src, uint8_t* dst) {
         ref::lerpRow8(plan, src, dst);
 }
 
+// Stores eight 16-bit (l * (65536 - f) + r * f) >> 16 from 32-bit lanes; both
+// products and their sum stay below 2^32, so unsigned lanes suffice.
+inline void storeLerp16(uint16_t* dst, __m256i l, __m256i r, __m256i f) {
+    const __m256i sum =
+        _mm256_add_epi32(_mm256_mullo_epi32(l, _mm256_sub_epi32(_mm256_set1_epi32(65536), f)), _mm256_mullo_epi32(r, f));
+    const __m256i v = _mm256_srli_epi32(sum, kBilinearShift);
+    const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi32(v, v), 0x08);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm256_castsi256_si128(packed));
+}
+
+// Eight 16-bit values per block of the permute plan: K loads of eight samples
+// widened to 32-bit lanes, the left and right samples picked from them.
+// Returns the values done.
+template <int K>
+int permuteLerp16(const LerpPlan& plan, const uint16_t* src, uint16_t* dst) {
+    for (int b = 0; b < plan.perm_blocks; ++b) {
+        const uint16_t* s = src + plan.perm_base[size_t(b)];
+        __m256i c[K];
+        for (int j = 0; j < K; ++j)
+            c[j] = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 8 * j)));
+        const int e = 8 * b;
+        const __m256i l = permuteLoads<K>(c, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&plan.perm_left[size_t(e)])));
+        const __m256i r = permuteLoads<K>(c, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&plan.perm_right[size_t(e)])));
+        storeLerp16(dst + e, l, r, _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(plan.fx.data() + e))));
+    }
+    return 8 * plan.perm_blocks;
+}
+
 void lerpRow16(const LerpPlan& plan, const uint16_t* src, uint16_t* dst) {
+    int done = 0;
+    if (dispatchCount<kMaxPermuteLoads>(plan.perm_loads, [&](auto k) { done = permuteLerp16<k()>(plan, src, dst); })) {
+        lerpElems(plan, src, dst, done);
+        return;
+    }
     // Eight elements per step through 32-bit gathers. A gather also reads the
     // sample after its index, so the leading `wide` elements (whose indices
     // leave room for that) run here and the rest in the scalar tail.
@@ -435,15 +508,39 @@ void lerpRow16(const LerpPlan& plan, const uint16_t* src, uint16_t* dst) {
         const __m256i mask = _mm256_set1_epi32(0xFFFF);
         const __m256i l = _mm256_and_si256(_mm256_i32gather_epi32(base, il, 2), mask);
         const __m256i r = _mm256_and_si256(_mm256_i32gather_epi32(base, ir, 2), mask);
-        const __m256i f = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(plan.fx.data() + e)));
-        const __m256i w0 = _mm256_sub_epi32(_mm256_set1_epi32(65536), f);
-        // Both products and their sum stay below 2^32: unsigned lanes suffice.
-        const __m256i sum = _mm256_add_epi32(_mm256_mullo_epi32(l, w0), _mm256_mullo_epi32(r, f));
-        const __m256i v = _mm256_srli_epi32(sum, kBilinearShift);
-        const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi32(v, v), 0x08);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + e), _mm256_castsi256_si128(packed));
+        storeLerp16(dst + e, l, r, _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(plan.fx.data() + e))));
     }
     lerpElems(plan, src, dst, e);
+}
+
+// (l * (65536 - f) + r * f) >> 16 on eight unsigned 32-bit lanes, with
+// 64-bit products of the even and the odd lanes.
+inline __m256i lerpDwords(__m256i l, __m256i r, __m256i f) {
+    const __m256i w0 = _mm256_sub_epi32(_mm256_set1_epi32(65536), f);
+    // mul_epu32 reads the even lanes; the odd weights move down for the odd half.
+    const __m256i even =
+        _mm256_srli_epi64(_mm256_add_epi64(_mm256_mul_epu32(l, w0), _mm256_mul_epu32(r, f)), kBilinearShift);
+    const __m256i odd = _mm256_srli_epi64(
+        _mm256_add_epi64(_mm256_mul_epu32(_mm256_srli_epi64(l, 32), _mm256_srli_epi64(w0, 32)),
+                         _mm256_mul_epu32(_mm256_srli_epi64(r, 32), _mm256_srli_epi64(f, 32))),
+        kBilinearShift);
+    return _mm256_blend_epi32(even, _mm256_slli_epi64(odd, 32), 0xAA);
+}
+
+// lerpRow16's permute blocks for 32-bit samples.
+template <int K>
+int permuteLerp32(const LerpPlan& plan, const uint32_t* src, uint32_t* dst) {
+    for (int b = 0; b < plan.perm_blocks; ++b) {
+        const uint32_t* s = src + plan.perm_base[size_t(b)];
+        __m256i c[K];
+        for (int j = 0; j < K; ++j) c[j] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 8 * j));
+        const int e = 8 * b;
+        const __m256i l = permuteLoads<K>(c, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&plan.perm_left[size_t(e)])));
+        const __m256i r = permuteLoads<K>(c, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&plan.perm_right[size_t(e)])));
+        const __m256i f = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(plan.fx.data() + e)));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + e), lerpDwords(l, r, f));
+    }
+    return 8 * plan.perm_blocks;
 }
 
 void lerpRow32(const LerpPlan& plan, const uint32_t* src, uint32_t* dst) {
@@ -451,24 +548,17 @@ void lerpRow32(const LerpPlan& plan, const uint32_t* src, uint32_t* dst) {
     const int32_t* left = plan.left.data();
     const int32_t* right = plan.right.data();
     const int* base = reinterpret_cast<const int*>(src);
-    const __m256i one = _mm256_set1_epi32(65536);
     int e = 0;
-    for (; e + 8 <= n; e += 8) {
-        const __m256i l = _mm256_i32gather_epi32(base, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(left + e)), 4);
-        const __m256i r =
-            _mm256_i32gather_epi32(base, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(right + e)), 4);
-        const __m256i f = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(plan.fx.data() + e)));
-        const __m256i w0 = _mm256_sub_epi32(one, f);
-        // mul_epu32 reads the even lanes; the odd weights move down for the odd half.
-        const __m256i even = _mm256_srli_epi64(_mm256_add_epi64(_mm256_mul_epu32(l, w0), _mm256_mul_epu32(r, f)),
-                                               kBilinearShift);
-        const __m256i odd = _mm256_srli_epi64(
-            _mm256_add_epi64(_mm256_mul_epu32(_mm256_srli_epi64(l, 32), _mm256_srli_epi64(w0, 32)),
-                             _mm256_mul_epu32(_mm256_srli_epi64(r, 32), _mm256_srli_epi64(f, 32))),
-            kBilinearShift);
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + e),
-                            _mm256_blend_epi32(even, _mm256_slli_epi64(odd, 32), 0xAA));
-    }
+    if (!dispatchCount<kMaxPermuteLoads>(plan.perm_loads, [&](auto k) { e = permuteLerp32<k()>(plan, src, dst); }))
+        for (; e + 8 <= n; e += 8) {
+            const __m256i l =
+                _mm256_i32gather_epi32(base, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(left + e)), 4);
+            const __m256i r =
+                _mm256_i32gather_epi32(base, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(right + e)), 4);
+            const __m256i f =
+                _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(plan.fx.data() + e)));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + e), lerpDwords(l, r, f));
+        }
     lerpElems(plan, src, dst, e);
 }
 
