@@ -11,6 +11,7 @@
 
 #include "kv_core/kv_core_functions.h"
 #include "kv_core/kv_exception.h"
+#include "kv_cv/kv_threads.h"
 #include "kvcv_common.h"
 
 namespace kvcv {
@@ -18,7 +19,7 @@ namespace kvcv {
 namespace {
 
 const char kHelp[] =
-    "usage: kvcv bench [--plot FILE.png] [--size WxH] [--min-time SECONDS]\n"
+    "usage: kvcv bench [--plot FILE.png] [--size WxH] [--min-time SECONDS] [--threads N]\n"
     "\n"
     "Times resize, colour conversion, warp and crop-into-tensor on the base and fast backends and\n"
     "on OpenCV, single thread, and prints the time per call and the ratio to OpenCV (below 1:\n"
@@ -26,7 +27,8 @@ const char kHelp[] =
     "\n"
     "  --plot FILE.png   also draw the times as a bar chart\n"
     "  --size WxH        source image size (default 1920x1080)\n"
-    "  --min-time S      time spent on each measurement (default 0.25)\n";
+    "  --min-time S      time spent on each measurement (default 0.25)\n"
+    "  --threads N       also time the kv backends at N threads, with the speed-up\n";
 
 struct Case {
     std::string name;
@@ -51,7 +53,6 @@ int runBench(int argc, char** argv) {
     const std::string plot = args.get("plot");
     if (!plot.empty() && !hasImageExtension(plot)) throw UsageError("--plot needs an image file name (.png)");
 
-    cv::setNumThreads(1);
     std::unique_ptr<kv::ICvBackend> kv_backend[2];
     kv_backend[0] = makeBackend("base");
     kv_backend[1] = makeBackend("fast");
@@ -146,33 +147,57 @@ int runBench(int argc, char** argv) {
                cv::split(cv_crop_float, cv_crop_planes);
            });
 
-    Table table({"operation", "kv base", "kv fast", "OpenCV", "base/OpenCV", "fast/OpenCV"});
+    // With --threads N the kv backends are timed at one thread and at N.
+    const int threads = kv::getNumThreads();
+    const std::string xn = "x" + std::to_string(threads);
+    std::vector<std::string> header = {"operation", "kv base", "kv fast"};
+    if (threads > 1) header.insert(header.end(), {"kv base " + xn, "kv fast " + xn});
+    header.insert(header.end(), {"OpenCV", "base/OpenCV", "fast/OpenCV"});
+    if (threads > 1) header.insert(header.end(), {"base speed-up", "fast speed-up"});
+    Table table(header);
     std::vector<std::string> groups;
     std::vector<std::vector<double>> values;
-    std::printf("kvcv bench: %s source, one thread, %.2f s per figure\n", in_size.c_str(), min_time);
+    std::printf("kvcv bench: %s source, %s, %.2f s per figure\n", in_size.c_str(),
+                threads > 1 ? ("kv at 1 and " + std::to_string(threads) + " threads, OpenCV at 1").c_str()
+                            : "one thread",
+                min_time);
     std::printf("\n");
     std::fflush(stdout);
-    for (const Case& c : cases) {
-        double t[3] = {0, 0, 0};
-        for (int i = 0; i < 3; ++i) {
-            if (!c.impl[i]) continue;
-            try {
-                t[i] = timePerCall(c.impl[i], min_time);
-            } catch (const kv::Exception& e) {
-                if (e.status() != kv::KV_STATUS_NOT_SUPPORTED)
-                    throw RunError(c.name + " (" + kImpl[i] + ") failed: " + e.message() + " (" + e.function() +
-                                   ", status " + std::to_string(int(e.status())) + ")");
-                t[i] = 0;  // not offered by this backend
-            }
+    auto timed = [&](const Case& c, int i) -> double {
+        if (!c.impl[i]) return 0;
+        try {
+            return timePerCall(c.impl[i], min_time);
+        } catch (const kv::Exception& e) {
+            if (e.status() != kv::KV_STATUS_NOT_SUPPORTED)
+                throw RunError(c.name + " (" + kImpl[i] + ") failed: " + e.message() + " (" + e.function() +
+                               ", status " + std::to_string(int(e.status())) + ")");
+            return 0;  // not offered by this backend
         }
+    };
+    for (const Case& c : cases) {
+        double t[3] = {0, 0, 0}, tn[2] = {0, 0};
+        kv::setNumThreads(1);
+        for (int i = 0; i < 2; ++i) t[i] = timed(c, i);
+        kv::setNumThreads(threads);
+        if (threads > 1)
+            for (int i = 0; i < 2; ++i) tn[i] = timed(c, i);
+        const int cv_threads = cv::getNumThreads();
+        cv::setNumThreads(1);
+        t[2] = timed(c, 2);
+        cv::setNumThreads(cv_threads);
         auto cell = [](double s) { return s > 0 ? formatDuration(s) : std::string("n/a"); };
         auto ratio = [](double a, double b) { return a > 0 && b > 0 ? fixed(a / b, 2) + "x" : std::string("-"); };
-        table.add({c.name, cell(t[0]), cell(t[1]), cell(t[2]), ratio(t[0], t[2]), ratio(t[1], t[2])});
+        std::vector<std::string> row = {c.name, cell(t[0]), cell(t[1])};
+        if (threads > 1) row.insert(row.end(), {cell(tn[0]), cell(tn[1])});
+        row.insert(row.end(), {cell(t[2]), ratio(t[0], t[2]), ratio(t[1], t[2])});
+        if (threads > 1) row.insert(row.end(), {ratio(t[0], tn[0]), ratio(t[1], tn[1])});
+        table.add(row);
         groups.push_back(c.name);
         values.push_back({t[0] * 1e3, t[1] * 1e3, t[2] * 1e3});
     }
     std::fputs(table.str().c_str(), stdout);
     std::printf("\nratio = time of kv / time of OpenCV; below 1x kv is faster.\n");
+    if (threads > 1) std::printf("speed-up = time at one thread / time at %d threads.\n", threads);
     if (!plot.empty()) {
         const cv::Mat chart = drawBarChart("kvcv bench, " + in_size + ", one thread: time per call (shorter is faster)",
                                            groups, {kImpl[0], kImpl[1], kImpl[2]}, values, "ms");

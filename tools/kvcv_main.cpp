@@ -10,7 +10,9 @@
 #include <opencv2/core/utils/logger.hpp>
 
 #include "kv_core/kv_exception.h"
+#include "kv_cv/kv_threads.h"
 #include "kvcv_common.h"
+#include "kvcv_input.h"
 
 namespace {
 
@@ -27,7 +29,8 @@ const char kUsage[] =
     "  bench    time the main operations of both backends beside OpenCV\n"
     "\n"
     "Images go in and out by extension (png, jpg, bmp, tif); other extensions are raw frames\n"
-    "(--in-format/--in-size to read, --out-format to choose what is written).\n";
+    "(--in-format/--in-size to read, --out-format to choose what is written).\n"
+    "Every command takes --threads N: threads per operation (default 1; 0: one per core).\n";
 
 struct Command {
     const char* name;
@@ -39,6 +42,27 @@ const Command kCommands[] = {
     {"rotate", kvcv::runRotate},   {"tensor", kvcv::runTensor},   {"batch", kvcv::runBatch},
     {"bench", kvcv::runBench},
 };
+
+// Takes --threads N (or --threads=N) out of the arguments, sets the library's
+// thread count, and returns the count of arguments left.
+int takeThreadsOption(int argc, char** argv) {
+    int out = 0;
+    for (int i = 0; i < argc; ++i) {
+        const std::string a = argv[i];
+        std::string value;
+        if (a == "--threads") {
+            if (i + 1 >= argc) throw kvcv::UsageError("--threads needs a number of threads");
+            value = argv[++i];
+        } else if (a.rfind("--threads=", 0) == 0) {
+            value = a.substr(10);
+        } else {
+            argv[out++] = argv[i];
+            continue;
+        }
+        kv::setNumThreads(kvcv::parseInt(value, "--threads", 0, 1024));
+    }
+    return out;
+}
 
 }  // namespace
 
@@ -64,7 +88,8 @@ int main(int argc, char** argv) {
     }
     const std::string prefix = "kvcv " + name + ": ";
     try {
-        return cmd->run(argc - 2, argv + 2);
+        const int args = takeThreadsOption(argc - 2, argv + 2);
+        return cmd->run(args, argv + 2);
     } catch (const kvcv::UsageError& e) {
         std::fprintf(kvcv::errOut(), "%s%s (see kvcv %s --help)\n", prefix.c_str(), e.what(), name.c_str());
         return kvcv::kExitUsage;

@@ -2,6 +2,9 @@
 // pipeline (Scaler, FormatConverter, produceFrame).
 #pragma once
 
+#include <memory>
+#include <vector>
+
 #include "kv_cv/kv_cv_backend.h"
 #include "kv_cv/kv_format_converter.h"
 #include "kv_cv/kv_scaler.h"
@@ -40,6 +43,10 @@ private:
     Scaler _scaler;
     int32_t _method = KV_SCALE_BILINEAR;
     Frame _temp;
+    // With setNumThreads(n > 1) a call is split into row bands; band 0 runs
+    // on this object, the others on these, made on first use and kept.
+    struct Bands;
+    std::vector<std::unique_ptr<CvBackendBase>> _band_backends;
 };
 
 }  // namespace kv

@@ -87,6 +87,11 @@ private:
     // Per-plane bilinear tables and rows, made on the first bilinear resize
     // and rebuilt only when a plane's sizes change.
     std::unique_ptr<impl::fast::ResizeCache> _resize_cache;
+    // With setNumThreads(n > 1) a call is split into row bands; band 0 runs
+    // on this object, the others on these, made on first use and kept (never
+    // copied: each holds its own scratch frames).
+    struct Bands;
+    std::vector<std::unique_ptr<CvBackendSimd>> _band_backends;
 };
 
 }  // namespace kv

@@ -120,5 +120,8 @@ def fp16_to_fp32(a: npt.NDArray[np.float16]) -> npt.NDArray[np.float32]:
 def fp32_to_fp16(a: npt.NDArray[np.float32]) -> npt.NDArray[np.float16]:
     """Converts a float32 array of any shape to float16, rounding to nearest even."""
 
+def set_num_threads(n: int) -> None:
+    """Threads per call: 1 (default) the calling thread only, 0 one per core; results never change."""
+def get_num_threads() -> int: ...
 def produce_frame(producer: RowProducer, out: Optional[Result] = None) -> Result:
     """Runs a producer chain into an image (an array, or a Frame for multi-plane formats)."""

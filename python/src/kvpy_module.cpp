@@ -8,6 +8,7 @@
 #include "kvpy.h"
 
 #include "kv_core/kv_exception.h"
+#include "kv_cv/kv_threads.h"
 
 #ifndef KV_CV_VERSION
 #error "KV_CV_VERSION must be defined by the build"
@@ -83,6 +84,18 @@ PYBIND11_MODULE(_kv_cv, m) {
     kvpy::registerImageOps(m);
     kvpy::registerTensorOps(m);
     kvpy::registerPipeline(m);
+    m.def("set_num_threads", &kv::setNumThreads, R"doc(set_num_threads(n)
+--
+
+Threads per call of the library: 1 (the default) runs every call on the calling thread;
+n > 1 splits one call of convert, resize, warp_affine, rotate, crop_and_resize and the
+half-float conversions over up to n threads, with results identical to one thread; 0 uses
+one thread per core. Calls release the GIL, so Python threads and these threads compose.)doc",
+          py::arg("n"));
+    m.def("get_num_threads", &kv::getNumThreads, R"doc(get_num_threads()
+--
+
+The threads per call in force (0 given to set_num_threads reads as the core count).)doc");
     // The public names, for `from kv_cv._kv_cv import *`.
     py::list names;
     for (py::handle name : m.attr("__dict__").attr("keys")())

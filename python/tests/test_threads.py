@@ -82,3 +82,38 @@ def test_threads_get_the_same_results_as_one_thread():
     for t in threads:
         t.join()
     assert not failures
+
+
+def test_calls_split_over_threads_give_the_bytes_of_one():
+    """set_num_threads(n) splits a call over n threads; every output stays the same."""
+    rng = np.random.default_rng(3)
+    bgr = rng.integers(0, 256, (721, 1283, 3), dtype=np.uint8)
+    nv12 = kv_cv.convert(bgr[:720, :1282], "nv12")
+    calls = [
+        lambda: kv_cv.convert(bgr, "i420"),
+        lambda: kv_cv.convert(nv12, "bgr"),
+        lambda: kv_cv.resize(bgr, (640, 361), method="area"),
+        lambda: kv_cv.resize(bgr, (1901, 1003), backend="base"),
+        lambda: kv_cv.rotate(bgr, 90),
+        lambda: kv_cv.warp_affine(bgr, [[1, 0.1, 0], [0.1, 1, 0]], (1200, 700)),
+        lambda: kv_cv.crop_and_resize(bgr, [(0, 0, 600, 400), (10, 20, 900, 700), (0, 0, 1283, 721)], (3, 3, 224, 224)),
+    ]
+    assert kv_cv.get_num_threads() == 1
+    def planes(result):
+        if isinstance(result, kv_cv.Frame):
+            return [p.copy() for p in result.planes]
+        return [np.asarray(result).copy()]
+
+    want = [planes(c()) for c in calls]
+    try:
+        for n in (2, 3, 0):
+            kv_cv.set_num_threads(n)
+            assert kv_cv.get_num_threads() >= 1
+            for c, w in zip(calls, want):
+                for got, expected in zip(planes(c()), w):
+                    np.testing.assert_array_equal(got, expected)
+    finally:
+        kv_cv.set_num_threads(1)
+    with pytest.raises(kv_cv.Error):
+        kv_cv.set_num_threads(-1)
+    assert kv_cv.get_num_threads() == 1

@@ -4,9 +4,14 @@
 // holds bytes; float tensors go through one 8-bit image of the crop's output
 // size, converted to float by the backend, then normalised with add and mul.
 #include <cstring>
+#include <memory>
+#include <typeinfo>
 
 #include "kv_core/kv_exception.h"
 #include "kv_cv/kv_cv_backend.h"
+#include "kv_cv/kv_cv_backend_base.h"
+#include "kv_cv/kv_cv_backend_simd.h"
+#include "kv_cv/kv_impl_parallel.h"
 #include "kv_cv/kv_impl_unaligned.h"
 
 #define KV_SOURCE_FILE "src/kv_cv/kv_crop_and_resize"
@@ -116,6 +121,26 @@ void bytesToFloat(const Frame& src, Frame& dst) {
     }
 }
 
+// A backend of the same class and resize method as `backend` for the calling
+// thread (one per thread, kept); null for classes other than the library's
+// own two (a caller's class may hold state that cannot be duplicated).
+ICvBackend* sameKind(ICvBackend& backend) {
+    thread_local std::unique_ptr<CvBackendSimd> simd;
+    thread_local std::unique_ptr<CvBackendBase> base;
+    ICvBackend* b = nullptr;
+    if (typeid(backend) == typeid(CvBackendSimd)) {
+        if (!simd) simd.reset(new CvBackendSimd);
+        b = simd.get();
+    } else if (typeid(backend) == typeid(CvBackendBase)) {
+        if (!base) base.reset(new CvBackendBase);
+        b = base.get();
+    } else {
+        return nullptr;
+    }
+    b->setIntProperty(ICvBackend::kPropertyResizeMethod, backend.getIntProperty(ICvBackend::kPropertyResizeMethod));
+    return b;
+}
+
 }  // namespace
 
 void crop_and_resize(ICvBackend& backend, const Frame& src, Tensor& dst, const std::vector<Rect>& src_rois,
@@ -154,14 +179,17 @@ void crop_and_resize(ICvBackend& backend, const Frame& src, Tensor& dst, const s
                      "Failure in crop_and_resize(...) : parameter 'dst_rois[%zu]' lies outside the %dx%d plane.", i,
                      g.w, g.h);
     };
-    Rect crop_rect, t;
-    for (size_t i = 0; i < src_rois.size(); ++i) resolve(i, crop_rect, t);
-
-    // Per-thread scratch for the float path and two-step conversions: kept, so
-    // repeated calls of the same shape allocate nothing.
-    thread_local Frame hub, bytes;
-    const FrameFormat byte_format = g.c == 1 ? FRAME_GRAY_8 : g.order == TENSOR_ORDER_RGB ? FRAME_RGB_8 : FRAME_BGR_8;
     for (size_t i = 0; i < src_rois.size(); ++i) {
+        Rect crop_rect, t;
+        resolve(i, crop_rect, t);
+    }
+
+    const FrameFormat byte_format = g.c == 1 ? FRAME_GRAY_8 : g.order == TENSOR_ORDER_RGB ? FRAME_RGB_8 : FRAME_BGR_8;
+    auto item = [&](ICvBackend& b, size_t i) {
+        // Per-thread scratch for the float path and two-step conversions:
+        // kept, so repeated calls of the same shape allocate nothing.
+        thread_local Frame hub, bytes;
+        Rect crop_rect, t;
         resolve(i, crop_rect, t);
         if (t != whole_plane) {
             Frame image = wrapImage(dst, g, int(i), whole_plane);
@@ -170,22 +198,37 @@ void crop_and_resize(ICvBackend& backend, const Frame& src, Tensor& dst, const s
         Frame out = wrapImage(dst, g, int(i), t);
         const Frame crop = getRegion(src, crop_rect);
         if (!g.is_float) {
-            convertInto(backend, crop, out, hub);
-            continue;
+            convertInto(b, crop, out, hub);
+            return;
         }
         bytes.reuse(byte_format, out.size(), DeviceContext::cpuContext(), 0);
-        convertInto(backend, crop, bytes, hub);
+        convertInto(b, crop, bytes, hub);
         if (g.c == 1) {
             bytesToFloat(bytes, out);
         } else {
             // Byte-to-float conversion keeps the byte order, so an RGB image is
             // handed over labelled as BGR.
             Frame relabelled = Frame::wrap(FRAME_BGR_8, bytes.size(), bytes.planeCpuData(0), bytes.layout().plane[0].step);
-            backend.colorCvt(relabelled, out, Rect());
+            b.colorCvt(relabelled, out, Rect());
         }
-        if (offset != 0.0f) backend.add(out, offset, Rect());
-        if (scale != 1.0f) backend.mul(out, scale, Rect());
+        if (offset != 0.0f) b.add(out, offset, Rect());
+        if (scale != 1.0f) b.mul(out, scale, Rect());
+    };
+
+    // Several regions run side by side, each on one thread with its own
+    // backend of the caller's kind; one region spreads its rows instead.
+    const int bands = src_rois.size() > 1 && sameKind(backend)
+                          ? impl::bandCount(int(src_rois.size()), int64_t(g.w) * g.h, 1, 1)
+                          : 1;
+    if (bands > 1) {
+        impl::parallelBands(bands, [&](int band) {
+            ICvBackend& b = *sameKind(backend);
+            const std::pair<int, int> r = impl::bandRows(int(src_rois.size()), bands, band);
+            for (int i = r.first; i < r.second; ++i) item(b, size_t(i));
+        });
+        return;
     }
+    for (size_t i = 0; i < src_rois.size(); ++i) item(backend, i);
 }
 
 }  // namespace kv

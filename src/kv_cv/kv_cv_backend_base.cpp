@@ -3,6 +3,7 @@
 
 #include "kv_core/kv_core_functions.h"
 #include "kv_core/kv_exception.h"
+#include "kv_cv/kv_impl_parallel.h"
 #include "kv_cv/kv_impl_regions.h"
 
 #define KV_SOURCE_FILE "src/kv_cv/kv_cv_backend_base"
@@ -49,7 +50,40 @@ bool applyConstant(Frame& f, float value, const Rect& r, const char* function) {
     }
 }
 
+// applyConstant over row bands of the region (each sample is independent).
+template <bool kAdd>
+bool applyConstantInBands(Frame& f, float value, const Rect& r, const char* function) {
+    const FrameFormat format = f.format();
+    const bool supported = format == FRAME_FLOAT_32 || format == FRAME_FLOAT_32_C3 || format == FRAME_FLOAT_32_C3_PLANAR;
+    const int bands = supported ? impl::bandCount(r.height, int64_t(r.width) * 3, 1) : 1;
+    if (bands <= 1) return applyConstant<kAdd>(f, value, r, function);
+    impl::parallelBands(bands, [&](int b) {
+        const std::pair<int, int> rows = impl::bandRows(r.height, bands, b);
+        applyConstant<kAdd>(f, value, Rect(r.x, r.y + rows.first, r.width, rows.second - rows.first), function);
+    });
+    return true;
+}
+
 }  // namespace
+
+// Row bands of one call over the library's threads. Each band drives its own
+// producers (those of band 0's object or of a kept band object) over the
+// whole source and produces only its rows of the destination.
+struct CvBackendBase::Bands {
+    // Runs fn(backend, first, last) per band of `rows` destination rows.
+    // kNo: the call stays on the calling thread; kFailed: it is to run there
+    // again from the start (band 0's producers are spent).
+    enum Ran { kNo, kYes, kFailed };
+    template <typename Fn>
+    static Ran run(CvBackendBase& self, int rows, int64_t pixels_per_row, Fn&& fn) {
+        auto prepare = [&](CvBackendBase& b) { b._method = self._method; };
+        switch (impl::runRowBands(self, self._band_backends, rows, pixels_per_row, prepare, fn)) {
+            case impl::BandRun::kDone: return kYes;
+            case impl::BandRun::kFailed: return kFailed;
+            default: return kNo;
+        }
+    }
+};
 
 CvBackendBase::CvBackendBase() = default;
 
@@ -66,6 +100,11 @@ void CvBackendBase::colorCvt(const Frame& src, Frame& dst, Rect src_roi) {
     KV_ASSERT_TEXT_LINE(temp_size == dst.size(), "temp.size() == dst.size()", "kv::CvBackendBase::colorCvt", 52);
     impl::requireRegionInside(src, src_roi, "kv::CvBackendBase::colorCvt", KV_SOURCE_FILE, __LINE__, "src_roi");
     const Frame temp = given(src_roi) ? getRegion(src, src_roi) : src;
+    if (Bands::run(*this, dst.size().height, dst.size().width, [&](CvBackendBase& b, int first, int last) {
+            b._converter.reuse(temp, dst.format());
+            impl::produceRows(b._converter, dst, first, last);
+        }) == Bands::kYes)
+        return;
     _converter.reuse(temp, dst.format());
     produceFrame(_converter, dst);
 }
@@ -79,6 +118,12 @@ void CvBackendBase::resize(const Frame& src, Frame& dst, Rect src_roi, Rect dst_
     const Frame from = given(src_roi) ? getRegion(src, src_roi) : src;
     Frame to = given(dst_roi) ? getRegion(dst, dst_roi) : dst;
     _scaler.reuse(from, to.size(), ScaleMethod(_method));
+    const Bands::Ran ran = Bands::run(*this, to.size().height, to.size().width, [&](CvBackendBase& b, int first, int last) {
+        if (&b != this) b._scaler.reuse(from, to.size(), ScaleMethod(_method));
+        impl::produceRows(b._scaler, to, first, last);
+    });
+    if (ran == Bands::kYes) return;
+    if (ran == Bands::kFailed) _scaler.reuse(from, to.size(), ScaleMethod(_method));
     produceFrame(_scaler, to);
 }
 
@@ -90,6 +135,13 @@ void CvBackendBase::convert(const Frame& src, Frame& dst, Rect src_roi) {
     const Frame from = given(src_roi) ? getRegion(src, src_roi) : src;
     if (from.format() == dst.format()) {
         _scaler.reuse(from, dst.size(), ScaleMethod(_method));
+        const Bands::Ran ran =
+            Bands::run(*this, dst.size().height, dst.size().width, [&](CvBackendBase& b, int first, int last) {
+                if (&b != this) b._scaler.reuse(from, dst.size(), ScaleMethod(_method));
+                impl::produceRows(b._scaler, dst, first, last);
+            });
+        if (ran == Bands::kYes) return;
+        if (ran == Bands::kFailed) _scaler.reuse(from, dst.size(), ScaleMethod(_method));
         produceFrame(_scaler, dst);
         return;
     }
@@ -105,6 +157,21 @@ void CvBackendBase::convert(const Frame& src, Frame& dst, Rect src_roi) {
         _temp.reuse(from.format(), dst.size(), from.deviceContext(), 0);
         produceFrame(_scaler, _temp);
         _converter.reuse(_temp, dst.format());
+        produceFrame(_converter, dst);
+        return;
+    }
+    const Bands::Ran ran =
+        Bands::run(*this, dst.size().height, dst.size().width, [&](CvBackendBase& b, int first, int last) {
+            if (&b != this) {
+                b._scaler.reuse(from, dst.size(), ScaleMethod(_method));
+                b._converter.reuse(b._scaler, dst.format());
+            }
+            impl::produceRows(b._converter, dst, first, last);
+        });
+    if (ran == Bands::kYes) return;
+    if (ran == Bands::kFailed) {
+        _scaler.reuse(from, dst.size(), ScaleMethod(_method));
+        _converter.reuse(_scaler, dst.format());
     }
     produceFrame(_converter, dst);
 }
@@ -113,7 +180,7 @@ void CvBackendBase::add(Frame& src_dst, float value, Rect roi) {
     KV_ASSERT_LINE(src_dst.initialized(), "kv::CvBackendBase::add", 132);
     KV_ASSERT_LINE(src_dst.deviceContext() == DeviceContext::cpuContext(), "kv::CvBackendBase::add", 133);
     const Rect r = arithmeticRegion(src_dst, roi, "kv::CvBackendBase::add", 138);
-    if (!applyConstant<true>(src_dst, value, r, "kv::CvBackendBase::add"))
+    if (!applyConstantInBands<true>(src_dst, value, r, "kv::CvBackendBase::add"))
         KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, "kv::CvBackendBase::add", 165, "ADD error, unsupported data type.");
 }
 
@@ -121,7 +188,7 @@ void CvBackendBase::mul(Frame& src_dst, float value, Rect roi) {
     KV_ASSERT_LINE(src_dst.initialized(), "kv::CvBackendBase::mul", 172);
     KV_ASSERT_LINE(src_dst.deviceContext() == DeviceContext::cpuContext(), "kv::CvBackendBase::mul", 173);
     const Rect r = arithmeticRegion(src_dst, roi, "kv::CvBackendBase::mul", 178);
-    if (!applyConstant<false>(src_dst, value, r, "kv::CvBackendBase::mul"))
+    if (!applyConstantInBands<false>(src_dst, value, r, "kv::CvBackendBase::mul"))
         KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, "kv::CvBackendBase::mul", 205, "MUL error, unsupported data type.");
 }
 

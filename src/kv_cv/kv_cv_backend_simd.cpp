@@ -7,6 +7,7 @@
 #include "kv_core/kv_exception.h"
 #include "kv_cv/kv_cv_helpers.h"
 #include "kv_cv/kv_impl_fast_adapter.h"
+#include "kv_cv/kv_impl_parallel.h"
 #include "kv_cv/kv_impl_regions.h"
 
 #define KV_SOURCE_FILE "src/kv_cv/kv_cv_backend_simd"
@@ -75,6 +76,52 @@ bool isRgb8(FrameFormat f) { return f == FRAME_RGB_8 || f == FRAME_BGR_8; }
 
 }  // namespace
 
+namespace {
+
+// Rows [first, last) of the frame's rows as rows of a plane `plane_height`
+// high: the same rows, or the chroma rows of a row pair (first is even).
+std::pair<int, int> planeRows(int plane_height, int frame_height, int first, int last) {
+    if (plane_height == frame_height) return {first, last};
+    return {first / 2, last == frame_height ? plane_height : last / 2};
+}
+
+}  // namespace
+
+// Row bands of one call over the library's threads; each band is the same
+// call on its rows (a region of the source and of the destination), on its
+// own object so that scratch frames are not shared.
+struct CvBackendSimd::Bands {
+    // Runs fn(backend, first, last) per band of `rows` rows; false when the
+    // call is to run on the calling thread (not split, or a band failed).
+    template <typename Fn>
+    static bool run(CvBackendSimd& self, int rows, int64_t pixels_per_row, Fn&& fn) {
+        auto prepare = [&](CvBackendSimd& b) {
+            b._resize_method = self._resize_method;
+            b._warp_method = self._warp_method;
+        };
+        return impl::runRowBands(self, self._band_backends, rows, pixels_per_row, prepare, fn) == impl::BandRun::kDone;
+    }
+
+    // colorCvt in bands when the whole call is valid (otherwise the call
+    // reports its error on the calling thread).
+    static bool colorCvt(CvBackendSimd& self, const Frame& src, Frame& dst, const Rect& src_roi) {
+        if (!src.initialized() || !dst.initialized() || src.deviceContext() != DeviceContext::cpuContext() ||
+            dst.deviceContext() != DeviceContext::cpuContext() || src.format() == dst.format())
+            return false;
+        const Rect r = given(src_roi) ? src_roi : Rect(0, 0, src.size().width, src.size().height);
+        if (r.x < 0 || r.y < 0 || int64_t(r.x) + r.width > src.size().width ||
+            int64_t(r.y) + r.height > src.size().height || r.size() != dst.size())
+            return false;
+        // `src` or `dst` may be this object's own scratch frames, which band 0
+        // reuses: the bands hold their own references to the pixels.
+        const Frame source = src, target = dst;
+        return run(self, r.height, r.width, [&](CvBackendSimd& b, int first, int last) {
+            Frame band = getRegion(target, Rect(0, first, r.width, last - first));
+            b.colorCvt(source, band, Rect(r.x, r.y + first, r.width, last - first));
+        });
+    }
+};
+
 CvBackendSimd::CvBackendSimd() = default;
 
 // The five members; the resize cache is the object's own and is not shared.
@@ -140,6 +187,7 @@ void CvBackendSimd::_twoStep(const Frame& region, FrameFormat via, Frame& dst) {
 }
 
 void CvBackendSimd::colorCvt(const Frame& src, Frame& dst, Rect src_roi) {
+    if (Bands::colorCvt(*this, src, dst, src_roi)) return;
     KV_ASSERT_LINE(src.initialized() && dst.initialized(), kColorCvt, 329);
     KV_ASSERT_LINE(src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() == dst.deviceContext(),
                    kColorCvt, 332);
@@ -398,14 +446,35 @@ void CvBackendSimd::resize(const Frame& src, Frame& dst, Rect src_roi, Rect dst_
     // Packed 4:2:2 rows are resized as whole pixel pairs (4-byte units), so
     // chroma bytes stay chroma and every byte of an odd-width row is written.
     const bool pairs = s.format() == FRAME_YUYV || s.format() == FRAME_UYVY;
-    for (uint32_t p = 0; p < s.layout().planes; ++p) {
+    const bool is_float = bits_per_channel == 32;
+    auto planeWidths = [&](uint32_t p) {
         const FramePlane& sp = plane(s, int(p));
         const FramePlane& dp = plane(d, int(p));
-        const int sw = pairs ? int(sp.row_bytes / 4) : sp.size.width, dw = pairs ? int(dp.row_bytes / 4) : dp.size.width;
-        fast::resizePlane(data(s, int(p)), sp.step, sw, sp.size.height, data(d, int(p)), dp.step, dw, dp.size.height,
-                          pairs ? 4 : sp.channels, bits_per_channel == 32, method,
-                          _resize_cache ? &_resize_cache->planes[p] : nullptr);
+        return std::make_pair(pairs ? int(sp.row_bytes / 4) : sp.size.width, pairs ? int(dp.row_bytes / 4) : dp.size.width);
+    };
+    // Row bands when every plane runs the module's own kernels; OpenCV's
+    // calls spread themselves over OpenCV's threads.
+    bool by_rows = true;
+    for (uint32_t p = 0; p < s.layout().planes; ++p) {
+        const auto w = planeWidths(p);
+        by_rows = by_rows && fast::resizePlaneTakesRows(w.first, plane(s, int(p)).size.height, w.second,
+                                                        plane(d, int(p)).size.height, pairs ? 4 : plane(s, int(p)).channels,
+                                                        is_float, method);
     }
+    auto resizeRows = [&](CvBackendSimd& b, int first, int last) {
+        if (!b._resize_cache) b._resize_cache.reset(new fast::ResizeCache);
+        for (uint32_t p = 0; p < s.layout().planes; ++p) {
+            const FramePlane& sp = plane(s, int(p));
+            const FramePlane& dp = plane(d, int(p));
+            const auto w = planeWidths(p);
+            const std::pair<int, int> rows = planeRows(dp.size.height, d.size().height, first, last);
+            fast::resizePlane(data(s, int(p)), sp.step, w.first, sp.size.height, data(d, int(p)), dp.step, w.second,
+                              dp.size.height, pairs ? 4 : sp.channels, is_float, method, &b._resize_cache->planes[p],
+                              rows.first, rows.second);
+        }
+    };
+    if (by_rows && Bands::run(*this, d.size().height, d.size().width, resizeRows)) return;
+    resizeRows(*this, 0, d.size().height);
 }
 
 void CvBackendSimd::convert(const Frame& src, Frame& dst, Rect src_roi) {
@@ -444,6 +513,15 @@ void CvBackendSimd::_arithmetic(Frame& src_dst, float value, Rect roi, bool mult
     }
     impl::requireRegionInside(src_dst, roi, fn, KV_SOURCE_FILE, __LINE__, "roi");
     Frame r = regionOf(src_dst, roi);
+    // Every sample is independent: row bands give the same values.
+    const int bands = impl::bandCount(r.size().height, int64_t(r.size().width) * 3, 1);
+    if (bands > 1) {
+        impl::parallelBands(bands, [&](int b) {
+            const std::pair<int, int> rows = impl::bandRows(r.size().height, bands, b);
+            _arithmetic(r, value, Rect(0, rows.first, r.size().width, rows.second - rows.first), multiply);
+        });
+        return;
+    }
     for (uint32_t p = 0; p < r.layout().planes; ++p) {
         const FramePlane& pl = plane(r, int(p));
         auto* d = reinterpret_cast<float*>(data(r, int(p)));
@@ -476,13 +554,23 @@ void CvBackendSimd::warpAffine(const Frame& src, Frame& dst, const float matrix[
         invertAffineTransform(m, inverse);
         std::copy(inverse, inverse + 6, m);
     }
-    for (uint32_t p = 0; p < s.layout().planes; ++p) {
-        const FramePlane& sp = plane(s, int(p));
-        const FramePlane& dp = plane(dst, int(p));
-        if (!fast::warpAffinePlane(data(s, int(p)), sp.step, sp.size.width, sp.size.height, data(dst, int(p)), dp.step,
-                                   dp.size.width, dp.size.height, sp.channels, sp.bits_per_channel == 32, m, bilinear))
-            KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kFn, 1747, "warpAffine: Can't create context.");
-    }
+    auto warpRows = [&](int first, int last) {
+        for (uint32_t p = 0; p < s.layout().planes; ++p) {
+            const FramePlane& sp = plane(s, int(p));
+            const FramePlane& dp = plane(dst, int(p));
+            const std::pair<int, int> rows = planeRows(dp.size.height, dst.size().height, first, last);
+            if (!fast::warpAffinePlane(data(s, int(p)), sp.step, sp.size.width, sp.size.height, data(dst, int(p)),
+                                       dp.step, dp.size.width, dp.size.height, sp.channels, sp.bits_per_channel == 32,
+                                       m, bilinear, rows.first, rows.second))
+                KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kFn, 1747, "warpAffine: Can't create context.");
+        }
+    };
+    // Byte planes in row bands (float planes are OpenCV's, on its threads).
+    if (fast::warpAffinePlaneTakesRows(s.layout().plane[0].bits_per_channel == 32) &&
+        Bands::run(*this, dst.size().height, dst.size().width,
+                   [&](CvBackendSimd&, int first, int last) { warpRows(first, last); }))
+        return;
+    warpRows(0, dst.size().height);
 }
 
 void CvBackendSimd::cropAndResize(const Frame& src, Tensor& dst, const std::vector<Rect>& first,

@@ -4,7 +4,7 @@
 
 #include "kv_core/kv_core_functions.h"
 #include "kv_core/kv_exception.h"
-#include "kv_cv/kv_impl_fast_adapter.h"
+#include "kv_cv/kv_impl_helper_bands.h"
 
 #define KV_SOURCE_FILE "src/kv_cv/kv_cv_helpers"
 
@@ -82,12 +82,12 @@ void rotateFrame(const Frame& src, FixedRotation rotation, Frame& dst) {
         KV_THROW(KV_STATUS_NOT_SUPPORTED, kFn, "rotateFrame: Unsupported format %s for rotation %d.", toString(f),
                  int(rotation));
     dst.reuse(f, size, DeviceContext::cpuContext(), 0);
-    for (uint32_t p = 0; p < src.layout().planes; ++p) {
-        const FramePlane& sp = src.layout().plane[p];
-        const FramePlane& dp = dst.layout().plane[p];
-        impl::fast::rotatePlane(src.planeCpuData(p), sp.step, sp.size.width, sp.size.height, sp.channels, code,
-                                dst.planeCpuData(p), dp.step);
-    }
+    // Every plane through the adapter's rotation, by bands of destination
+    // rows when threads are set (impl::rotatePlanes, kv_impl_helper_bands):
+    // a band is a strip of the source, so the bytes do not depend on the
+    // number of threads. The errors below carry their source lines: this
+    // function keeps its line count.
+    impl::rotatePlanes(src, code, dst);
 }
 
 void rotateFrame(const Frame& src, const Rect& rect, float angle, Frame& dst, Rect& placed) {
@@ -141,9 +141,9 @@ bool invertAffineTransform(const float* M, float* iM) {
     return ok;
 }
 
-void convertFp16ToFp32(const uint16_t* src, size_t count, float* dst) { impl::fast::halfToFloat(src, count, dst); }
+void convertFp16ToFp32(const uint16_t* src, size_t count, float* dst) { impl::halfToFloatInBands(src, count, dst); }
 
-void convertFp32ToFp16(const float* src, size_t count, uint16_t* dst) { impl::fast::floatToHalf(src, count, dst); }
+void convertFp32ToFp16(const float* src, size_t count, uint16_t* dst) { impl::floatToHalfInBands(src, count, dst); }
 
 void tensorFp16ToFp32(const Tensor& src, Tensor& dst) {
     static constexpr const char* kFn = "kv::tensorFp16ToFp32";

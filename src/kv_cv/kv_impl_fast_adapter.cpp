@@ -20,9 +20,11 @@
 #include <libyuv.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstring>
 #include <mutex>
+#include <thread>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -32,6 +34,7 @@
 #include "kv_cv/kv_impl_fast_kernels.h"
 #include "kv_cv/kv_impl_fast_warp.h"
 #include "kv_cv/kv_impl_unaligned.h"
+#include "kv_cv/kv_threads.h"
 
 #define KV_SOURCE_FILE "src/kv_cv/kv_impl_fast_adapter"
 
@@ -41,10 +44,19 @@ namespace fast {
 
 namespace {
 
-// See the header: OpenCV's thread count is process-wide; set it once.
+// See the header: OpenCV's thread count is process-wide. It follows the
+// library's setting (one thread unless the caller asked for more), so that
+// the calls left to OpenCV spread over the same number of threads.
 void pinOpenCvToCaller() {
-    static std::once_flag once;
-    std::call_once(once, [] { cv::setNumThreads(1); });
+    static std::mutex mutex;
+    static std::atomic<int> current{0};
+    // (No more than the hardware threads: oneTBB refuses more workers.)
+    const int want = std::max(1, std::min(getNumThreads(), int(std::thread::hardware_concurrency())));
+    if (current.load(std::memory_order_acquire) == want) return;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (current.load(std::memory_order_relaxed) == want) return;
+    cv::setNumThreads(want);
+    current.store(want, std::memory_order_release);
 }
 
 // libyuv takes row pitches as int.
@@ -364,10 +376,14 @@ void copyPixels(const NearestPlaneCache& c, const uint8_t* src, uint8_t* dst) {
 // it. The 16-bit column table holds the same positions as resizeNearest's
 // 64-bit ones for sides below 32768; false (nothing written) past that range
 // or for other pixel sizes.
+bool nearestGathers(int src_width, int dst_width, int pixel) {
+    return bilinearRange(src_width) && bilinearRange(dst_width) && (pixel <= 4 || pixel == 8 || pixel == 12 || pixel == 16);
+}
+
 bool resizeNearestGathered(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
-                           size_t dst_step, int dst_width, int dst_height, int pixel, NearestPlaneCache& c) {
-    if (!bilinearRange(src_width) || !bilinearRange(dst_width)) return false;
-    if (pixel > 4 && pixel != 8 && pixel != 12 && pixel != 16) return false;
+                           size_t dst_step, int dst_width, int dst_height, int pixel, NearestPlaneCache& c,
+                           int first_row, int last_row) {
+    if (!nearestGathers(src_width, dst_width, pixel)) return false;
     if (c.src_width != src_width || c.dst_width != dst_width || c.pixel != pixel) {
         const int64_t step = (int64_t(src_width) << 16) / dst_width;
         c.xs.resize(size_t(dst_width));
@@ -394,9 +410,9 @@ bool resizeNearestGathered(const uint8_t* src, size_t src_step, int src_width, i
     };
     const size_t row_bytes = size_t(dst_width) * size_t(pixel);
     const int64_t step_y = (int64_t(src_height) << 16) / dst_height;
-    int64_t pos_y = step_y / 2;
+    int64_t pos_y = step_y / 2 + step_y * first_row;
     int64_t previous = -1;
-    for (int y = 0; y < dst_height; ++y, pos_y += step_y) {
+    for (int y = first_row; y < last_row; ++y, pos_y += step_y) {
         uint8_t* d = dst + size_t(y) * dst_step;
         if ((pos_y >> 16) == previous)
             std::memcpy(d, d - dst_step, row_bytes);
@@ -410,7 +426,8 @@ bool resizeNearestGathered(const uint8_t* src, size_t src_step, int src_width, i
 }  // namespace
 
 void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
-                         size_t dst_step, int dst_width, int dst_height, int channels, BilinearPlaneCache& cache) {
+                         size_t dst_step, int dst_width, int dst_height, int channels, BilinearPlaneCache& cache,
+                         int first_row, int last_row) {
     BilinearPlaneCache& c = cache;
     const int n = dst_width * channels;
     const bool same_width = src_width == dst_width;
@@ -442,7 +459,8 @@ void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int
         }
         return buf.data();
     };
-    for (int y = 0; y < dst_height; ++y) {
+    const int end = last_row < 0 ? dst_height : std::min(last_row, dst_height);
+    for (int y = first_row; y < end; ++y) {
         const int32_t p = c.ys[size_t(y)];
         const int upper = p >> kBilinearShift;
         const int lower = upper + 1 < src_height ? upper + 1 : upper;
@@ -464,51 +482,83 @@ void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int
     }
 }
 
-void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
-                 int dst_width, int dst_height, int channels, bool is_float, Interpolation method,
-                 PlaneResizeCache* cache) {
-    PlaneResizeCache local;
-    PlaneResizeCache& c = cache ? *cache : local;
-    if (method == Interpolation::kNearest &&
-        resizeNearestGathered(static_cast<const uint8_t*>(src), src_step, src_width, src_height,
-                              static_cast<uint8_t*>(dst), dst_step, dst_width, dst_height,
-                              channels * (is_float ? 4 : 1), c.nearest))
-        return;
-    if (method == Interpolation::kArea && !is_float && src_width % dst_width == 0 && src_height % dst_height == 0) {
-        kernels().areaBox(static_cast<const uint8_t*>(src), src_step, static_cast<uint8_t*>(dst), dst_step, dst_width,
-                          dst_height, channels, src_width / dst_width, src_height / dst_height);
-        return;
-    }
-    // Float planes gather their samples: faster than OpenCV's own loop for
-    // one channel at every ratio measured, for more channels only up to a
-    // reduction of 2 in width.
+namespace {
+
+enum class ResizePath { kNearestGather, kAreaBox, kArea, kAreaUp, kBilinearBytes, kLibrary };
+
+// The kernel resizePlane runs for these sizes. Float planes gather their area
+// samples where that beats OpenCV's own loop: one channel at every ratio
+// measured, more channels only up to a reduction of 2 in width.
+ResizePath resizePath(int src_width, int src_height, int dst_width, int dst_height, int channels, bool is_float,
+                      Interpolation method) {
+    if (method == Interpolation::kNearest && nearestGathers(src_width, dst_width, channels * (is_float ? 4 : 1)))
+        return ResizePath::kNearestGather;
+    if (method == Interpolation::kArea && !is_float && src_width % dst_width == 0 && src_height % dst_height == 0)
+        return ResizePath::kAreaBox;
     if (method == Interpolation::kArea && channels >= 1 && channels <= 4 &&
         cvAreaDecimates(src_width, src_height, dst_width, dst_height) &&
-        (!is_float || channels == 1 || src_width <= 2 * dst_width)) {
-        buildCvAreaPlan(c.area.plan, src_width, src_height, dst_width, dst_height, channels, !is_float);
-        c.area.rows.resize(size_t(c.area.plan.row.values) * size_t(c.area.plan.ring));
-        c.area.pointers.resize(size_t(c.area.plan.max_rows));
-        cvAreaResize(c.area.plan, src, src_step, dst, dst_step, c.area.rows.data(), c.area.pointers.data(),
-                     activeIsa());
-        return;
-    }
+        (!is_float || channels == 1 || src_width <= 2 * dst_width))
+        return ResizePath::kArea;
     if (method == Interpolation::kArea && !is_float && channels >= 1 && channels <= 4 &&
-        cvAreaEnlarges(src_width, src_height, dst_width, dst_height)) {
-        buildCvLinearPlan(c.area.up, src_width, src_height, dst_width, dst_height, channels);
-        c.area.up_rows.resize(size_t(c.area.up.values) * 2);
-        cvLinearResize(c.area.up, static_cast<const uint8_t*>(src), src_step, static_cast<uint8_t*>(dst), dst_step,
-                       c.area.up_rows.data(), activeIsa());
-        return;
-    }
+        cvAreaEnlarges(src_width, src_height, dst_width, dst_height))
+        return ResizePath::kAreaUp;
     if (method == Interpolation::kBilinear && !is_float && channels >= 1 && channels <= 4 &&
         bilinearRange(src_width) && bilinearRange(src_height) && bilinearRange(dst_width) &&
-        bilinearRange(dst_height)) {
-        resizeBilinearBytes(static_cast<const uint8_t*>(src), src_step, src_width, src_height,
-                            static_cast<uint8_t*>(dst), dst_step, dst_width, dst_height, channels, c.bilinear);
-        return;
+        bilinearRange(dst_height))
+        return ResizePath::kBilinearBytes;
+    return ResizePath::kLibrary;
+}
+
+}  // namespace
+
+bool resizePlaneTakesRows(int src_width, int src_height, int dst_width, int dst_height, int channels, bool is_float,
+                          Interpolation method) {
+    return resizePath(src_width, src_height, dst_width, dst_height, channels, is_float, method) != ResizePath::kLibrary;
+}
+
+void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
+                 int dst_width, int dst_height, int channels, bool is_float, Interpolation method,
+                 PlaneResizeCache* cache, int first_row, int last_row) {
+    PlaneResizeCache local;
+    PlaneResizeCache& c = cache ? *cache : local;
+    const int end = last_row < 0 ? dst_height : std::min(last_row, dst_height);
+    const auto* s = static_cast<const uint8_t*>(src);
+    auto* d = static_cast<uint8_t*>(dst);
+    switch (resizePath(src_width, src_height, dst_width, dst_height, channels, is_float, method)) {
+        case ResizePath::kNearestGather:
+            resizeNearestGathered(s, src_step, src_width, src_height, d, dst_step, dst_width, dst_height,
+                                  channels * (is_float ? 4 : 1), c.nearest, first_row, end);
+            return;
+        case ResizePath::kAreaBox: {
+            const int fx = src_width / dst_width, fy = src_height / dst_height;
+            if (end > first_row)
+                kernels().areaBox(s + size_t(first_row) * size_t(fy) * src_step, src_step,
+                                  d + size_t(first_row) * dst_step, dst_step, dst_width, end - first_row, channels, fx,
+                                  fy);
+            return;
+        }
+        case ResizePath::kArea:
+            buildCvAreaPlan(c.area.plan, src_width, src_height, dst_width, dst_height, channels, !is_float);
+            c.area.rows.resize(size_t(c.area.plan.row.values) * size_t(c.area.plan.ring));
+            c.area.pointers.resize(size_t(c.area.plan.max_rows));
+            cvAreaResize(c.area.plan, src, src_step, dst, dst_step, c.area.rows.data(), c.area.pointers.data(),
+                         activeIsa(), first_row, end);
+            return;
+        case ResizePath::kAreaUp:
+            buildCvLinearPlan(c.area.up, src_width, src_height, dst_width, dst_height, channels);
+            c.area.up_rows.resize(size_t(c.area.up.values) * 2);
+            cvLinearResize(c.area.up, s, src_step, d, dst_step, c.area.up_rows.data(), activeIsa(), first_row, end);
+            return;
+        case ResizePath::kBilinearBytes:
+            resizeBilinearBytes(s, src_step, src_width, src_height, d, dst_step, dst_width, dst_height, channels,
+                                c.bilinear, first_row, end);
+            return;
+        case ResizePath::kLibrary:
+            KV_ASSERT(first_row == 0 && end == dst_height, "kv::impl::fast::resizePlane");
+            resizePlaneWithLibrary(src, src_step, src_width, src_height, dst, dst_step, dst_width, dst_height,
+                                   channels, is_float, method);
+            return;
     }
-    resizePlaneWithLibrary(src, src_step, src_width, src_height, dst, dst_step, dst_width, dst_height, channels,
-                           is_float, method);
 }
 
 void resizePlaneWithLibrary(const void* src, size_t src_step, int src_width, int src_height, void* dst,
@@ -543,13 +593,14 @@ bool invertible(const float matrix[6]) {
 // three times its speed; OpenCV keeps the float planes.
 bool warpAffinePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst,
                      size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
-                     const float matrix[6], bool bilinear) {
+                     const float matrix[6], bool bilinear, int first_row, int last_row) {
+    KV_ASSERT(!is_float || (first_row == 0 && (last_row < 0 || last_row == dst_height)), "kv::impl::fast::warpAffinePlane");
     if (is_float)
         return warpAffinePlaneWithLibrary(src, src_step, src_width, src_height, dst, dst_step, dst_width, dst_height,
                                           channels, is_float, matrix, bilinear);
     if (!invertible(matrix)) return false;
     warpAffineBytes(static_cast<const uint8_t*>(src), src_step, src_width, src_height, static_cast<uint8_t*>(dst),
-                    dst_step, dst_width, dst_height, channels, matrix, bilinear, activeIsa());
+                    dst_step, dst_width, dst_height, channels, matrix, bilinear, activeIsa(), first_row, last_row);
     return true;
 }
 

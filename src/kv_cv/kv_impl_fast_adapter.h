@@ -10,11 +10,10 @@
 //   the average of each 2x2 block.
 // - Sizes are at least 1 and planes do not overlap; nothing is read or
 //   written outside width x height of a plane.
-// - Threads: the module starts none. OpenCV runs its calls on its own pool
-//   unless told otherwise, and its thread count is process-wide, so the first
-//   adapter call that goes to OpenCV sets its thread count to 1 (once). An
-//   application that raises it again afterwards makes OpenCV spread this
-//   library's calls over its pool too; results do not change.
+// - Threads: OpenCV runs its calls on its own pool and its thread count is
+//   process-wide; each adapter call that goes to OpenCV first sets it to
+//   kv::getNumThreads() when it differs (1 by default: the module starts no
+//   thread unless asked). Results do not depend on the count.
 #pragma once
 
 #include <cstddef>
@@ -148,9 +147,16 @@ struct ResizeCache {
 // byte planes run resizeBilinearBytes when every side is below 32768 (the
 // 16.16 tables' range). Tables live in `cache` (or local ones when null); the
 // rest goes to OpenCV.
+// With a row range only output rows [first_row, last_row) are written (-1:
+// to the end), the same bytes as in a whole run; `dst` is still row 0.
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method,
-                 PlaneResizeCache* cache = nullptr);
+                 PlaneResizeCache* cache = nullptr, int first_row = 0, int last_row = -1);
+// True when resizePlane runs the module's own kernels for these sizes, which
+// take row ranges; OpenCV's calls take the whole plane (and spread it over
+// OpenCV's own threads).
+bool resizePlaneTakesRows(int src_width, int src_height, int dst_width, int dst_height, int channels, bool is_float,
+                          Interpolation method);
 // resizePlane without the module's kernels (OpenCV, and the plain nearest
 // loop), so that tests can hold those kernels against OpenCV itself and the
 // nearest gather against the loop.
@@ -164,16 +170,20 @@ void resizePlaneWithLibrary(const void* src, size_t src_step, int src_width, int
 // horizontal pass first, then the vertical blend, each truncating
 // (a * (65536 - f) + b * f) >> 16. Every side in 1..32767.
 void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
-                         size_t dst_step, int dst_width, int dst_height, int channels, BilinearPlaneCache& cache);
+                         size_t dst_step, int dst_width, int dst_height, int channels, BilinearPlaneCache& cache,
+                         int first_row = 0, int last_row = -1);
 // Warps a plane of 1 to 4 channels of bytes or floats by `matrix` (2x3 row-major, source to
 // destination); destination pixels that map outside the source become 0.
 // Returns false, writing nothing, when the matrix is singular. Byte planes run
 // the module's own warp (kv_impl_fast_warp), which gives OpenCV's bytes;
 // float planes go to OpenCV. warpAffinePlaneWithLibrary is OpenCV for both,
 // so that tests can hold the kernel against it.
+// Byte planes take a row range as resizePlane does; float planes do not
+// (warpAffinePlaneTakesRows).
 bool warpAffinePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst,
                      size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
-                     const float matrix[6], bool bilinear);
+                     const float matrix[6], bool bilinear, int first_row = 0, int last_row = -1);
+inline bool warpAffinePlaneTakesRows(bool is_float) { return !is_float; }
 bool warpAffinePlaneWithLibrary(const void* src, size_t src_step, int src_width, int src_height, void* dst,
                                 size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
                                 const float matrix[6], bool bilinear);

@@ -365,7 +365,7 @@ void cvAreaRowsY32f(const CvAreaRowsY& r, float* dst) {
 #pragma GCC pop_options
 
 void cvAreaResize(const CvAreaPlan& plan, const void* src, size_t src_step, void* dst, size_t dst_step,
-                  float* buffers, const float** bufs, Isa isa) {
+                  float* buffers, const float** bufs, Isa isa, int first_row, int last_row) {
     const bool vec = isa >= Isa::kAvx2;
     const CvAreaRowX8 x8 = vec ? avx2::cvAreaRowX8 : ref::cvAreaRowX8;
     const CvAreaRowX32f x32 = vec ? avx2::cvAreaRowX32f : ref::cvAreaRowX32f;
@@ -375,7 +375,8 @@ void cvAreaResize(const CvAreaPlan& plan, const void* src, size_t src_step, void
     auto* d = static_cast<uint8_t*>(dst);
     const size_t values = size_t(plan.row.values);
     int next = 0;  // first source row not yet in the ring
-    for (int r = 0; r < plan.dst_height; ++r) {
+    const int end = last_row < 0 ? plan.dst_height : std::min(last_row, plan.dst_height);
+    for (int r = first_row; r < end; ++r) {
         const int a = plan.first[size_t(r)], b = plan.first[size_t(r) + 1];
         for (int k = a; k < b; ++k) {
             const int row = plan.rows[size_t(k)];

@@ -107,8 +107,10 @@ using CvAreaRowsY32f = void (*)(const CvAreaRowsY& rows, float* dst);
 
 // The whole plane with the kernel set of `isa`; `buffers` holds ring x
 // values floats, `pointers` max_rows entries.
+// Only output rows [first_row, last_row) are written when a range is given
+// (last_row -1: to the end); `dst` is still the plane's first row.
 void cvAreaResize(const CvAreaPlan& plan, const void* src, size_t src_step, void* dst, size_t dst_step,
-                  float* buffers, const float** pointers, Isa isa);
+                  float* buffers, const float** pointers, Isa isa, int first_row = 0, int last_row = -1);
 
 namespace ref {
 void cvAreaRowX8(const CvAreaRowPlan& plan, const uint8_t* src, float* buf);

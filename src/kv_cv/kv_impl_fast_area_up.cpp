@@ -201,7 +201,7 @@ void cvLinearRowsY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1
 #pragma GCC pop_options
 
 void cvLinearResize(const CvLinearPlan& plan, const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step,
-                    int32_t* rows, Isa isa) {
+                    int32_t* rows, Isa isa, int first_row, int last_row) {
     const bool vec = isa >= Isa::kAvx2;
     const CvLinearRowX8 x8 = vec ? avx2::cvLinearRowX8 : ref::cvLinearRowX8;
     const CvLinearRowsY8 y8 = vec ? avx2::cvLinearRowsY8 : ref::cvLinearRowsY8;
@@ -217,7 +217,8 @@ void cvLinearResize(const CvLinearPlan& plan, const uint8_t* src, size_t src_ste
         x8(plan, src + size_t(r) * src_step, rows + size_t(k) * values);
         return rows + size_t(k) * values;
     };
-    for (int y = 0; y < plan.dst_height; ++y) {
+    const int end = last_row < 0 ? plan.dst_height : std::min(last_row, plan.dst_height);
+    for (int y = first_row; y < end; ++y) {
         const int r0 = std::min(plan.y.index[size_t(y)], plan.src_height - 1);
         const int r1 = std::min(plan.y.index[size_t(y)] + 1, plan.src_height - 1);
         const int32_t* h0 = horizontal(r0, r1);

@@ -61,8 +61,10 @@ using CvLinearRowX8 = void (*)(const CvLinearPlan& plan, const uint8_t* src, int
 using CvLinearRowsY8 = void (*)(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n);
 
 // The whole plane with the kernels of `isa`; `rows` holds 2 x values integers.
+// Output rows [first_row, last_row) only when a range is given (-1: to the end).
 void cvLinearResize(const CvLinearPlan& plan, const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step,
-                    int32_t* rows, Isa isa);
+                    int32_t* rows, Isa isa, int first_row = 0,
+                    int last_row = -1);
 
 namespace ref {
 void cvLinearRowX8(const CvLinearPlan& plan, const uint8_t* src, int32_t* row);

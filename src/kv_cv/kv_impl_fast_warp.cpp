@@ -346,7 +346,7 @@ WarpRowFn warpRowKernel(Isa isa) { return isa >= Isa::kAvx2 ? avx2::warpRow : re
 
 void warpAffineBytes(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
                      size_t dst_step, int dst_width, int dst_height, int channels, const float m[6], bool bilinear,
-                     Isa isa) {
+                     Isa isa, int first_row, int last_row) {
     // The inverse in double, written as OpenCV writes it.
     double M[6] = {m[0], m[1], m[2], m[3], m[4], m[5]};
     double D = M[0] * M[4] - M[1] * M[3];
@@ -381,7 +381,8 @@ void warpAffineBytes(const uint8_t* src, size_t src_step, int src_width, int src
     const WarpPlane plane{src, src_step, src_width, src_height, channels, bilinear, adelta, bdelta, small, ahead};
     const WarpRowFn row = warpRowKernel(isa);
     const int32_t round = bilinear ? kBilinearRound : kNearestRound;
-    for (int y = 0; y < dst_height; ++y) {
+    const int end = last_row < 0 ? dst_height : std::min(last_row, dst_height);
+    for (int y = first_row; y < end; ++y) {
         const int32_t x0 = wrapAdd(roundToInt((M[1] * y + M[2]) * (1 << kTableBits)), round);
         const int32_t y0 = wrapAdd(roundToInt((M[4] * y + M[5]) * (1 << kTableBits)), round);
         row(plane, x0, y0, dst + size_t(y) * dst_step, dst_width);

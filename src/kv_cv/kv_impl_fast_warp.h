@@ -74,7 +74,8 @@ void warpInsideRange(const WarpPlane& plane, int32_t x0, int32_t y0, int width, 
 // scratch that only grows.
 void warpAffineBytes(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
                      size_t dst_step, int dst_width, int dst_height, int channels, const float m[6], bool bilinear,
-                     Isa isa);
+                     Isa isa, int first_row = 0,
+                     int last_row = -1);
 
 }  // namespace impl
 }  // namespace kv

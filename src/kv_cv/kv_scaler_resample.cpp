@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "kv_core/kv_exception.h"
+#include "kv_cv/kv_impl_parallel.h"
 #include "kv_impl_cpu.h"
 #include "kv_impl_resample_rows.h"
 
@@ -508,6 +509,38 @@ const FrameLayout& ScalerResample::layout() {
 void ScalerResample::produce(RowData& dst) { _impl->produce(dst); }
 bool ScalerResample::next() { return _impl->next(); }
 
+namespace {
+
+// Drains `scaler` (reused on `src`) into `dst`, in row bands over the
+// library's threads when they are set: each band runs its own resampler over
+// the whole source and produces only its rows, the same bytes as one run.
+void produceResampled(ScalerResample& scaler, const Frame& src, Frame& dst, ResampleFilter filter) {
+    const FrameLayout& l = scaler.layout();
+    const int bands = impl::bandCount(l.size.height, l.size.width, 2);
+    if (bands > 1) {
+        if (!dst.initialized() || dst.size() != l.size || dst.format() != l.format)
+            dst.reuse(l.format, l.size, DeviceContext::cpuContext(), 0);
+        try {
+            impl::parallelBands(bands, [&](int b) {
+                const std::pair<int, int> r = impl::bandRows(l.size.height, bands, b, 2);
+                if (b == 0) {
+                    impl::produceRows(scaler, dst, r.first, r.second);
+                    return;
+                }
+                ScalerResample own;
+                own.reuse(src, l.size, filter);
+                impl::produceRows(own, dst, r.first, r.second);
+            });
+            return;
+        } catch (const Exception&) {
+            scaler.reuse(src, l.size, filter);  // once more on one thread, for the call's own error
+        }
+    }
+    produceFrame(scaler, dst);
+}
+
+}  // namespace
+
 void resampleFrame(const Frame& src, Frame& dst, ResampleFilter filter) {
     constexpr const char* kFn = "kv::resampleFrame";
     if (!src.initialized()) KV_THROW(KV_STATUS_EMPTY_INPUT, kFn, "Failure in resampleFrame(...) : source is not initialized.");
@@ -518,13 +551,13 @@ void resampleFrame(const Frame& src, Frame& dst, ResampleFilter filter) {
                  toString(dst.format()), toString(src.format()));
     ScalerResample scaler;
     scaler.reuse(src, dst.size(), filter);
-    produceFrame(scaler, dst);
+    produceResampled(scaler, src, dst, filter);
 }
 
 void resampleFrame(const Frame& src, const Size& size, Frame& dst, ResampleFilter filter) {
     ScalerResample scaler;
     scaler.reuse(src, size, filter);
-    produceFrame(scaler, dst);
+    produceResampled(scaler, src, dst, filter);
 }
 
 }  // namespace kv

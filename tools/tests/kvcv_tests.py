@@ -535,6 +535,25 @@ def test_bench_plot(t):
     check(w > 100 and h > 100, "plot size")
 
 
+def test_threads_option(t):
+    # --threads N splits each operation; the files written are the same bytes.
+    write_png(t.path("big.png"), 400, 300, busy)
+    for n in ("1", "2", "3"):
+        t.run("resize", t.path("big.png"), t.path(f"small{n}.png"), "--size", "301x217", "--threads", n)
+        t.run("tensor", t.path("big.png"), t.path(f"t{n}.npy"), "--shape", "2x3x224x224", "--threads=" + n,
+              "--rois", "0,0,300,200;50,40,350,260")
+        t.run("rotate", t.path("big.png"), t.path(f"r{n}.png"), "--by", "90", "--threads", n)
+    for stem, ext in (("small", "png"), ("t", "npy"), ("r", "png")):
+        first = open(t.path(f"{stem}1.{ext}"), "rb").read()
+        for n in ("2", "3"):
+            check(open(t.path(f"{stem}{n}.{ext}"), "rb").read() == first, f"{stem} at {n} threads differs")
+    for bad in ("-1", "x", "99999"):
+        p = t.run("resize", t.path("big.png"), t.path("bad.png"), "--size", "10x10", "--threads", bad, expect=2)
+        check("--threads" in p.stderr, p.stderr)
+    p = t.run("bench", "--size", "24x16", "--min-time", "0", "--threads", "2")
+    check("speed-up" in p.stdout, "bench at 2 threads shows the speed-up:\n" + p.stdout)
+
+
 TESTS = {name[5:]: fn for name, fn in sorted(globals().items()) if name.startswith("test_")}
 
 
