@@ -57,7 +57,7 @@ TEST(ConvertChain, Nv12ThenConverterThenScaler) {
                 << k.method << " isa " << impl::isaName(isa);
         }
     }
-    impl::setMaxIsaForTesting(impl::Isa::kAvx2);
+    impl::setMaxIsaForTesting(impl::Isa::kAvx512);
 }
 
 TEST(ConvertChain, Nv12ThenScalerThenConverter) {
@@ -77,7 +77,7 @@ TEST(ConvertChain, Nv12ThenScalerThenConverter) {
                 << k.method << " isa " << impl::isaName(isa);
         }
     }
-    impl::setMaxIsaForTesting(impl::Isa::kAvx2);
+    impl::setMaxIsaForTesting(impl::Isa::kAvx512);
 }
 
 }  // namespace

@@ -76,6 +76,15 @@ void bgrToChroma420Span(const uint8_t* s0, const uint8_t* s1, uint8_t* u, int u_
     }
 }
 
+// 4:4:4 chroma from column x on.
+void bgrToChroma444Span(const uint8_t* s, uint8_t* u, int u_step, uint8_t* v, int v_step, int x, int width) {
+    for (; x < width; ++x) {
+        const uint8_t* a = s + 3 * x;
+        u[x * u_step] = uint8_t(uTerm(a[0], a[1], a[2]) >> 8);
+        v[x * v_step] = uint8_t(vTerm(a[0], a[1], a[2]) >> 8);
+    }
+}
+
 // YUV to BGR (or RGB) from column x on; y, u, v point at the samples of column 0.
 template <bool kRgb = false>
 void yuvToBgrSpan(const uint8_t* y, int y_step, const uint8_t* u, int u_step, const uint8_t* v, int v_step,
@@ -271,20 +280,7 @@ void bgrToYuv422Row(const RowData* const* rows, RowData& dst, int width, const I
     zeroMissingY(di, y, width);
     uint8_t* u = dst.plane[di.uPlane];
     uint8_t* v = dst.plane[di.vPlane];
-    if (!u || !v) return;
-    u += di.uOffset;
-    v += di.vOffset;
-    int x = 0;
-    for (; x + 1 < width; x += 2) {
-        const uint8_t* a = s + 3 * x;
-        u[(x / 2) * di.uStep] = uint8_t((uTerm(a[0], a[1], a[2]) + uTerm(a[3], a[4], a[5])) >> 9);
-        v[(x / 2) * di.vStep] = uint8_t((vTerm(a[0], a[1], a[2]) + vTerm(a[3], a[4], a[5])) >> 9);
-    }
-    if (x < width) {
-        const uint8_t* a = s + 3 * x;
-        u[(x / 2) * di.uStep] = uint8_t(uTerm(a[0], a[1], a[2]) >> 8);
-        v[(x / 2) * di.vStep] = uint8_t(vTerm(a[0], a[1], a[2]) >> 8);
-    }
+    if (u && v) bgrToChroma420Span(s, nullptr, u + di.uOffset, di.uStep, v + di.vOffset, di.vStep, 0, width);
 }
 
 void bgrToYuv444Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
@@ -293,14 +289,25 @@ void bgrToYuv444Row(const RowData* const* rows, RowData& dst, int width, const I
     bgrToYSpan(s, dst.plane[di.yPlane] + di.yOffset, di.yStep, 0, width);
     uint8_t* u = dst.plane[di.uPlane];
     uint8_t* v = dst.plane[di.vPlane];
-    if (!u || !v) return;
-    u += di.uOffset;
-    v += di.vOffset;
-    for (int x = 0; x < width; ++x) {
-        const uint8_t* a = s + 3 * x;
-        u[x * di.uStep] = uint8_t(uTerm(a[0], a[1], a[2]) >> 8);
-        v[x * di.vStep] = uint8_t(vTerm(a[0], a[1], a[2]) >> 8);
-    }
+    if (u && v) bgrToChroma444Span(s, u + di.uOffset, di.uStep, v + di.vOffset, di.vStep, 0, width);
+}
+
+void split3Row(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width) {
+    deinterleave3Span(src, p0, p1, p2, 0, width);
+}
+
+void merge3Row(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2, uint8_t* dst, int width) {
+    interleave3Span(p0, p1, p2, dst, 0, width);
+}
+
+void bgrToYuv422PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width) {
+    bgrToYSpan(bgr, y, 1, 0, width);
+    bgrToChroma420Span(bgr, nullptr, u, 1, v, 1, 0, width);
+}
+
+void bgrToYuv444PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width) {
+    bgrToYSpan(bgr, y, 1, 0, width);
+    bgrToChroma444Span(bgr, u, 1, v, 1, 0, width);
 }
 
 void yuvToGrayRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
@@ -904,29 +911,72 @@ void swapRbRow(const RowData* const* rows, RowData& dst, int width, const Impl::
     swapRbSpan(s, d, x, width);
 }
 
-void interleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    const RowData& s = *rows[0];
-    uint8_t* d = dst.plane[0];
+void merge3Row(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2, uint8_t* d, int width) {
     int x = 0;
     for (; x + 32 <= width; x += 32) {
-        const __m256i in[3] = {loadu(s.plane[0] + x), loadu(s.plane[1] + x), loadu(s.plane[2] + x)};
+        const __m256i in[3] = {loadu(p0 + x), loadu(p1 + x), loadu(p2 + x)};
         __m256i out[3];
         shuffle48(kInterleave, in, out);
         store3(d + 3 * x, out);
     }
-    interleave3Span(s.plane[0], s.plane[1], s.plane[2], d, x, width);
+    interleave3Span(p0, p1, p2, d, x, width);
 }
 
-void deinterleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    const uint8_t* s = rows[0]->plane[0];
+void split3Row(const uint8_t* s, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width) {
     int x = 0;
     for (; x + 32 <= width; x += 32) {
         __m256i in[3], out[3];
         load3(s + 3 * x, in);
         shuffle48(kDeinterleave, in, out);
-        for (int p = 0; p < 3; ++p) storeu(dst.plane[p] + x, out[p]);
+        storeu(p0 + x, out[0]);
+        storeu(p1 + x, out[1]);
+        storeu(p2 + x, out[2]);
     }
-    deinterleave3Span(s, dst.plane[0], dst.plane[1], dst.plane[2], x, width);
+    deinterleave3Span(s, p0, p1, p2, x, width);
+}
+
+void interleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    const RowData& s = *rows[0];
+    merge3Row(s.plane[0], s.plane[1], s.plane[2], dst.plane[0], width);
+}
+
+void deinterleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
+    split3Row(rows[0]->plane[0], dst.plane[0], dst.plane[1], dst.plane[2], width);
+}
+
+void bgrToYuv422PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width) {
+    const int x = bgrToYuv420Bulk<false, false>(bgr, nullptr, y, u, v, true, width);
+    bgrToYSpan(bgr, y, 1, x, width);
+    bgrToChroma420Span(bgr, nullptr, u, 1, v, 1, x, width);
+}
+
+// 4:4:4: full weights, since each pixel's term stands alone: the pair sums
+// of (112, -74 | -38, 0) and (-18, -94 | 112, 0) and their totals stay within
+// +-28560, and (term + 32768) >> 8 = (term >> 8) + 128, the 128 a flip of
+// the top bit of the packed byte.
+void bgrToYuv444PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width) {
+    const __m256i wy = _mm256_set1_epi32(kWeightsY);
+    const __m256i wu = _mm256_set1_epi32(weights4(112, -74, -38, 0));
+    const __m256i wv = _mm256_set1_epi32(weights4(-18, -94, 112, 0));
+    const __m256i flip = _mm256_set1_epi8(-128);
+    const auto chroma = [flip](const __m256i q[4], __m256i w) {
+        const __m256i lo = _mm256_srai_epi16(
+            _mm256_hadd_epi16(_mm256_maddubs_epi16(q[0], w), _mm256_maddubs_epi16(q[1], w)), 8);
+        const __m256i hi = _mm256_srai_epi16(
+            _mm256_hadd_epi16(_mm256_maddubs_epi16(q[2], w), _mm256_maddubs_epi16(q[3], w)), 8);
+        return _mm256_xor_si256(_mm256_packs_epi16(lo, hi), flip);
+    };
+    int x = 0;
+    for (; x + 32 <= width; x += 32) {
+        __m256i q[4];
+        for (int k = 0; k < 4; ++k) q[k] = loadQuarter(bgr + 3 * x, k);
+        storeu(y + x, lumaBytes(lumaWords(_mm256_maddubs_epi16(q[0], wy), _mm256_maddubs_epi16(q[1], wy)),
+                                lumaWords(_mm256_maddubs_epi16(q[2], wy), _mm256_maddubs_epi16(q[3], wy))));
+        storeu(u + x, chroma(q, wu));
+        storeu(v + x, chroma(q, wv));
+    }
+    bgrToYSpan(bgr, y, 1, x, width);
+    bgrToChroma444Span(bgr, u, 1, v, 1, x, width);
 }
 
 }  // namespace avx2

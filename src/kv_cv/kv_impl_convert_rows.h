@@ -63,24 +63,49 @@ using YuvToRgbRowFn = void (*)(const uint8_t* y, const uint8_t* u, const uint8_t
     void yuvFullToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width);  \
     void yuvFullToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width)
 
+// Plain-pointer building blocks of the kernels above, `width` pixels:
+// split3Row / merge3Row move byte k of each 3-byte pixel to or from plane k;
+// bgrToYuv422PlanarRow writes width Y and ceil(width / 2) U and V samples
+// (4:2:2 of one row), bgrToYuv444PlanarRow width of each.
+#define KV_CONVERT_PLAIN_KERNELS                                                                         \
+    void split3Row(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width);               \
+    void merge3Row(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2, uint8_t* dst, int width);   \
+    void bgrToYuv422PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width);       \
+    void bgrToYuv444PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width)
+
+// Kernels on formats addressed through YuvFormatInfo: gray to BGR and to
+// YUV, BGR to 4:2:2 and 4:4:4, YUV to gray, to BGR and to YUV. The vector
+// versions (kv_impl_convert_yuv.cpp) work in strips of planar samples.
+#define KV_CONVERT_LAYOUT_KERNELS          \
+    KV_CONVERT_ROW_KERNEL(grayToBgrRow);   \
+    KV_CONVERT_ROW_KERNEL(grayToYuvRow);   \
+    KV_CONVERT_ROW_KERNEL(bgrToYuv422Row); \
+    KV_CONVERT_ROW_KERNEL(bgrToYuv444Row); \
+    KV_CONVERT_ROW_KERNEL(yuvToGrayRow);   \
+    KV_CONVERT_ROW_KERNEL(yuvToBgrRow);    \
+    KV_CONVERT_ROW_KERNEL(yuvToYuvRow)
+
 namespace ref {
 KV_CONVERT_VECTOR_KERNELS;
 KV_YUV_TO_RGB_ROW_KERNELS;
-// Scalar only: gray to BGR and to YUV, BGR to 4:2:2 and 4:4:4, YUV
-// addressed through YuvFormatInfo to gray, BGR and YUV.
-KV_CONVERT_ROW_KERNEL(grayToBgrRow);
-KV_CONVERT_ROW_KERNEL(grayToYuvRow);
-KV_CONVERT_ROW_KERNEL(bgrToYuv422Row);
-KV_CONVERT_ROW_KERNEL(bgrToYuv444Row);
-KV_CONVERT_ROW_KERNEL(yuvToGrayRow);
-KV_CONVERT_ROW_KERNEL(yuvToBgrRow);
-KV_CONVERT_ROW_KERNEL(yuvToYuvRow);
+KV_CONVERT_PLAIN_KERNELS;
+KV_CONVERT_LAYOUT_KERNELS;
 }  // namespace ref
 
 namespace avx2 {
 KV_CONVERT_VECTOR_KERNELS;
 KV_YUV_TO_RGB_ROW_KERNELS;
+KV_CONVERT_PLAIN_KERNELS;
+KV_CONVERT_LAYOUT_KERNELS;
 }  // namespace avx2
+
+// AVX-512 (VBMI) versions of the YUV to 3-byte pixel kernels, 64 pixels a step.
+namespace avx512 {
+KV_YUV_TO_RGB_ROW_KERNELS;
+KV_CONVERT_ROW_KERNEL(yuv420PlanarToBgrRow);
+KV_CONVERT_ROW_KERNEL(yuv420SemiToBgrRow);
+KV_CONVERT_ROW_KERNEL(yuv444PlanarToBgrRow);
+}  // namespace avx512
 
 }  // namespace impl
 }  // namespace kv

@@ -6,7 +6,11 @@
 namespace kv {
 namespace impl {
 
-enum class Isa { kScalar = 0, kSse41 = 1, kAvx2 = 2 };
+// kAvx512 is the AVX-512 of Ice Lake, Zen 4 and later: F, BW, DQ, VL plus
+// VBMI (byte permutes across the register) and VNNI (byte dot products);
+// processors with AVX-512 but without those two run the AVX2 kernels.
+// Kernels without an AVX-512 version run their AVX2 version at kAvx512.
+enum class Isa { kScalar = 0, kSse41 = 1, kAvx2 = 2, kAvx512 = 3 };
 
 // The best instruction set the processor supports (detected once).
 Isa detectedIsa();

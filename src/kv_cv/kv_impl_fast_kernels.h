@@ -50,6 +50,19 @@ using Rotate3Fn = void (*)(const uint8_t* src, size_t src_step, int width, int h
 using AreaBoxFn = void (*)(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width,
                            int dst_height, int channels, int fx, int fy);
 
+// BGR rows to YUV with the fast backend's arithmetic (kv_impl_fast_yuv.cpp):
+//   Y = (25 B + 129 G + 66 R + 4224) >> 8;
+//   U = (112 B - 74 G - 38 R + 32768) >> 8, V = (112 R - 94 G - 18 B + 32768) >> 8
+// of B, G, R averaged over the chroma block with rounding means
+// (a + b + 1) >> 1, first down the rows, then across the column pair; an odd
+// last column is a block of its own. The 4:2:0 kernels take a row pair (s0,
+// s1 into y0, y1 and one chroma row); the 4:2:2 and 4:4:4 ones one row (s1
+// and y1 unused). Chroma goes to planes u, v (ceil(width / 2) or width
+// samples) or, for the Nv kernels, into pairs where u and v are one byte
+// apart in either order.
+using BgrToYuvRowsFn = void (*)(const uint8_t* s0, const uint8_t* s1, uint8_t* y0, uint8_t* y1, uint8_t* u,
+                                uint8_t* v, int width);
+
 struct FastKernels {
     BgrToGrayRowFn bgrToGrayRow;
     GrayToBgrRowFn grayToBgrRow;
@@ -66,12 +79,28 @@ struct FastKernels {
     YuvToRgbRowFn yuvPairsToRgbRow;
     YuvToRgbRowFn yuvFullToBgrRow;
     YuvToRgbRowFn yuvFullToRgbRow;
+    BgrToYuvRowsFn bgrToI420Rows;
+    BgrToYuvRowsFn bgrToNv12Rows;
+    BgrToYuvRowsFn bgrToI422Row;
+    BgrToYuvRowsFn bgrToNv16Row;
+    BgrToYuvRowsFn bgrToI444Row;
 };
 
-// The kernel set for `isa` (AVX2 needs F16C too, which every AVX2 processor has).
+// The kernel set for `isa` (AVX2 needs F16C too, which every AVX2 processor
+// has); kAvx512 runs the AVX-512 kernels where there are any, else AVX2.
 const FastKernels& fastKernels(Isa isa);
 
+#define KV_FAST_YUV_KERNELS                                                                                      \
+    void bgrToI420Rows(const uint8_t* s0, const uint8_t* s1, uint8_t* y0, uint8_t* y1, uint8_t* u, uint8_t* v,   \
+                       int width);                                                                               \
+    void bgrToNv12Rows(const uint8_t* s0, const uint8_t* s1, uint8_t* y0, uint8_t* y1, uint8_t* u, uint8_t* v,   \
+                       int width);                                                                               \
+    void bgrToI422Row(const uint8_t* s, const uint8_t*, uint8_t* y, uint8_t*, uint8_t* u, uint8_t* v, int width); \
+    void bgrToNv16Row(const uint8_t* s, const uint8_t*, uint8_t* y, uint8_t*, uint8_t* u, uint8_t* v, int width); \
+    void bgrToI444Row(const uint8_t* s, const uint8_t*, uint8_t* y, uint8_t*, uint8_t* u, uint8_t* v, int width)
+
 namespace ref {
+KV_FAST_YUV_KERNELS;
 void bgrToGrayRow(const uint8_t* bgr, uint8_t* gray, int width);
 void grayToBgrRow(const uint8_t* gray, uint8_t* bgr, int width);
 void u8ToF32Row(const uint8_t* src, float* dst, size_t count);
@@ -84,6 +113,7 @@ void areaBox(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step,
 }  // namespace ref
 
 namespace avx2 {
+KV_FAST_YUV_KERNELS;
 void bgrToGrayRow(const uint8_t* bgr, uint8_t* gray, int width);
 void grayToBgrRow(const uint8_t* gray, uint8_t* bgr, int width);
 void u8ToF32Row(const uint8_t* src, float* dst, size_t count);
@@ -94,6 +124,12 @@ void rotate3(const uint8_t* src, size_t src_step, int width, int height, int cod
 void areaBox(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width, int dst_height,
              int channels, int fx, int fy);
 }  // namespace avx2
+
+namespace avx512 {
+KV_FAST_YUV_KERNELS;
+void bgrToGrayRow(const uint8_t* bgr, uint8_t* gray, int width);
+void halfToFloatRow(const uint16_t* src, float* dst, size_t count);
+}  // namespace avx512
 
 }  // namespace impl
 }  // namespace kv
