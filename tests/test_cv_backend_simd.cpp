@@ -708,6 +708,25 @@ TEST_F(FastKernelTest, GrayRowsMatchReference) {
     }
 }
 
+TEST_F(FastKernelTest, ByteMovesMatchReference) {
+    for (int w : kernelWidths()) {
+        const size_t n = size_t(w);
+        compareRows(ref, vectors, 3 * n, 3 * n, [&](const impl::FastKernels& k, const uint8_t* s, uint8_t* d) {
+            k.split3(s, d, d + n, d + 2 * n, w);
+        }, "split3 " + std::to_string(w));
+        compareRows(ref, vectors, 3 * n, 3 * n, [&](const impl::FastKernels& k, const uint8_t* s, uint8_t* d) {
+            k.merge3(s, s + n, s + 2 * n, d, w);
+        }, "merge3 " + std::to_string(w));
+        compareRows(ref, vectors, 3 * n, 3 * n, [&](const impl::FastKernels& k, const uint8_t* s, uint8_t* d) {
+            k.swap3(s, d, w);
+        }, "swap3 " + std::to_string(w));
+        // Float planes one byte off alignment.
+        compareRows(ref, vectors, 3 * n, 12 * n + 1, [&](const impl::FastKernels& k, const uint8_t* s, uint8_t* d) {
+            k.bytesToPlanarFloat3(s, d + 1, d + 1 + 4 * n, d + 1 + 8 * n, w);
+        }, "bytesToPlanarFloat3 " + std::to_string(w));
+    }
+}
+
 TEST_F(FastKernelTest, ByteFloatRowsMatchReference) {
     for (int n : kernelWidths()) {
         compareRows(ref, vectors, size_t(n), size_t(n) * 4, [&](const impl::FastKernels& k, const uint8_t* s, uint8_t* d) {

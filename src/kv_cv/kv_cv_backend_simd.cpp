@@ -180,8 +180,10 @@ void CvBackendSimd::colorCvt(const Frame& src, Frame& dst, Rect src_roi) {
                 toFloat(s, 0, dst, 0, size_t(w) * 3, h);
                 return;
             }
-            if (df == FRAME_FLOAT_32_C3_PLANAR) {
-                _twoStep(s, planar, dst);
+            if (df == FRAME_FLOAT_32_C3_PLANAR) {  // as through the planar bytes, in one pass
+                fast::bytesToPlanarFloat3(data(s, 0), step(s, 0), reinterpret_cast<float*>(data(dst, 0)), step(dst, 0),
+                                          reinterpret_cast<float*>(data(dst, 1)), step(dst, 1),
+                                          reinterpret_cast<float*>(data(dst, 2)), step(dst, 2), w, h);
                 return;
             }
             if (sf == FRAME_RGB_8) break;

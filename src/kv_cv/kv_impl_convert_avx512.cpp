@@ -1,9 +1,13 @@
-// AVX-512 versions of the YUV to BGR / RGB row kernels: the arithmetic of the
-// AVX2 kernels (kv_impl_convert_rows.cpp) on 64 pixels a step, with VBMI byte
-// permutes spreading the chroma and interleaving the three output planes.
-// The tail of a row (under 64 pixels) goes to the AVX2 kernel, which ends
-// with the reference code, so every width gives the reference's bytes.
+// AVX-512 versions of the YUV to BGR / RGB row kernels and of the byte moves
+// of 3-byte pixels: the arithmetic of the AVX2 kernels
+// (kv_impl_convert_rows.cpp) on 64 pixels a step, with VBMI byte permutes
+// spreading the chroma and moving the bytes of three registers (192 bytes,
+// 64 pixels) at once. The tail of a row (under 64 pixels) goes to the AVX2
+// kernel, which ends with the reference code, so every width gives the
+// reference's bytes.
 #include <immintrin.h>
+
+#include <algorithm>
 
 #include "kv_impl_convert_rows.h"
 
@@ -50,6 +54,38 @@ constexpr Interleave3 makeInterleave3() {
     return t;
 }
 constexpr Interleave3 kInterleave3 = makeInterleave3();
+
+// The reverse and the swap of bytes 0 and 2 of each pixel, from 192 bytes in
+// three registers: output register o takes `pair` of registers (lo[o],
+// lo[o] + 1) and, at the `third` mask's bytes, `third` of register 2.
+struct Gather3 {
+    Perm64 pair[3];
+    Perm64 third[3];
+    uint64_t mask[3];
+    int lo[3];
+};
+template <typename Source>
+constexpr Gather3 makeGather3(Source source, bool planes) {
+    Gather3 t{};
+    for (int o = 0; o < 3; ++o) {
+        int low = 128;  // lowest source byte of this output
+        for (int k = 0; k < 64; ++k) low = std::min(low, source(o, k));
+        t.lo[o] = planes ? 0 : (low >= 64 ? 1 : 0);
+        t.mask[o] = 0;
+        for (int k = 0; k < 64; ++k) {
+            const int from = source(o, k) - 64 * t.lo[o];
+            if (from >= 128) t.mask[o] |= uint64_t(1) << k;
+            t.pair[o].i[k] = uint8_t(from < 128 ? from : 0);
+            t.third[o].i[k] = uint8_t(from >= 128 ? from - 128 : 0);
+        }
+    }
+    return t;
+}
+// Plane p byte k is pixel k's byte p.
+constexpr Gather3 kSplit3 = makeGather3([](int p, int k) { return 3 * k + p; }, true);
+// Output byte j = 64 o + k comes from byte 3 (j / 3) + 2 - j % 3.
+constexpr Gather3 kSwap3 = makeGather3([](int o, int k) { return 3 * ((64 * o + k) / 3) + 2 - (64 * o + k) % 3; },
+                                       false);
 
 // Chroma layouts, as in the AVX2 kernels.
 enum class Chroma { kHalf, kPairs, kFull };
@@ -113,6 +149,16 @@ inline void storeInterleaved3(uint8_t* d, __m512i p0, __m512i p1, __m512i p2) {
         _mm512_storeu_si512(d + 64 * b,
                             _mm512_mask_permutexvar_epi8(two, kInterleave3.mask[b], perm(kInterleave3.third[b]), p2));
     }
+}
+
+// Register o of a 64-pixel gather (kSplit3 or kSwap3) from the 192 bytes in r.
+inline __m512i gather3(const Gather3& t, const __m512i r[3], int o) {
+    const __m512i two = _mm512_permutex2var_epi8(r[t.lo[o]], perm(t.pair[o]), r[t.lo[o] + 1]);
+    return t.mask[o] ? _mm512_mask_permutexvar_epi8(two, t.mask[o], perm(t.third[o]), r[2]) : two;
+}
+
+inline void load192(const uint8_t* p, __m512i r[3]) {
+    for (int k = 0; k < 3; ++k) r[k] = _mm512_loadu_si512(p + 64 * k);
 }
 
 template <Chroma kChroma, bool kRgb>
@@ -186,6 +232,51 @@ void yuvFullToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8
 }
 void yuvFullToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width) {
     yuvToRgbRow<Chroma::kFull, true>(y, u, v, dst, width, avx2::yuvFullToRgbRow);
+}
+
+void split3Row(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width) {
+    uint8_t* const planes[3] = {p0, p1, p2};
+    int x = 0;
+    for (; x + 64 <= width; x += 64) {
+        __m512i r[3];
+        load192(src + 3 * x, r);
+        for (int p = 0; p < 3; ++p) _mm512_storeu_si512(planes[p] + x, gather3(kSplit3, r, p));
+    }
+    if (x < width) avx2::split3Row(src + 3 * x, p0 + x, p1 + x, p2 + x, width - x);
+}
+
+void merge3Row(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2, uint8_t* dst, int width) {
+    int x = 0;
+    for (; x + 64 <= width; x += 64)
+        storeInterleaved3(dst + 3 * x, _mm512_loadu_si512(p0 + x), _mm512_loadu_si512(p1 + x),
+                          _mm512_loadu_si512(p2 + x));
+    if (x < width) avx2::merge3Row(p0 + x, p1 + x, p2 + x, dst + 3 * x, width - x);
+}
+
+void swap3Row(const uint8_t* src, uint8_t* dst, int width) {
+    int x = 0;
+    for (; x + 64 <= width; x += 64) {
+        __m512i r[3];
+        load192(src + 3 * x, r);
+        for (int o = 0; o < 3; ++o) _mm512_storeu_si512(dst + 3 * x + 64 * o, gather3(kSwap3, r, o));
+    }
+    if (x < width) avx2::swap3Row(src + 3 * x, dst + 3 * x, width - x);
+}
+
+void bytesToPlanarFloat3Row(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width) {
+    uint8_t* const planes[3] = {p0, p1, p2};
+    int x = 0;
+    for (; x + 64 <= width; x += 64) {
+        __m512i r[3];
+        load192(src + 3 * x, r);
+        for (int p = 0; p < 3; ++p) {
+            const __m512i bytes = gather3(kSplit3, r, p);
+            for (int q = 0; q < 4; ++q)
+                _mm512_storeu_ps(reinterpret_cast<float*>(planes[p] + 4 * (x + 16 * q)),
+                                 _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(_mm512_extracti32x4_epi32(bytes, q))));
+        }
+    }
+    if (x < width) avx2::bytesToPlanarFloat3Row(src + 3 * x, p0 + 4 * x, p1 + 4 * x, p2 + 4 * x, width - x);
 }
 
 void yuv420PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {

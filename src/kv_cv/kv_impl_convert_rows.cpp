@@ -229,26 +229,16 @@ void bytesToFloatRow(const RowData* const* rows, RowData& dst, int width, const 
     bytesToFloatSpan(rows[0]->plane[0], dst.plane[0], 0, 3 * width);
 }
 
-void bytesToPlanarFloatRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    bytesToPlanarFloatSpan(rows[0]->plane[0], dst.plane[0], dst.plane[1], dst.plane[2], 0, width);
+void bytesToPlanarFloat3Row(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width) {
+    bytesToPlanarFloatSpan(src, p0, p1, p2, 0, width);
 }
 
 void floatToBytesRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
     floatToBytesSpan(rows[0]->plane[0], dst.plane[0], 0, 3 * width);
 }
 
-void swapRbRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    swapRbSpan(rows[0]->plane[0], dst.plane[0], 0, width);
-}
+void swap3Row(const uint8_t* src, uint8_t* dst, int width) { swapRbSpan(src, dst, 0, width); }
 
-void interleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    const RowData& s = *rows[0];
-    interleave3Span(s.plane[0], s.plane[1], s.plane[2], dst.plane[0], 0, width);
-}
-
-void deinterleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    deinterleave3Span(rows[0]->plane[0], dst.plane[0], dst.plane[1], dst.plane[2], 0, width);
-}
 
 void grayToBgrRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
     const uint8_t* s = rows[0]->plane[0];
@@ -869,16 +859,16 @@ void bytesToFloatRow(const RowData* const* rows, RowData& dst, int width, const 
     bytesToFloatSpan(s, d, i, n);
 }
 
-void bytesToPlanarFloatRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    const uint8_t* s = rows[0]->plane[0];
+void bytesToPlanarFloat3Row(const uint8_t* s, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width) {
+    uint8_t* const planes_out[3] = {p0, p1, p2};
     int x = 0;
     for (; x + 32 <= width; x += 32) {
         __m256i in[3], planes[3];
         load3(s + 3 * x, in);
         shuffle48(kDeinterleave, in, planes);
-        for (int p = 0; p < 3; ++p) floatsFromBytes32(planes[p], dst.plane[p] + 4 * x);
+        for (int p = 0; p < 3; ++p) floatsFromBytes32(planes[p], planes_out[p] + 4 * x);
     }
-    bytesToPlanarFloatSpan(s, dst.plane[0], dst.plane[1], dst.plane[2], x, width);
+    bytesToPlanarFloatSpan(s, p0, p1, p2, x, width);
 }
 
 void floatToBytesRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
@@ -898,9 +888,7 @@ void floatToBytesRow(const RowData* const* rows, RowData& dst, int width, const 
     floatToBytesSpan(s, d, i, n);
 }
 
-void swapRbRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    const uint8_t* s = rows[0]->plane[0];
-    uint8_t* d = dst.plane[0];
+void swap3Row(const uint8_t* s, uint8_t* d, int width) {
     int x = 0;
     for (; x + 32 <= width; x += 32) {
         __m256i in[3], out[3];
@@ -935,14 +923,6 @@ void split3Row(const uint8_t* s, uint8_t* p0, uint8_t* p1, uint8_t* p2, int widt
     deinterleave3Span(s, p0, p1, p2, x, width);
 }
 
-void interleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    const RowData& s = *rows[0];
-    merge3Row(s.plane[0], s.plane[1], s.plane[2], dst.plane[0], width);
-}
-
-void deinterleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    split3Row(rows[0]->plane[0], dst.plane[0], dst.plane[1], dst.plane[2], width);
-}
 
 void bgrToYuv422PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width) {
     const int x = bgrToYuv420Bulk<false, false>(bgr, nullptr, y, u, v, true, width);
@@ -982,6 +962,35 @@ void bgrToYuv444PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v
 }  // namespace avx2
 
 #pragma GCC pop_options
+
+// The byte moves of every instruction set on converter rows.
+#define KV_BYTE_MOVE_ROWS                                                                                          \
+    void bytesToPlanarFloatRow(const RowData* const* rows, RowData& dst, int width,                                \
+                               const Impl::ImplFormatConverter&) {                                                 \
+        bytesToPlanarFloat3Row(rows[0]->plane[0], dst.plane[0], dst.plane[1], dst.plane[2], width);                \
+    }                                                                                                              \
+    void swapRbRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {       \
+        swap3Row(rows[0]->plane[0], dst.plane[0], width);                                                          \
+    }                                                                                                              \
+    void interleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {  \
+        const RowData& s = *rows[0];                                                                               \
+        merge3Row(s.plane[0], s.plane[1], s.plane[2], dst.plane[0], width);                                        \
+    }                                                                                                              \
+    void deinterleave3Row(const RowData* const* rows, RowData& dst, int width,                                     \
+                          const Impl::ImplFormatConverter&) {                                                      \
+        split3Row(rows[0]->plane[0], dst.plane[0], dst.plane[1], dst.plane[2], width);                             \
+    }
+
+namespace ref {
+KV_BYTE_MOVE_ROWS
+}  // namespace ref
+namespace avx2 {
+KV_BYTE_MOVE_ROWS
+}  // namespace avx2
+namespace avx512 {
+KV_BYTE_MOVE_ROWS
+}  // namespace avx512
+#undef KV_BYTE_MOVE_ROWS
 
 }  // namespace impl
 }  // namespace kv

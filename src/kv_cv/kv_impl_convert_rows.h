@@ -37,11 +37,7 @@ namespace impl {
     KV_CONVERT_ROW_KERNEL(yuv420SemiToBgrRow);        \
     KV_CONVERT_ROW_KERNEL(yuv444PlanarToBgrRow);      \
     KV_CONVERT_ROW_KERNEL(bytesToFloatRow);           \
-    KV_CONVERT_ROW_KERNEL(bytesToPlanarFloatRow);     \
     KV_CONVERT_ROW_KERNEL(floatToBytesRow);           \
-    KV_CONVERT_ROW_KERNEL(swapRbRow);                 \
-    KV_CONVERT_ROW_KERNEL(interleave3Row);            \
-    KV_CONVERT_ROW_KERNEL(deinterleave3Row);          \
     KV_CONVERT_PAIR_KERNEL(bgrToYuv420PlanarPairRow); \
     KV_CONVERT_PAIR_KERNEL(bgrToYuv420SemiPairRow)
 
@@ -63,13 +59,25 @@ using YuvToRgbRowFn = void (*)(const uint8_t* y, const uint8_t* u, const uint8_t
     void yuvFullToBgrRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width);  \
     void yuvFullToRgbRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, uint8_t* dst, int width)
 
-// Plain-pointer building blocks of the kernels above, `width` pixels:
-// split3Row / merge3Row move byte k of each 3-byte pixel to or from plane k;
-// bgrToYuv422PlanarRow writes width Y and ceil(width / 2) U and V samples
-// (4:2:2 of one row), bgrToYuv444PlanarRow width of each.
-#define KV_CONVERT_PLAIN_KERNELS                                                                         \
+// Byte moves of 3-byte pixels on plain pointers, `width` pixels: split3Row /
+// merge3Row move byte k of each pixel to or from plane k, swap3Row swaps
+// bytes 0 and 2 of each pixel, bytesToPlanarFloat3Row writes byte k of each
+// pixel as a float into plane k (floats at any byte address).
+#define KV_BYTE_MOVE_KERNELS                                                                             \
     void split3Row(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width);               \
     void merge3Row(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2, uint8_t* dst, int width);   \
+    void swap3Row(const uint8_t* src, uint8_t* dst, int width);                                         \
+    void bytesToPlanarFloat3Row(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width);  \
+    KV_CONVERT_ROW_KERNEL(swapRbRow);                                                                   \
+    KV_CONVERT_ROW_KERNEL(interleave3Row);                                                              \
+    KV_CONVERT_ROW_KERNEL(deinterleave3Row);                                                            \
+    KV_CONVERT_ROW_KERNEL(bytesToPlanarFloatRow)
+
+// Plain-pointer building blocks of the YUV kernels: bgrToYuv422PlanarRow
+// writes width Y and ceil(width / 2) U and V samples (4:2:2 of one row),
+// bgrToYuv444PlanarRow width of each.
+#define KV_CONVERT_PLAIN_KERNELS                                                                         \
+    KV_BYTE_MOVE_KERNELS;                                                                               \
     void bgrToYuv422PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width);       \
     void bgrToYuv444PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width)
 
@@ -99,9 +107,11 @@ KV_CONVERT_PLAIN_KERNELS;
 KV_CONVERT_LAYOUT_KERNELS;
 }  // namespace avx2
 
-// AVX-512 (VBMI) versions of the YUV to 3-byte pixel kernels, 64 pixels a step.
+// AVX-512 (VBMI) versions of the YUV to 3-byte pixel kernels and the byte
+// moves, 64 pixels a step (the float conversion runs its AVX2 version).
 namespace avx512 {
 KV_YUV_TO_RGB_ROW_KERNELS;
+KV_BYTE_MOVE_KERNELS;
 KV_CONVERT_ROW_KERNEL(yuv420PlanarToBgrRow);
 KV_CONVERT_ROW_KERNEL(yuv420SemiToBgrRow);
 KV_CONVERT_ROW_KERNEL(yuv444PlanarToBgrRow);

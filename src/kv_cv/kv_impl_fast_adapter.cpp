@@ -1,13 +1,14 @@
 // The fast backend's facilities on libyuv, OpenCV and our own row kernels.
 // Which serves what was chosen by measurement at 1920x1080 on one thread:
-// libyuv for channel swaps, plane copies, splits and merges and 1-byte
-// rotation; OpenCV for float bilinear and non-integer area
+// libyuv for plane copies, splits, merges and swaps of 2-byte pairs and
+// 1-byte rotation; OpenCV for float bilinear and non-integer area
 // resizing (and bilinear byte planes with a side past the 16.16 tables), for
 // warps of float planes and for 2- and 4-byte rotation; plain loops for
 // nearest resizing; our warp (kv_impl_fast_warp, OpenCV's arithmetic) for
 // byte planes; the bilinear scalers' row kernels (kv_impl_scale_rows) for
 // bilinear resizing of byte planes; our kernels (kv_impl_fast_kernels) for
-// gray, byte/float, half/float, 3-byte rotation, integer-factor area
+// gray, byte/float, half/float, 3-byte rotation, the byte moves of 3-byte
+// pixels (the converter's kernels, twice libyuv's speed), integer-factor area
 // reduction and BGR to YUV (libyuv's arithmetic: its BGR to YUV calls stay
 // here as the ...WithLibrary functions that tests hold the kernels against),
 // where they beat both libraries, and for YUV to BGR / RGB, where
@@ -156,19 +157,19 @@ void forPackedStrips(int width, int height, Strip strip) {
 }  // namespace
 
 void bgrToYuv444Packed(const uint8_t* bgr, size_t bgr_step, uint8_t* dst, size_t dst_step, int width, int height) {
-    const BgrToYuvRowsFn row = kernels().bgrToI444Row;
+    const FastKernels& k = kernels();
     PlanarStrip t;
     forPackedStrips(width, height, [&](int r, int x, int n) {
-        row(bgr + size_t(r) * bgr_step + size_t(x) * 3, nullptr, t.p[0], nullptr, t.p[1], t.p[2], n);
-        libyuv::MergeRGBPlane(t.p[0], 0, t.p[1], 0, t.p[2], 0, dst + size_t(r) * dst_step + size_t(x) * 3, 0, n, 1);
+        k.bgrToI444Row(bgr + size_t(r) * bgr_step + size_t(x) * 3, nullptr, t.p[0], nullptr, t.p[1], t.p[2], n);
+        k.merge3(t.p[0], t.p[1], t.p[2], dst + size_t(r) * dst_step + size_t(x) * 3, n);
     });
 }
 
 void yuv444PackedToGray(const uint8_t* src, size_t src_step, uint8_t* gray, size_t gray_step, int width, int height) {
+    const Split3Fn split = kernels().split3;
     PlanarStrip t;
     forPackedStrips(width, height, [&](int r, int x, int n) {
-        libyuv::SplitRGBPlane(src + size_t(r) * src_step + size_t(x) * 3, 0, gray + size_t(r) * gray_step + x, 0,
-                              t.p[1], 0, t.p[2], 0, n, 1);
+        split(src + size_t(r) * src_step + size_t(x) * 3, gray + size_t(r) * gray_step + x, t.p[1], t.p[2], n);
     });
 }
 
@@ -178,7 +179,7 @@ void yuv444PackedToRgb(RgbOrder order, const uint8_t* src, size_t src_step, uint
     const YuvToRgbRowFn row = order == RgbOrder::kBgr ? k.yuvFullToBgrRow : k.yuvFullToRgbRow;
     PlanarStrip t;
     forPackedStrips(width, height, [&](int r, int x, int n) {
-        libyuv::SplitRGBPlane(src + size_t(r) * src_step + size_t(x) * 3, 0, t.p[0], 0, t.p[1], 0, t.p[2], 0, n, 1);
+        k.split3(src + size_t(r) * src_step + size_t(x) * 3, t.p[0], t.p[1], t.p[2], n);
         row(t.p[0], t.p[1], t.p[2], dst + size_t(r) * dst_step + size_t(x) * 3, n);
     });
 }
@@ -249,18 +250,31 @@ void i444ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u
 }
 
 void swapRgb(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int width, int height) {
-    libyuv::RAWToRGB24(src, pitch(src_step), dst, pitch(dst_step), width, height);
+    const Swap3Fn row = kernels().swap3;
+    forRows(height, [&](int y) { row(src + size_t(y) * src_step, dst + size_t(y) * dst_step, width); });
 }
 
 void splitPlanes3(const uint8_t* src, size_t src_step, uint8_t* d0, size_t s0, uint8_t* d1, size_t s1, uint8_t* d2,
                   size_t s2, int width, int height) {
-    // libyuv names the planes r, g, b but moves byte k to plane k.
-    libyuv::SplitRGBPlane(src, pitch(src_step), d0, pitch(s0), d1, pitch(s1), d2, pitch(s2), width, height);
+    const Split3Fn row = kernels().split3;
+    forRows(height, [&](int y) {
+        row(src + size_t(y) * src_step, d0 + size_t(y) * s0, d1 + size_t(y) * s1, d2 + size_t(y) * s2, width);
+    });
 }
 
 void mergePlanes3(const uint8_t* p0, size_t s0, const uint8_t* p1, size_t s1, const uint8_t* p2, size_t s2,
                   uint8_t* dst, size_t dst_step, int width, int height) {
-    libyuv::MergeRGBPlane(p0, pitch(s0), p1, pitch(s1), p2, pitch(s2), dst, pitch(dst_step), width, height);
+    const Merge3Fn row = kernels().merge3;
+    forRows(height, [&](int y) {
+        row(p0 + size_t(y) * s0, p1 + size_t(y) * s1, p2 + size_t(y) * s2, dst + size_t(y) * dst_step, width);
+    });
+}
+
+void bytesToPlanarFloat3(const uint8_t* src, size_t src_step, float* d0, size_t s0, float* d1, size_t s1, float* d2,
+                         size_t s2, int width, int height) {
+    const Split3Fn row = kernels().bytesToPlanarFloat3;
+    const auto at = [](float* plane, size_t step, int y) { return reinterpret_cast<uint8_t*>(plane) + size_t(y) * step; };
+    forRows(height, [&](int y) { row(src + size_t(y) * src_step, at(d0, s0, y), at(d1, s1, y), at(d2, s2, y), width); });
 }
 
 void splitPairs(const uint8_t* src, size_t src_step, uint8_t* d0, size_t s0, uint8_t* d1, size_t s1, int width,

@@ -83,6 +83,9 @@ void splitPlanes3(const uint8_t* src, size_t src_step, uint8_t* d0, size_t s0, u
                   size_t s2, int width, int height);
 void mergePlanes3(const uint8_t* p0, size_t s0, const uint8_t* p1, size_t s1, const uint8_t* p2, size_t s2,
                   uint8_t* dst, size_t dst_step, int width, int height);
+// 3-byte pixels to three float planes, byte k of each pixel to plane k, unchanged.
+void bytesToPlanarFloat3(const uint8_t* src, size_t src_step, float* d0, size_t s0, float* d1, size_t s1, float* d2,
+                         size_t s2, int width, int height);
 // 2-byte pairs <-> two planes; `width` counts pairs.
 void splitPairs(const uint8_t* src, size_t src_step, uint8_t* d0, size_t s0, uint8_t* d1, size_t s1, int width,
                 int height);

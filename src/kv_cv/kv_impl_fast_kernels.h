@@ -63,6 +63,11 @@ using AreaBoxFn = void (*)(const uint8_t* src, size_t src_step, uint8_t* dst, si
 using BgrToYuvRowsFn = void (*)(const uint8_t* s0, const uint8_t* s1, uint8_t* y0, uint8_t* y1, uint8_t* u,
                                 uint8_t* v, int width);
 
+// The converter's byte moves of 3-byte pixels (kv_impl_convert_rows.h).
+using Split3Fn = void (*)(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width);
+using Merge3Fn = void (*)(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2, uint8_t* dst, int width);
+using Swap3Fn = void (*)(const uint8_t* src, uint8_t* dst, int width);
+
 struct FastKernels {
     BgrToGrayRowFn bgrToGrayRow;
     GrayToBgrRowFn grayToBgrRow;
@@ -84,6 +89,10 @@ struct FastKernels {
     BgrToYuvRowsFn bgrToI422Row;
     BgrToYuvRowsFn bgrToNv16Row;
     BgrToYuvRowsFn bgrToI444Row;
+    Split3Fn split3;
+    Merge3Fn merge3;
+    Swap3Fn swap3;
+    Split3Fn bytesToPlanarFloat3;  // floats at any byte address
 };
 
 // The kernel set for `isa` (AVX2 needs F16C too, which every AVX2 processor

@@ -139,23 +139,23 @@ void ImplFormatConverter::get_context(FrameFormat src, FrameFormat dst, int* win
             return;
         case FRAME_RGB_8:
             if (dst == FRAME_RGB_8_PLANAR)
-                _convert = KV_PICK(deinterleave3Row);
+                _convert = KV_PICK3(deinterleave3Row);
             else if (dst == FRAME_BGR_8)
-                _convert = KV_PICK(swapRbRow);
+                _convert = KV_PICK3(swapRbRow);
             else if (dst == FRAME_FLOAT_32_C3_PLANAR)
-                _convert = KV_PICK(bytesToPlanarFloatRow);
+                _convert = KV_PICK3(bytesToPlanarFloatRow);
             else
                 KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 273, "%s", kUnsupported);
             return;
         case FRAME_RGB_8_PLANAR:
             if (dst != FRAME_RGB_8) KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 288, "%s", kUnsupported);
-            _convert = KV_PICK(interleave3Row);
+            _convert = KV_PICK3(interleave3Row);
             return;
         case FRAME_BGR_8:
             switch (dst) {
                 case FRAME_GRAY_8: _convert = KV_PICK(bgrToGrayRow); return;
-                case FRAME_RGB_8: _convert = KV_PICK(swapRbRow); return;
-                case FRAME_BGR_8_PLANAR: _convert = KV_PICK(deinterleave3Row); return;
+                case FRAME_RGB_8: _convert = KV_PICK3(swapRbRow); return;
+                case FRAME_BGR_8_PLANAR: _convert = KV_PICK3(deinterleave3Row); return;
                 case FRAME_I420:
                 case FRAME_YV12:
                     _convert = KV_PICK(bgrToYuv420PlanarRow);
@@ -175,12 +175,12 @@ void ImplFormatConverter::get_context(FrameFormat src, FrameFormat dst, int* win
                 case FRAME_YUV444:
                 case FRAME_YUV444_PLANAR: _convert = KV_PICK(bgrToYuv444Row); return;
                 case FRAME_FLOAT_32_C3: _convert = KV_PICK(bytesToFloatRow); return;
-                case FRAME_FLOAT_32_C3_PLANAR: _convert = KV_PICK(bytesToPlanarFloatRow); return;
+                case FRAME_FLOAT_32_C3_PLANAR: _convert = KV_PICK3(bytesToPlanarFloatRow); return;
                 default: KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 237, "%s", kUnsupported);
             }
         case FRAME_BGR_8_PLANAR:
             if (dst != FRAME_BGR_8) KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 252, "%s", kUnsupported);
-            _convert = KV_PICK(interleave3Row);
+            _convert = KV_PICK3(interleave3Row);
             return;
         case FRAME_FLOAT_32_C3:
             if (dst != FRAME_BGR_8) KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 417, "%s", kUnsupported);
