@@ -819,9 +819,12 @@ TEST_F(FastKernelTest, HalfToFloatEveryCountAndAlignment) {
 }
 
 TEST_F(FastKernelTest, Rotate3MatchesReference) {
+    std::vector<int> widths;
+    for (int w = 1; w <= 67; w += (w < 20 ? 1 : 7)) widths.push_back(w);
+    widths.push_back(1921);
     for (int code : {1, 2, 3})
-        for (int w = 1; w <= 67; w += (w < 20 ? 1 : 7))
-            for (int h : {1, 2, 7, 8, 9, 17, 33}) {
+        for (int w : widths)
+            for (int h : {1, 2, 7, 8, 9, 16, 17, 33, 48}) {
                 const int dw = code == 2 ? w : h, dh = code == 2 ? h : w;
                 const size_t ss = size_t(w) * 3 + 5, ds = size_t(dw) * 3 + 7;
                 std::vector<uint8_t> src(ss * size_t(h) + 1);

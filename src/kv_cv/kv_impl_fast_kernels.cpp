@@ -503,7 +503,7 @@ constexpr FastKernels kAvx2{avx2::bgrToGrayRow,     avx2::grayToBgrRow,     avx2
                             avx2::swap3Row,         avx2::bytesToPlanarFloat3Row};
 constexpr FastKernels kAvx512{avx512::bgrToGrayRow,     avx2::grayToBgrRow,       avx2::u8ToF32Row,
                               avx2::f32ToU8Row,         avx512::halfToFloatRow,   avx2::floatToHalfRow,
-                              avx2::rotate3,            avx2::areaBox,            avx512::yuvHalfToBgrRow,
+                              avx512::rotate3,          avx2::areaBox,            avx512::yuvHalfToBgrRow,
                               avx512::yuvHalfToRgbRow,  avx512::yuvPairsToBgrRow, avx512::yuvPairsToRgbRow,
                               avx512::yuvFullToBgrRow,  avx512::yuvFullToRgbRow,  avx512::bgrToI420Rows,
                               avx512::bgrToNv12Rows,    avx512::bgrToI422Row,     avx512::bgrToNv16Row,

@@ -138,6 +138,7 @@ namespace avx512 {
 KV_FAST_YUV_KERNELS;
 void bgrToGrayRow(const uint8_t* bgr, uint8_t* gray, int width);
 void halfToFloatRow(const uint16_t* src, float* dst, size_t count);
+void rotate3(const uint8_t* src, size_t src_step, int width, int height, int code, uint8_t* dst, size_t dst_step);
 }  // namespace avx512
 
 }  // namespace impl
