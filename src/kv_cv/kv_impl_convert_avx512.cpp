@@ -10,6 +10,7 @@
 #include <algorithm>
 
 #include "kv_impl_convert_rows.h"
+#include "kv_cv/kv_impl_cpu.h"
 
 namespace kv {
 namespace impl {
@@ -94,12 +95,7 @@ constexpr int chromaSub(Chroma c) { return c == Chroma::kFull ? 1 : 2; }
 
 }  // namespace
 
-#pragma GCC push_options
-#pragma GCC target("avx512f,avx512bw,avx512vl,avx512dq,avx512vbmi")
-// GCC 12 reads the "undefined" pass-through operand of many AVX-512
-// intrinsics as an uninitialised variable.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+KV_AVX512_BEGIN
 
 namespace avx512 {
 
@@ -291,8 +287,7 @@ void yuv444PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width, c
 
 }  // namespace avx512
 
-#pragma GCC diagnostic pop
-#pragma GCC pop_options
+KV_AVX512_END
 
 }  // namespace impl
 }  // namespace kv

@@ -22,3 +22,13 @@ const char* isaName(Isa isa);
 
 }  // namespace impl
 }  // namespace kv
+
+// The code generation region of the kAvx512 kernels (open and close it around
+// their namespace avx512). GCC 12 reads the "undefined" pass-through operand
+// of many AVX-512 intrinsics as an uninitialised variable, hence the quieted
+// warning.
+#define KV_AVX512_BEGIN                                                                              \
+    _Pragma("GCC push_options")                                                                      \
+    _Pragma("GCC target(\"avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi,avx512vnni,fma,f16c\")")  \
+    _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wmaybe-uninitialized\"")
+#define KV_AVX512_END _Pragma("GCC diagnostic pop") _Pragma("GCC pop_options")

@@ -306,12 +306,7 @@ constexpr Index16 kOddDwords = makeDwords(1);
 
 }  // namespace
 
-#pragma GCC push_options
-#pragma GCC target("avx512f,avx512bw,avx512vl,avx512dq,avx512vbmi,avx512vnni")
-// GCC 12 reads the "undefined" pass-through operand of many AVX-512
-// intrinsics as an uninitialised variable.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+KV_AVX512_BEGIN
 
 namespace avx512 {
 
@@ -449,8 +444,7 @@ void bgrToI444Row(const uint8_t* s, const uint8_t*, uint8_t* y, uint8_t*, uint8_
 
 }  // namespace avx512
 
-#pragma GCC diagnostic pop
-#pragma GCC pop_options
+KV_AVX512_END
 
 }  // namespace impl
 }  // namespace kv

@@ -22,12 +22,7 @@ constexpr size_t kStreamBytes = size_t(16) << 20;
 
 }  // namespace
 
-#pragma GCC push_options
-#pragma GCC target("avx512f,avx512bw,avx512vl,avx512dq,f16c")
-// GCC 12 reads the "undefined" pass-through operand of many AVX-512
-// intrinsics as an uninitialised variable.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+KV_AVX512_BEGIN
 
 namespace avx512 {
 
@@ -55,8 +50,7 @@ void halfToFloatRow(const uint16_t* src, float* dst, size_t count) {
 
 }  // namespace avx512
 
-#pragma GCC diagnostic pop
-#pragma GCC pop_options
+KV_AVX512_END
 
 }  // namespace impl
 }  // namespace kv

@@ -31,12 +31,7 @@ constexpr uint64_t kBytes48 = (uint64_t(1) << 48) - 1;
 
 }  // namespace
 
-#pragma GCC push_options
-#pragma GCC target("avx512f,avx512bw,avx512vl,avx512dq,avx512vbmi")
-// GCC 12 reads the "undefined" pass-through operand of many AVX-512
-// intrinsics as an uninitialised variable.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+KV_AVX512_BEGIN
 
 namespace avx512 {
 
@@ -117,8 +112,7 @@ void rotate3(const uint8_t* src, size_t src_step, int width, int height, int cod
 
 }  // namespace avx512
 
-#pragma GCC diagnostic pop
-#pragma GCC pop_options
+KV_AVX512_END
 
 }  // namespace impl
 }  // namespace kv
