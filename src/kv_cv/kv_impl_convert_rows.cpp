@@ -1,6 +1,8 @@
 // Row kernels of the format converter: scalar references and their AVX2
-// versions. The scalar span helpers take a start column so that the vector
-// kernels finish their rows with exactly the reference code.
+// versions (the YUV layout kernels' AVX2 versions live in
+// kv_impl_convert_yuv.cpp, the AVX-512 ones in kv_impl_convert_avx512.cpp).
+// The scalar span helpers take a start column so that the vector kernels
+// finish their rows with exactly the reference code.
 #include "kv_impl_convert_rows.h"
 
 #include <immintrin.h>

@@ -1,7 +1,9 @@
 // Row kernels of the format converter. Every kernel has the ConvertRowFn
 // signature; the scalar references in kv::impl::ref define the results, and
-// the AVX2 versions in kv::impl::avx2 reproduce them bit for bit (they run
-// whole vectors on the bulk of the row and the reference code on the tail,
+// the AVX2 versions in kv::impl::avx2 (kv_impl_convert_rows.cpp,
+// kv_impl_convert_yuv.cpp) and the AVX-512 ones in kv::impl::avx512
+// (kv_impl_convert_avx512.cpp) reproduce them bit for bit (they run whole
+// vectors on the bulk of the row and the next narrower kernel on the tail,
 // never touching a byte outside the row).
 //
 // Fixed formulas (8-bit unsigned inputs B, G, R; 32-bit unsigned arithmetic):

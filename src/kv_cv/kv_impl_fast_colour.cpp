@@ -271,13 +271,14 @@ struct alignas(64) Index16 {
 };
 
 // Quadruples B, G, R, G of pixels 16k..16k+15 out of the 192 bytes of 64
-// pixels held in three registers: quadruple k reads the register pair
-// (k > 1, k > 1 ? 2 : 1) (k 0 and 3 use one register), so its indices count
-// from register k > 1.
+// pixels held in registers r0, r1, r2: quadruples 0 and 3 lie within r0 and
+// r2, quadruple 1 within (r0, r1) and quadruple 2 within (r1, r2); indices
+// count from the first register used.
+constexpr int kQuadBase[4] = {0, 0, 64, 128};
 constexpr Index64 makeQuads(int k) {
     Index64 t{};
     const int order[4] = {0, 1, 2, 1};
-    for (int i = 0; i < 64; ++i) t.b[i] = uint8_t(3 * (16 * k + i / 4) + order[i % 4] - (k > 1 ? 64 : 0) - (k == 3 ? 64 : 0));
+    for (int i = 0; i < 64; ++i) t.b[i] = uint8_t(3 * (16 * k + i / 4) + order[i % 4] - kQuadBase[k]);
     return t;
 }
 constexpr Index64 kQuads[4] = {makeQuads(0), makeQuads(1), makeQuads(2), makeQuads(3)};

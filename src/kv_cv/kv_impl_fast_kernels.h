@@ -1,10 +1,13 @@
 // Row kernels of the fast backend's adapter where a loop of our own beats the
-// third-party call: BGR to gray, gray to BGR, byte <-> float, half <-> float,
-// rotation of 3-byte pixels, integer-factor area reduction, and YUV to BGR / RGB (the format converter's
-// kernels of kv_impl_convert_rows, so that both backends give the same bytes). Each kernel has a plain reference in
-// kv::impl::ref that defines the result and an AVX2 twin in kv::impl::avx2
-// with the same signature and bit-identical output. Kernels accept any width
-// of at least 1 and never touch memory outside the given rows.
+// third-party call: BGR to gray and to YUV (libyuv's arithmetic), gray to BGR,
+// byte <-> float, half <-> float, rotation of 3-byte pixels, integer-factor
+// area reduction, and the format converter's kernels of kv_impl_convert_rows
+// for YUV to BGR / RGB and the byte moves of 3-byte pixels (so that both
+// backends give the same bytes). Each kernel has a plain reference in
+// kv::impl::ref that defines the result and an AVX2 twin in kv::impl::avx2,
+// some an AVX-512 one in kv::impl::avx512, all with the same signature and
+// bit-identical output. Kernels accept any width of at least 1 and never
+// touch memory outside the given rows.
 #pragma once
 
 #include <cstddef>
