@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <memory>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
@@ -83,24 +84,38 @@ struct Registrar {
             FRAME_GRAY_FLOAT_32, FRAME_FLOAT_32_C3, FRAME_FLOAT_32_C3_PLANAR};
         static CvBackendBase base;
         static CvBackendSimd fast;
+        // One source and one destination frame per format, one memcpy pair per
+        // size, shared by the cases (and created only for formats in use).
+        static std::map<FrameFormat, std::shared_ptr<Frame>> sources, targets;
+        struct CopyPair {
+            Buffer from, to;
+        };
+        static std::map<size_t, std::shared_ptr<CopyPair>> copies;
+        const auto frame = [](std::map<FrameFormat, std::shared_ptr<Frame>>& pool, FrameFormat f, bool noise) {
+            std::shared_ptr<Frame>& p = pool[f];
+            if (!p) p = std::make_shared<Frame>(noise ? noiseFrame(f, kFull, uint32_t(f)) : Frame(f, kFull));
+            return p;
+        };
         for (FrameFormat s : formats)
             for (FrameFormat d : formats) {
                 if (s == d) continue;
                 const bool on_base = accepts(base, s, d), on_fast = accepts(fast, s, d);
                 if (!on_base && !on_fast) continue;
-                auto src = std::make_shared<Frame>(noiseFrame(s, kFull, uint32_t(s)));
-                auto dst = std::make_shared<Frame>(d, kFull);
+                const std::shared_ptr<Frame> src = frame(sources, s, true), dst = frame(targets, d, false);
                 const std::string name = "ColourMatrix/" + shortName(s) + "_to_" + shortName(d);
                 if (on_base) add(name + "/base", [src, dst] { base.colorCvt(*src, *dst, Rect()); });
                 if (on_fast) add(name + "/fast", [src, dst] { fast.colorCvt(*src, *dst, Rect()); });
                 const size_t bytes = std::max(frameBytes(*src), frameBytes(*dst));
-                auto from = std::make_shared<Buffer>(), to = std::make_shared<Buffer>();
-                from->resize(bytes);
-                to->resize(bytes);
-                std::memset(from->data(), 1, bytes);
-                std::memset(to->data(), 0, bytes);
-                add(name + "/memcpy", [from, to, bytes] {
-                    std::memcpy(to->data(), from->data(), bytes);
+                std::shared_ptr<CopyPair>& pair = copies[bytes];
+                if (!pair) {
+                    pair = std::make_shared<CopyPair>();
+                    for (Buffer* b : {&pair->from, &pair->to}) {
+                        b->resize(bytes);
+                        std::memset(b->data(), b == &pair->from, bytes);
+                    }
+                }
+                add(name + "/memcpy", [pair, bytes] {
+                    std::memcpy(pair->to.data(), pair->from.data(), bytes);
                     benchmark::ClobberMemory();
                 });
             }
