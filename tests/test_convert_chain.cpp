@@ -41,7 +41,7 @@ const ChainCase kCases[] = {
 };
 
 TEST(ConvertChain, Nv12ThenConverterThenScaler) {
-    for (impl::Isa isa : {impl::Isa::kScalar, impl::Isa::kAvx2}) {
+    for (impl::Isa isa : kvtest::availableIsas()) {
         impl::setMaxIsaForTesting(isa);
         for (const ChainCase& k : kCases) {
             const Frame nv12 = kvtest::randomFrame(FRAME_NV12, k.src, 5);
@@ -61,7 +61,7 @@ TEST(ConvertChain, Nv12ThenConverterThenScaler) {
 }
 
 TEST(ConvertChain, Nv12ThenScalerThenConverter) {
-    for (impl::Isa isa : {impl::Isa::kScalar, impl::Isa::kAvx2}) {
+    for (impl::Isa isa : kvtest::availableIsas()) {
         impl::setMaxIsaForTesting(isa);
         for (const ChainCase& k : kCases) {
             const Frame nv12 = kvtest::randomFrame(FRAME_NV12, k.src, 6);

@@ -276,7 +276,7 @@ TEST(ConvertPairKernels, MatchTwoRowCallsOfTheScalarKernel) {
 // consumers that skip a row, or that ask for chroma on a row that would not
 // carry it, still get that row's own bytes.
 TEST(ConvertPairKernels, SkippedRowsAndChromaOnEveryRow) {
-    for (impl::Isa isa : {impl::Isa::kScalar, impl::Isa::kAvx2}) {
+    for (impl::Isa isa : kvtest::availableIsas()) {
         IsaCap cap(isa);
         const Size size(45, 9);
         const CallerFrame src(FRAME_BGR_8, size, 21);
