@@ -267,9 +267,11 @@ void bytesToPlanarFloat3Row(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_
         load192(src + 3 * x, r);
         for (int p = 0; p < 3; ++p) {
             const __m512i bytes = gather3(kSplit3, r, p);
+            const __m128i quarters[4] = {_mm512_castsi512_si128(bytes), _mm512_extracti32x4_epi32(bytes, 1),
+                                         _mm512_extracti32x4_epi32(bytes, 2), _mm512_extracti32x4_epi32(bytes, 3)};
             for (int q = 0; q < 4; ++q)
                 _mm512_storeu_ps(reinterpret_cast<float*>(planes[p] + 4 * (x + 16 * q)),
-                                 _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(_mm512_extracti32x4_epi32(bytes, q))));
+                                 _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(quarters[q])));
         }
     }
     if (x < width) avx2::bytesToPlanarFloat3Row(src + 3 * x, p0 + 4 * x, p1 + 4 * x, p2 + 4 * x, width - x);
