@@ -277,6 +277,10 @@ void bytesToPlanarFloat3Row(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_
     if (x < width) avx2::bytesToPlanarFloat3Row(src + 3 * x, p0 + 4 * x, p1 + 4 * x, p2 + 4 * x, width - x);
 }
 
+void yuvToBgrRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+    avx2::yuvToBgrWith(rows, dst, width, conv, yuvHalfToBgrRow, yuvPairsToBgrRow, yuvFullToBgrRow);
+}
+
 void yuv420PlanarToBgrRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
     yuvToBgr<Chroma::kHalf>(rows, dst, width, conv, avx2::yuvHalfToBgrRow);
 }

@@ -107,6 +107,10 @@ KV_CONVERT_VECTOR_KERNELS;
 KV_YUV_TO_RGB_ROW_KERNELS;
 KV_CONVERT_PLAIN_KERNELS;
 KV_CONVERT_LAYOUT_KERNELS;
+// yuvToBgrRow with the given kernels for planar rows and strips by chroma
+// layout (half-width planes, pairs, full planes).
+void yuvToBgrWith(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv,
+                  YuvToRgbRowFn half, YuvToRgbRowFn pairs, YuvToRgbRowFn full);
 }  // namespace avx2
 
 // AVX-512 (VBMI) versions of the YUV to 3-byte pixel kernels and the byte
@@ -117,6 +121,7 @@ KV_BYTE_MOVE_KERNELS;
 KV_CONVERT_ROW_KERNEL(yuv420PlanarToBgrRow);
 KV_CONVERT_ROW_KERNEL(yuv420SemiToBgrRow);
 KV_CONVERT_ROW_KERNEL(yuv444PlanarToBgrRow);
+KV_CONVERT_ROW_KERNEL(yuvToBgrRow);  // packed sources: AVX2 splits, AVX-512 conversion
 }  // namespace avx512
 
 }  // namespace impl

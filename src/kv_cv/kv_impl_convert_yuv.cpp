@@ -343,22 +343,27 @@ void yuvToGrayRow(const RowData* const* rows, RowData& dst, int width, const Imp
     }
 }
 
-void yuvToBgrRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+void yuvToBgrWith(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv,
+                  YuvToRgbRowFn half, YuvToRgbRowFn pairs, YuvToRgbRowFn full) {
     const YuvFormatInfo& si = conv.srcInfo();
     const RowData& row = *rows[0];
-    const YuvToRgbRowFn planar = si.xSub == 1 ? yuvFullToBgrRow : si.uStep == 2 ? yuvPairsToBgrRow : yuvHalfToBgrRow;
     if (si.yStep == 1) {
+        const YuvToRgbRowFn planar = si.xSub == 1 ? full : si.uStep == 2 ? pairs : half;
         planar(row.plane[si.yPlane] + si.yOffset, row.plane[si.uPlane] + si.uOffset, row.plane[si.vPlane] + si.vOffset,
                dst.plane[0], width);
         return;
     }
     Strips s;
-    const YuvToRgbRowFn strip = si.yStep == 2 ? yuvHalfToBgrRow : yuvFullToBgrRow;
+    const YuvToRgbRowFn strip = si.yStep == 2 ? half : full;
     forStrips(width, [&](int x0, int n) {
         const uint8_t *y, *u, *v;
         readStrip(si, row, x0, n, &y, &u, &v, s.y, s.u[0], s.v[0]);
         strip(y, u, v, dst.plane[0] + 3 * x0, n);
     });
+}
+
+void yuvToBgrRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
+    yuvToBgrWith(rows, dst, width, conv, yuvHalfToBgrRow, yuvPairsToBgrRow, yuvFullToBgrRow);
 }
 
 void yuvToYuvRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {

@@ -202,7 +202,7 @@ void ImplFormatConverter::get_context(FrameFormat src, FrameFormat dst, int* win
         else if (src == FRAME_YUV444_PLANAR)
             _convert = KV_PICK3(yuv444PlanarToBgrRow);
         else
-            _convert = KV_PICK(yuvToBgrRow);
+            _convert = KV_PICK3(yuvToBgrRow);
     } else {
         // Includes destinations without a description (ySub 0): no window
         // can hold 0 rows, so the owner's window rejects them.
