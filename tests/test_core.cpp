@@ -310,6 +310,25 @@ TEST(TensorTest, LayoutsAndMemory) {
     EXPECT_EQ(padded.byteSize(), 32u + 4u + 2u);
 }
 
+TEST(TensorTest, WrapViewsCallerMemory) {
+    // A padded NHWC byte tensor inside a larger block with sentinels around it.
+    const TensorLayout l(TENSOR_UINT_8, TENSOR_NHWC, TensorSize{1, 2, 3, 1}, TensorSize{64, 32, 1, 1});
+    std::vector<uint8_t> block(l.byteSize() + 16, 0xAB);
+    Tensor t = Tensor::wrap(l, block.data() + 8);
+    ASSERT_TRUE(t.initialized());
+    EXPECT_EQ(t.devicePtr().cpuData(), block.data() + 8);
+    Tensor copy = t;  // copies share the view
+    EXPECT_EQ(copy.devicePtr().cpuData(), block.data() + 8);
+    t.setZero();
+    for (size_t i = 0; i < block.size(); ++i)
+        EXPECT_EQ(block[i], i >= 8 && i < 8 + l.byteSize() ? 0 : 0xAB) << "byte " << i;
+    // reuse() never writes into the caller's block: it allocates.
+    t.reuse(l);
+    EXPECT_NE(t.devicePtr().cpuData(), block.data() + 8);
+    EXPECT_FALSE(Tensor::wrap(l, nullptr).initialized());
+    EXPECT_FALSE(Tensor::wrap(TensorLayout(), block.data()).initialized());
+}
+
 TEST(RotationTest, MatrixAndRoi) {
     float m[2][3];
     getRotationMatrix2D(90.f, Point(10.f, 20.f), m, 1.f);

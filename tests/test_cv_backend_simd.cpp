@@ -894,13 +894,22 @@ TEST_F(FastKernelTest, YuvToRgbRowsMatchReference) {
 
 const int kBoxFactors[][2] = {{1, 1}, {2, 2}, {3, 3}, {4, 4}, {2, 3}, {5, 1}, {1, 4}, {4, 2}, {7, 7}, {17, 16}};
 
+// Output widths 1..67 (every fifth for wide blocks) and, for blocks up to 4
+// wide, full-HD sources: 1920 / f and one more.
+std::vector<int> boxWidths(int fx) {
+    std::vector<int> v;
+    for (int w = 1; w <= 67; w += (fx > 4 ? 5 : 1)) v.push_back(w);
+    if (fx <= 4) v.insert(v.end(), {1920 / fx, 1920 / fx + 1});
+    return v;
+}
+
 TEST_F(FastKernelTest, AreaBoxMatchesReference) {
     // Every channel count and a spread of factors (17 x 16 exceeds the vector
     // kernel's 16-bit sums and takes the reference path inside it); sources
     // of exact size with a padded pitch, destinations with sentinels.
     for (int channels = 1; channels <= 4; ++channels)
         for (const auto& f : kBoxFactors)
-            for (int w = 1; w <= 67; w += (f[0] > 4 ? 5 : 1))
+            for (int w : boxWidths(f[0]))
                 for (int h : {1, 2, 3}) {
                     const int fx = f[0], fy = f[1];
                     const size_t src_step = size_t(w * fx * channels) + 3, dst_step = size_t(w * channels) + 5;

@@ -270,3 +270,35 @@ TEST(FastAreaBox4x4C3, MatchesOpenCvInterArea) {
         ASSERT_EQ(a, b) << "width " << w;
     }
 }
+
+// ---- nearest: the byte gather against the plain loop ----------------------------------
+
+TEST(FastNearestGather, MatchesThePlainLoopForEveryPixelSize) {
+    std::vector<std::pair<Size, Size>> cases;
+    for (int w = 1; w <= 67; ++w) cases.push_back({Size(w * 3 / 2 + 1, 5), Size(w, 7)});
+    for (int w = 1; w <= 67; ++w) cases.push_back({Size(w, 3), Size(w * 2 + 1, 4)});
+    for (int sw : {1920, 1921})
+        for (Size to : {Size(2880, 9), Size(1280, 5), Size(224, 4), Size(1921, 3), Size(67, 6)})
+            cases.push_back({Size(sw, 6), to});
+    for (impl::Isa isa : kvtest::availableIsas()) {
+        kvtest::IsaCap cap(isa);
+        for (int channels = 1; channels <= 4; ++channels)
+            for (bool is_float : {false, true})
+                for (const auto& [from, to] : cases) {
+                    const size_t pixel = size_t(channels) * (is_float ? 4 : 1);
+                    const size_t src_step = size_t(from.width) * pixel + 4, dst_step = size_t(to.width) * pixel + 4;
+                    std::vector<uint8_t> src(src_step * size_t(from.height));
+                    std::mt19937 rng(uint32_t(from.width * 5 + to.width + channels));
+                    for (auto& v : src) v = uint8_t(rng());
+                    std::vector<uint8_t> a(dst_step * size_t(to.height), 0xA5), b(a);
+                    fast::PlaneResizeCache cache;
+                    fast::resizePlane(src.data(), src_step, from.width, from.height, a.data(), dst_step, to.width,
+                                      to.height, channels, is_float, fast::Interpolation::kNearest, &cache);
+                    fast::resizePlaneWithLibrary(src.data(), src_step, from.width, from.height, b.data(), dst_step,
+                                                 to.width, to.height, channels, is_float,
+                                                 fast::Interpolation::kNearest);
+                    ASSERT_EQ(a, b) << impl::isaName(isa) << " " << channels << (is_float ? " floats " : " bytes ")
+                                    << from.width << "x" << from.height << " -> " << to.width << "x" << to.height;
+                }
+    }
+}

@@ -14,6 +14,7 @@
 #include "kv_cv/kv_scaler_area.h"
 #include "kv_cv/kv_impl_cpu.h"
 #include "kv_cv/kv_impl_scale_area.h"
+#include "kv_cv/kv_impl_unaligned.h"
 #include "test_util.h"
 #include "wrapped_frame.h"
 
@@ -425,67 +426,107 @@ TEST(AreaFrames, EnlargementIgnoresWhatLiesPastTheRow) {
 
 // ---- kernels ----------------------------------------------------------------------
 
-TEST(AreaKernels, HorizontalVectorMatchesScalar) {
-    if (kv::impl::detectedIsa() < Isa::kAvx2) GTEST_SKIP() << "no AVX2";
-    std::mt19937 rng(11);
-    for (int channels = 1; channels <= 4; ++channels)
-        for (int dst_w = 1; dst_w <= 67; ++dst_w)
-            for (int src_w : {dst_w * 2, dst_w * 4, dst_w * 3, dst_w + 1, dst_w * 2 + 1, (dst_w + 1) / 2, dst_w, 1})
-                for (int shift : {15, 7}) {
-                    if (src_w < 1) continue;
-                    std::vector<AreaTableEntry> t;
-                    const uint16_t wm = kv::impl::buildAreaTable(src_w, dst_w, shift, t);
-                    // Clip the rows by a few samples now and then, as packed 4:2:2 rows are.
-                    const int clip = int(rng() % 3);
-                    kv::impl::AreaRowX row{t.data(), channels, std::max(1, src_w * channels - clip),
-                                           std::max(1, dst_w * channels - clip), wm, shift, dst_w < src_w};
-                    kv::impl::AreaTaps taps;
-                    kv::impl::buildAreaTaps(row, taps);
-                    std::vector<uint8_t> src(size_t(row.src_len));
-                    for (auto& v : src) v = uint8_t(rng());
-                    std::vector<uint8_t> a(size_t(row.dst_len) + 16, 0xA5), b(size_t(row.dst_len) + 16, 0x5A);
-                    kv::impl::ref::areaRowX8(src.data(), a.data(), row, taps, 0);
-                    kv::impl::avx2::areaRowX8(src.data(), b.data(), row, taps, 0);
-                    for (int i = 0; i < row.dst_len; ++i)
-                        ASSERT_EQ(a[size_t(i)], b[size_t(i)]) << "C" << channels << " " << src_w << "->" << dst_w
-                                                              << " shift " << shift << " x " << i;
-                    for (size_t i = size_t(row.dst_len); i < a.size(); ++i) {
-                        ASSERT_EQ(a[i], 0xA5);
-                        ASSERT_EQ(b[i], 0x5A);
-                    }
-                }
+// (source, output) widths: every output width 1..67 against several ratios,
+// then full-HD rows to the sizes models and displays use, and odd ones.
+std::vector<std::pair<int, int>> horizontalCases() {
+    std::vector<std::pair<int, int>> v;
+    for (int dst_w = 1; dst_w <= 67; ++dst_w)
+        for (int src_w : {dst_w * 2, dst_w * 4, dst_w * 3, dst_w + 1, dst_w * 2 + 1, (dst_w + 1) / 2, dst_w, 1,
+                          dst_w * 3 / 2, dst_w * 9 + 4, dst_w * 17 / 3})
+            if (src_w >= 1) v.push_back({src_w, dst_w});
+    for (int src_w : {1920, 1921})
+        for (int dst_w : {1280, 960, 640, 700, 480, 416, 224, 2880, 1921, 1919, 67, 33})
+            v.push_back({src_w, dst_w});
+    return v;
 }
 
-TEST(AreaKernels, VerticalVectorMatchesScalar) {
+// One horizontal kernel pair over every case, channel count and precision,
+// sources at odd byte addresses, samples at their extremes now and then.
+template <typename T, typename Kernel>
+void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
+    std::mt19937 rng(11);
+    int planned = 0;
+    for (int channels = 1; channels <= 4; ++channels)
+        for (auto [src_w, dst_w] : horizontalCases())
+            for (int shift : {15, 7}) {
+                std::vector<AreaTableEntry> t;
+                const uint16_t wm = kv::impl::buildAreaTable(src_w, dst_w, shift, t);
+                // Clip the rows by a few samples now and then, as packed 4:2:2 rows are.
+                const int clip = int(rng() % 3);
+                kv::impl::AreaRowX row{t.data(), channels, std::max(1, src_w * channels - clip),
+                                       std::max(1, dst_w * channels - clip), wm, shift, dst_w < src_w};
+                kv::impl::AreaTaps taps;
+                kv::impl::buildAreaTaps(row, taps, sample_bytes);
+                planned += taps.pair_blocks > 0;
+                std::vector<uint8_t> bytes(size_t(row.src_len) * sizeof(T) + 1);
+                T* src = reinterpret_cast<T*>(bytes.data() + 1);  // not aligned to the sample size
+                for (int i = 0; i < row.src_len; ++i)
+                    kv::impl::storeSample(src, i, rng() % 16 == 0 ? T(~T(0)) : T(rng()));
+                std::vector<T> a(size_t(row.dst_len) + 16, T(0xA5)), b(size_t(row.dst_len) + 16, T(0x5A));
+                ref_kernel(src, a.data(), row, taps, 0);
+                vec_kernel(src, b.data(), row, taps, 0);
+                for (int i = 0; i < row.dst_len; ++i)
+                    ASSERT_EQ(a[size_t(i)], b[size_t(i)]) << sizeof(T) << "-byte C" << channels << " " << src_w << "->"
+                                                          << dst_w << " shift " << shift << " x " << i;
+                for (size_t i = size_t(row.dst_len); i < a.size(); ++i) {
+                    ASSERT_EQ(a[i], T(0xA5));
+                    ASSERT_EQ(b[i], T(0x5A));
+                }
+            }
+    if (sample_bytes <= 2) {
+        EXPECT_GT(planned, 1000) << sizeof(T);  // the shuffle plan, not only the fallbacks
+    }
+}
+
+TEST(AreaKernels, HorizontalVectorMatchesScalar) {
     if (kv::impl::detectedIsa() < Isa::kAvx2) GTEST_SKIP() << "no AVX2";
+    compareHorizontal<uint8_t>(1, kv::impl::ref::areaRowX8, kv::impl::avx2::areaRowX8);
+    compareHorizontal<uint16_t>(2, kv::impl::ref::areaRowX16, kv::impl::avx2::areaRowX16);
+    compareHorizontal<uint32_t>(4, kv::impl::ref::areaRowX32, kv::impl::avx2::areaRowX32);
+}
+
+template <typename T, typename Acc, typename Kernel>
+void compareVertical(Kernel ref_kernel, Kernel vec_kernel) {
     std::mt19937 rng(12);
-    for (int len = 1; len <= 67; ++len)
+    std::vector<int> lengths;
+    for (int len = 1; len <= 67; ++len) lengths.push_back(len);
+    lengths.insert(lengths.end(), {1920, 1921});
+    for (int len : lengths)
         for (int count = 1; count <= 5; ++count)
             for (int shift : {15, 7}) {
-                std::vector<std::vector<uint8_t>> data(static_cast<size_t>(count), std::vector<uint8_t>(static_cast<size_t>(len)));
+                std::vector<std::vector<uint8_t>> data(size_t(count), std::vector<uint8_t>(size_t(len) * sizeof(T) + 1));
                 std::vector<const uint8_t*> rows;
                 std::vector<uint32_t> weights;
                 const uint32_t one = 1u << shift;
                 uint32_t left = one;
                 for (auto& d : data) {
-                    for (auto& v : d) v = uint8_t(rng());
-                    rows.push_back(d.data());
+                    T* row = reinterpret_cast<T*>(d.data() + 1);  // odd addresses
+                    for (int i = 0; i < len; ++i) kv::impl::storeSample(row, i, rng() % 8 == 0 ? T(~T(0)) : T(rng()));
+                    rows.push_back(d.data() + 1);
                     // Weights that sum to one; a lone row may carry one itself.
                     const uint32_t w = &d == &data.back() ? left : uint32_t(rng() % (left + 1));
                     weights.push_back(w);
                     left -= w;
                 }
                 const kv::impl::AreaRowsY r{rows.data(), weights.data(), count, len, shift};
-                std::vector<uint32_t> acc(static_cast<size_t>(len));
-                std::vector<uint8_t> a(size_t(len) + 32, 0xA5), b(size_t(len) + 32, 0x5A);
-                kv::impl::ref::areaRowsY8(r, a.data(), acc.data(), 0);
-                kv::impl::avx2::areaRowsY8(r, b.data(), acc.data(), 0);
-                for (int i = 0; i < len; ++i) ASSERT_EQ(a[size_t(i)], b[size_t(i)]) << len << " " << count << " x " << i;
+                std::vector<Acc> acc(static_cast<size_t>(len));
+                std::vector<T> a(size_t(len) + 32, T(0xA5)), b(size_t(len) + 32, T(0x5A));
+                ref_kernel(r, a.data(), acc.data(), 0);
+                vec_kernel(r, b.data(), acc.data(), 0);
+                for (int i = 0; i < len; ++i)
+                    ASSERT_EQ(a[size_t(i)], b[size_t(i)]) << sizeof(T) << "-byte " << len << " " << count << " x " << i;
                 for (size_t i = size_t(len); i < a.size(); ++i) {
-                    ASSERT_EQ(a[i], 0xA5);
-                    ASSERT_EQ(b[i], 0x5A);
+                    ASSERT_EQ(a[i], T(0xA5));
+                    ASSERT_EQ(b[i], T(0x5A));
                 }
             }
+}
+
+TEST(AreaKernels, VerticalVectorMatchesScalar) {
+    if (kv::impl::detectedIsa() < Isa::kAvx2) GTEST_SKIP() << "no AVX2";
+    compareVertical<uint8_t, uint32_t>(kv::impl::ref::areaRowsY8, kv::impl::avx2::areaRowsY8);
+    compareVertical<uint16_t, uint64_t>(kv::impl::ref::areaRowsY16, kv::impl::avx2::areaRowsY16);
+    compareVertical<uint32_t, uint64_t>(kv::impl::ref::areaRowsY32, kv::impl::avx2::areaRowsY32);
 }
 
 // ---- steady state -------------------------------------------------------------------

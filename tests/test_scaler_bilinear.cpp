@@ -384,24 +384,29 @@ struct RowCase {
     int channels, bytes, dst_units, src_units, src_elems, n;
 };
 
-// Every channel count at widths 1..67 against several source widths,
+// Every channel count at widths 1..67 against several source widths (up to
+// steep reductions past the block plan), and full-HD rows to common outputs,
 // including rows clipped like packed 4:2:2 (fewer bytes than units).
 std::vector<RowCase> rowCases(int bytes) {
     std::vector<RowCase> cases;
     const int channel_set[] = {1, 2, 3, 4};
+    std::vector<std::pair<int, int>> widths;  // (output units, source units)
+    for (int w = 1; w <= 67; ++w)
+        for (int num : {1, 3, 4, 5, 7, 8, 11, 16, 27, 40, 63})
+            widths.push_back({w, std::max(1, w * num / 4 + (num & 1))});
+    for (int src : {1920, 1921})
+        for (int w : {2880, 1280, 960, 700, 416, 224, 67}) widths.push_back({w, src});
     for (int c : channel_set) {
         if (bytes > 1 && c > 1) break;
-        for (int w = 1; w <= 67; ++w)
-            for (int num : {1, 3, 4, 5, 7, 8, 11, 16, 27}) {
-                const int src_units = std::max(1, w * num / 4 + (num & 1));
-                cases.push_back({c, bytes, w, src_units, src_units * c, w * c});
-                if (c >= 3) {
-                    const int clipped = std::max(1, (src_units * c * 2) / 3);
-                    cases.push_back({c, bytes, w, src_units, clipped, std::max(1, (w * c * 2) / 3 + (w & 1))});
-                    // A row one byte longer than its units continues the last unit.
-                    cases.push_back({c, bytes, w, src_units, src_units * c + 1, w * c + 1});
-                }
+        for (const auto& [w, src_units] : widths) {
+            cases.push_back({c, bytes, w, src_units, src_units * c, w * c});
+            if (c >= 3) {
+                const int clipped = std::max(1, (src_units * c * 2) / 3);
+                cases.push_back({c, bytes, w, src_units, clipped, std::max(1, (w * c * 2) / 3 + (w & 1))});
+                // A row one byte longer than its units continues the last unit.
+                cases.push_back({c, bytes, w, src_units, src_units * c + 1, w * c + 1});
             }
+        }
     }
     return cases;
 }
@@ -409,13 +414,15 @@ std::vector<RowCase> rowCases(int bytes) {
 template <typename T, typename Kernel>
 void compareLerp(int bytes, Kernel ref_kernel, Kernel vec_kernel) {
     std::mt19937 rng(11);
-    int vector_plans = 0;
+    int vector_plans = 0, gather_plans = 0, half_plans = 0;
     for (const RowCase& rc : rowCases(bytes)) {
         kv::impl::LerpPlan plan;
         const auto xs = positions(rc.src_units, rc.dst_units);
         kv::impl::buildLerpPlan(plan, xs.data(), rc.dst_units, rc.src_units, rc.channels, rc.n, rc.src_elems,
                                 bytes == 1);
         vector_plans += plan.chunks > 0 || plan.gather.chunks > 0 || plan.wide >= 8;
+        gather_plans += plan.unit_values > 0;
+        half_plans += plan.half_channels > 0;
         std::vector<T> src(size_t(rc.src_elems));
         for (auto& v : src) v = T(rng());
         std::vector<T> a(size_t(rc.n) + 16, T(0x5A)), b(size_t(rc.n) + 16, T(0x5A));
@@ -426,6 +433,10 @@ void compareLerp(int bytes, Kernel ref_kernel, Kernel vec_kernel) {
         for (size_t i = size_t(rc.n); i < b.size(); ++i) ASSERT_EQ(b[i], T(0x5A)) << "write past the row";
     }
     EXPECT_GT(vector_plans, 500);  // the vector path, not only the fallback
+    if (bytes == 1) {
+        EXPECT_GT(gather_plans, 50);  // and the unit loads of steep reductions
+        EXPECT_GT(half_plans, 100);   // and the exact halvings
+    }
 }
 
 TEST(BilinearKernels, LerpRowsVectorMatchesReference) {

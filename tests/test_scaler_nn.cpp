@@ -205,31 +205,38 @@ TEST(ScalerNearest, ReuseChecks) {
 TEST(NearestKernels, GatherVectorMatchesReference) {
     if (kv::impl::detectedIsa() < Isa::kAvx2) GTEST_SKIP() << "no AVX2";
     std::mt19937 rng(3);
-    int vector_plans = 0;
+    int vector_plans = 0, unit_plans = 0;
+    // (output units, source units): every width 1..67 at ratios from 4:1 up
+    // to 1:10, then full-HD rows to wide and steeply reduced outputs.
+    std::vector<std::pair<int, int>> widths;
+    for (int w = 1; w <= 67; ++w)
+        for (int num : {1, 2, 3, 4, 6, 9, 16, 27, 40}) widths.push_back({w, std::max(1, w * num / 4)});
+    for (int src : {1920, 1921})
+        for (int w : {2880, 1280, 224, 100, 67, 33}) widths.push_back({w, src});
     for (int ub = 1; ub <= 4; ++ub)
-        for (int w = 1; w <= 67; ++w)
-            for (int num : {1, 2, 3, 4, 6, 9, 16, 27, 40}) {
-                const int src_units = std::max(1, w * num / 4);
-                // Whole rows, then rows clipped or extended like packed 4:2:2.
-                const std::pair<int, int> rows[] = {{src_units * ub, w * ub},
-                                                    {std::max(1, src_units * ub * 2 / 3), std::max(1, w * ub * 2 / 3)},
-                                                    {src_units * ub + 1, w * ub + 1}};
-                for (const auto& r : rows) {
-                    kv::impl::GatherPlan plan;
-                    const auto xs = table(src_units, w);
-                    kv::impl::buildGatherPlan(plan, xs.data(), w, ub, r.second, src_units, r.first);
-                    vector_plans += plan.chunks > 0;
-                    std::vector<uint8_t> src(static_cast<size_t>(r.first));
-                    for (auto& b : src) b = uint8_t(rng());
-                    std::vector<uint8_t> a(size_t(r.second) + 16, 0x5A), b(size_t(r.second) + 16, 0x5A);
-                    kv::impl::ref::gatherRow(plan, src.data(), a.data());
-                    kv::impl::avx2::gatherRow(plan, src.data(), b.data());
-                    ASSERT_EQ(a, b) << "unit " << ub << " " << src_units << " -> " << w << " bytes " << r.first
-                                    << " -> " << r.second;
-                    for (size_t i = size_t(r.second); i < b.size(); ++i) ASSERT_EQ(b[i], 0x5A);
-                }
+        for (const auto& [w, src_units] : widths) {
+            // Whole rows, then rows clipped or extended like packed 4:2:2.
+            const std::pair<int, int> rows[] = {{src_units * ub, w * ub},
+                                                {std::max(1, src_units * ub * 2 / 3), std::max(1, w * ub * 2 / 3)},
+                                                {src_units * ub + 1, w * ub + 1}};
+            for (const auto& r : rows) {
+                kv::impl::GatherPlan plan;
+                const auto xs = table(src_units, w);
+                kv::impl::buildGatherPlan(plan, xs.data(), w, ub, r.second, src_units, r.first);
+                vector_plans += plan.chunks > 0;
+                unit_plans += plan.gather_units > 0;
+                std::vector<uint8_t> src(static_cast<size_t>(r.first));
+                for (auto& b : src) b = uint8_t(rng());
+                std::vector<uint8_t> a(size_t(r.second) + 16, 0x5A), b(size_t(r.second) + 16, 0x5A);
+                kv::impl::ref::gatherRow(plan, src.data(), a.data());
+                kv::impl::avx2::gatherRow(plan, src.data(), b.data());
+                ASSERT_EQ(a, b) << "unit " << ub << " " << src_units << " -> " << w << " bytes " << r.first
+                                << " -> " << r.second;
+                for (size_t i = size_t(r.second); i < b.size(); ++i) ASSERT_EQ(b[i], 0x5A);
             }
+        }
     EXPECT_GT(vector_plans, 1000);  // the block path, not only the fallback
+    EXPECT_GT(unit_plans, 100);     // and the unit gathers of steep reductions
 }
 
 }  // namespace

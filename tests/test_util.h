@@ -14,6 +14,7 @@
 #include "kv_core/kv_exception.h"
 #include "kv_core/kv_frame.h"
 #include "kv_cv/kv_impl_cpu.h"
+#include "frame_compare.h"
 
 namespace kvtest {
 
@@ -43,22 +44,9 @@ inline kv::Frame randomFrame(kv::FrameFormat format, kv::Size size, uint32_t see
 
 // Compares the row bytes of every plane; reports the first difference.
 inline ::testing::AssertionResult framesEqual(const kv::Frame& a, const kv::Frame& b) {
-    if (a.format() != b.format() || a.size() != b.size())
-        return ::testing::AssertionFailure() << "format/size differ: " << kv::toString(a.format()) << " "
-                                             << a.size().width << "x" << a.size().height << " vs "
-                                             << kv::toString(b.format()) << " " << b.size().width << "x"
-                                             << b.size().height;
-    const kv::FrameLayout& l = a.layout();
-    for (uint32_t p = 0; p < l.planes; ++p)
-        for (int y = 0; y < l.plane[p].size.height; ++y) {
-            const uint8_t* ra = a.rowCpuData(p, y);
-            const uint8_t* rb = b.rowCpuData(p, y);
-            for (uint64_t x = 0; x < l.plane[p].row_bytes; ++x)
-                if (ra[x] != rb[x])
-                    return ::testing::AssertionFailure() << "plane " << p << " row " << y << " byte " << x << ": "
-                                                         << int(ra[x]) << " vs " << int(rb[x]);
-        }
-    return ::testing::AssertionSuccess();
+    const std::string d = frameDifference(a, b);
+    if (d.empty()) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << d;
 }
 
 inline bool isYuv(kv::FrameFormat f) { return f >= kv::FRAME_I420 && f <= kv::FRAME_YUV444_PLANAR; }

@@ -23,7 +23,7 @@ namespace {
 
 const char kHelp[] =
     "usage: kvcv batch IN_DIR OUT_DIR --size WxH [--method nearest|bilinear|area] [--jobs N]\n"
-    "                  [--backend base|fast]\n"
+    "                  [--backend base|fast] [--max-pixels N]\n"
     "\n"
     "Resizes every image of IN_DIR (png, jpg, bmp, tif, ... by extension; subfolders are not\n"
     "entered) to WxH and writes it under the same name into OUT_DIR (created when missing).\n"
@@ -33,6 +33,7 @@ const char kHelp[] =
     "  --method M     nearest, bilinear (default) or area\n"
     "  --jobs N       worker threads (default: the number of processors)\n"
     "  --backend B    base or fast (default fast), one per worker\n"
+    "  --max-pixels N refuse images of more pixels (default 134217728)\n"
     "\n"
     "example: kvcv batch photos/ thumbs/ --size 160x120 --method area --jobs 4\n";
 
@@ -92,7 +93,7 @@ private:
 }  // namespace
 
 int runBatch(int argc, char** argv) {
-    const Args args(argc, argv, {"size", "method", "jobs", "backend"}, {});
+    const Args args(argc, argv, {"size", "method", "jobs", "backend", "max-pixels"}, {});
     if (args.help()) {
         std::fputs(kHelp, stdout);
         return kExitOk;
@@ -105,6 +106,7 @@ int runBatch(int argc, char** argv) {
     const int hw = int(std::max(1u, std::thread::hardware_concurrency()));
     const int jobs = args.has("jobs") ? parseInt(args.get("jobs"), "--jobs", 1, 256) : hw;
     const fs::path in_dir = args.positional()[0], out_dir = args.positional()[1];
+    const InputSpec wanted = inputSpec(args);
 
     std::error_code ec;
     if (!fs::is_directory(in_dir, ec)) throw RunError("cannot open folder '" + in_dir.string() + "'");
@@ -137,7 +139,7 @@ int runBatch(int argc, char** argv) {
             const fs::path& file = files[i];
             std::string error;
             try {
-                const Image in = readImage(file.string());
+                const Image in = readImage(file.string(), wanted);
                 resizeWith(backend, method, in.frame, size, out);
                 writeImage((out_dir / file.filename()).string(), out);
             } catch (const std::exception& e) {

@@ -1,7 +1,8 @@
 // kvcv bench: times the main operations of both backends beside OpenCV on one
 // thread, on the same input frames, prints a table with the time ratios and
 // optionally draws them as a bar chart. Each figure is the mean of repeated
-// calls after one warm-up call; an operation a backend lacks shows "n/a".
+// calls after one warm-up call; an operation a backend does not offer (a
+// not-supported status) shows "n/a", and any other failure stops the bench.
 #include <cstdio>
 #include <functional>
 
@@ -72,7 +73,7 @@ int runBench(int argc, char** argv) {
     // Outputs: one set per implementation, so no implementation writes into another's memory.
     kv::Frame out[2];
     kv::Tensor tensor[2];
-    cv::Mat cv_out, cv_out2, cv_tmp;
+    cv::Mat cv_out, cv_out2, cv_crop_small, cv_crop_float, cv_crop_planes[3];
     const kv::TensorLayout tensor_layout(kv::TENSOR_FLOAT_32, kv::TENSOR_NCHW, kv::TensorSize{1, 3, 224, 224},
                                          kv::TensorSize(), kv::TENSOR_ORDER_BGR);
     float rotation[2][3];
@@ -136,13 +137,13 @@ int runBench(int argc, char** argv) {
     kvCase("crop+resize -> 1x3x224x224 f32",
            [&](kv::ICvBackend& b, kv::Frame&, kv::Tensor& t) {
                t.reuse(tensor_layout);
-               b.cropAndResize(bgr, t, {}, {});
+               b.cropAndResize(bgr, t, {kv::Rect(0, 0, size.width, size.height)}, {});
            },
            [&] {
-               cv::resize(bgr_mat, cv_tmp, cv::Size(224, 224), 0, 0, cv::INTER_LINEAR);
-               cv_tmp.convertTo(cv_out, CV_32FC3);
-               cv::Mat planes[3];
-               cv::split(cv_out, planes);
+               // Mats of its own, so that no other case's output is reallocated on every call.
+               cv::resize(bgr_mat, cv_crop_small, cv::Size(224, 224), 0, 0, cv::INTER_LINEAR);
+               cv_crop_small.convertTo(cv_crop_float, CV_32FC3);
+               cv::split(cv_crop_float, cv_crop_planes);
            });
 
     Table table({"operation", "kv base", "kv fast", "OpenCV", "base/OpenCV", "fast/OpenCV"});
@@ -157,10 +158,11 @@ int runBench(int argc, char** argv) {
             if (!c.impl[i]) continue;
             try {
                 t[i] = timePerCall(c.impl[i], min_time);
-            } catch (const kv::Exception&) {
-                t[i] = 0;  // not supported by this implementation
-            } catch (const cv::Exception&) {
-                t[i] = 0;
+            } catch (const kv::Exception& e) {
+                if (e.status() != kv::KV_STATUS_NOT_SUPPORTED)
+                    throw RunError(c.name + " (" + kImpl[i] + ") failed: " + e.message() + " (" + e.function() +
+                                   ", status " + std::to_string(int(e.status())) + ")");
+                t[i] = 0;  // not offered by this backend
             }
         }
         auto cell = [](double s) { return s > 0 ? formatDuration(s) : std::string("n/a"); };

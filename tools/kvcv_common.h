@@ -1,6 +1,7 @@
-// Shared pieces of the kvcv command-line tool: argument parsing, the two error
-// kinds and their exit statuses, image and raw-frame files, frame conversion
-// through the backends, .npy writing, timing and table printing.
+// Shared pieces of the kvcv command-line tool: output files, frame conversion
+// through the backends, .npy writing, timing and table printing. Argument
+// parsing, the two error kinds and their exit statuses and the input files
+// are in kvcv_input.h.
 //
 // Exit statuses: 0 success, 1 a file could not be read or written or the
 // library refused the work, 2 bad arguments. Every failure is one line on
@@ -22,63 +23,9 @@
 #include "kv_core/kv_frame.h"
 #include "kv_core/kv_tensor.h"
 #include "kv_cv/kv_cv_backend.h"
+#include "kvcv_input.h"
 
 namespace kvcv {
-
-constexpr int kExitOk = 0;
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
-
-// Bad arguments: exit status 2.
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-// Unreadable, corrupt or unwritable files, and work the library refuses: exit status 1.
-struct RunError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-// Where the tool's own messages go: the process's stderr as it was at start.
-// Image decoders (libpng, libjpeg, libtiff) print their own complaints on
-// stderr; those are silenced while a file is decoded or encoded, so a bad file
-// gives the tool's one-line message only. Call initMessages() first in main.
-void initMessages();
-FILE* errOut();
-
-// ---- arguments --------------------------------------------------------------
-
-// Options are "--name value" or "--name=value"; flags are "--name". Everything
-// else is a positional argument. Unknown options are usage errors.
-class Args {
-public:
-    // `options` take a value, `flags` do not (names without the dashes).
-    Args(int argc, char** argv, const std::vector<std::string>& options, const std::vector<std::string>& flags);
-
-    bool help() const { return _help; }
-    bool has(const std::string& name) const { return _values.count(name) != 0; }
-    std::string get(const std::string& name, const std::string& fallback = std::string()) const;
-    const std::vector<std::string>& positional() const { return _positional; }
-    // Exactly `min`..`max` positional arguments, named in the message by `what`.
-    void expectPositional(size_t min, size_t max, const char* what) const;
-
-private:
-    std::map<std::string, std::string> _values;
-    std::vector<std::string> _positional;
-    bool _help = false;
-};
-
-kv::Size parseSize(const std::string& text, const char* option);           // "WxH"
-kv::Rect parseRect(const std::string& text, const char* option);           // "X,Y,W,H"
-std::vector<kv::Rect> parseRects(const std::string& text, const char* option);  // "X,Y,W,H;X,Y,W,H"
-std::vector<float> parseFloats(const std::string& text, const char* option);     // "a,b,c"
-int parseInt(const std::string& text, const char* option, int min, int max);
-double parseDouble(const std::string& text, const char* option);
-// Case-insensitive; accepts "nv12", "FRAME_NV12", "bgr", "gray", "yuv444p", ...
-kv::FrameFormat parseFormat(const std::string& text, const char* option);
-// "nearest" | "bilinear" | "area" -> 0, 1, 2 (the ScaleMethod values).
-int parseMethod(const std::string& text);
-const char* methodName(int method);
-std::string formatName(kv::FrameFormat format);  // "NV12", "BGR_8"
 
 // ---- backends ---------------------------------------------------------------
 
@@ -86,32 +33,13 @@ std::string formatName(kv::FrameFormat format);  // "NV12", "BGR_8"
 std::unique_ptr<kv::ICvBackend> makeBackend(const std::string& name);
 // The fast backend.
 std::unique_ptr<kv::ICvBackend> anyBackend();
-// "base" | "fast", or a UsageError.
-std::string parseBackendName(const std::string& text);
 
 // ---- frames and files ---------------------------------------------------------
 
-// A frame together with whatever keeps its memory alive (a decoded cv::Mat or
-// the bytes of a raw file); the frame wraps that memory without a copy.
-struct Image {
-    cv::Mat mat;
-    std::shared_ptr<std::vector<uint8_t>> bytes;
-    kv::Frame frame;
-};
-
-// Input options shared by the subcommands that read one image.
-struct InputSpec {
-    kv::FrameFormat raw_format = kv::FRAME_UNDEFINED;  // set: IN is a raw frame
-    kv::Size raw_size;
-};
-InputSpec inputSpec(const Args& args);
-
-bool hasImageExtension(const std::string& path);
-// Decodes PNG, JPEG, BMP, TIFF... into FRAME_BGR_8 or FRAME_GRAY_8, or reads a
-// raw frame of `wanted.raw_format` (planes packed one after another, rows unpadded).
-Image readImage(const std::string& path, const InputSpec& wanted = InputSpec());
 // Image extensions are encoded with imgcodecs (the frame is converted to BGR
-// first when it is in another format); anything else is written raw.
+// first when it is in another format); anything else is written raw. Every
+// output file (these, writeMat and writeNpy) is written to a temporary sibling
+// renamed into place on success: a failed command leaves no output behind.
 void writeImage(const std::string& path, const kv::Frame& frame);
 // Bytes of the frame's planes, rows unpadded, one plane after another.
 std::vector<uint8_t> packFrame(const kv::Frame& frame);
@@ -121,8 +49,6 @@ void writeMat(const std::string& path, const cv::Mat& mat);
 
 // A view of an 8-bit BGR or gray frame (or 16-bit gray) as a cv::Mat; no copy.
 cv::Mat matView(const kv::Frame& frame);
-// Wraps a continuous cv::Mat (CV_8UC3 -> BGR_8, CV_8UC1 -> GRAY_8).
-kv::Frame wrapMat(const cv::Mat& mat);
 
 // Converts `src` into `format` through `primary`; with `fallback`, a
 // conversion it lacks is done by the other backend or by the row pipeline's

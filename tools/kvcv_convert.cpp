@@ -19,6 +19,7 @@ const char kHelp[] =
     "                       yv16 nv16 yuyv uyvy yuv444 yuv444p bgrp rgbp f32c3 f32c3p ...\n"
     "  --in-format FORMAT   IN is a raw frame of this format ...\n"
     "  --in-size WxH        ... and this size\n"
+    "  --max-pixels N       refuse input images of more pixels (default 134217728)\n"
     "  --backend base|fast  backend to convert with (default fast; without the option a\n"
     "                       conversion fast lacks is done by base)\n"
     "\n"
@@ -27,7 +28,7 @@ const char kHelp[] =
 }  // namespace
 
 int runConvert(int argc, char** argv) {
-    const Args args(argc, argv, {"to", "out-format", "in-format", "in-size", "backend"}, {});
+    const Args args(argc, argv, {"to", "out-format", "in-format", "in-size", "max-pixels", "backend"}, {});
     if (args.help()) {
         std::fputs(kHelp, stdout);
         return kExitOk;

@@ -20,6 +20,7 @@ const char kHelp[] =
     "  --backend base|fast  the generic row-pipeline backend or the fast one (default fast)\n"
     "  --in-format FORMAT   IN is a raw frame of this format ...\n"
     "  --in-size WxH        ... and this size\n"
+    "  --max-pixels N       refuse input images of more pixels (default 134217728)\n"
     "  --out-format FORMAT  convert the result to FORMAT before writing\n"
     "\n"
     "example: kvcv resize photo.jpg small.png --size 320x240 --method area\n";
@@ -33,7 +34,7 @@ void resizeWith(kv::ICvBackend& backend, int method, const kv::Frame& src, kv::S
 }
 
 int runResize(int argc, char** argv) {
-    const Args args(argc, argv, {"size", "method", "backend", "in-format", "in-size", "out-format"}, {});
+    const Args args(argc, argv, {"size", "method", "backend", "in-format", "in-size", "max-pixels", "out-format"}, {});
     if (args.help()) {
         std::fputs(kHelp, stdout);
         return kExitOk;

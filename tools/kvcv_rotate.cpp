@@ -24,6 +24,7 @@ const char kHelp[] =
     "  --rect X,Y,W,H       the rectangle to rotate, inside the image (the rotation reads the image\n"
     "                       around it; what lies outside the image is black)\n"
     "  --in-format, --in-size, --out-format   raw frames, as for kvcv convert\n"
+    "  --max-pixels N       refuse input images of more pixels (default 134217728)\n"
     "\n"
     "example: kvcv rotate photo.jpg tilted.png --angle 12.5\n";
 
@@ -32,7 +33,7 @@ const char kHelp[] =
 }  // namespace
 
 int runRotate(int argc, char** argv) {
-    const Args args(argc, argv, {"by", "angle", "rect", "in-format", "in-size", "out-format"}, {});
+    const Args args(argc, argv, {"by", "angle", "rect", "in-format", "in-size", "max-pixels", "out-format"}, {});
     if (args.help()) {
         std::fputs(kHelp, stdout);
         return kExitOk;

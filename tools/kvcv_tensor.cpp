@@ -32,6 +32,7 @@ const char kHelp[] =
     "                  holds (v - mean) / std; f32 only\n"
     "  --order         channel order of C = 3: rgb (default) or bgr\n"
     "  --backend       base or fast (default fast)\n"
+    "  --max-pixels N  refuse input images of more pixels (default 134217728)\n"
     "\n"
     "example: kvcv tensor photo.jpg input.npy --shape 1x3x224x224 --letterbox \\\n"
     "             --mean 123.7,116.3,103.5 --std 58.4,57.1,57.4\n";
@@ -99,7 +100,8 @@ kv::Rect letterbox(kv::Size region, kv::Size size) {
 
 int runTensor(int argc, char** argv) {
     const Args args(argc, argv,
-                    {"shape", "type", "rois", "mean", "std", "layout", "order", "backend", "in-format", "in-size"},
+                    {"shape", "type", "rois", "mean", "std", "layout", "order", "backend", "in-format", "in-size",
+                     "max-pixels"},
                     {"letterbox"});
     if (args.help()) {
         std::fputs(kHelp, stdout);

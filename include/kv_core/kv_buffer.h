@@ -57,6 +57,9 @@ class KV_CORE_API Buffer {
 public:
     static constexpr size_t kAlignment = 64;
     static constexpr size_t kSlack = 64;
+    // The 47-bit user address space of x86-64: no larger block can exist, so
+    // resize refuses it with std::bad_alloc before asking the allocator.
+    static constexpr size_t kMaxSize = size_t(1) << 47;
 
     Buffer() = default;
     explicit Buffer(const DeviceContext& context) : _context(context) {}
@@ -67,7 +70,8 @@ public:
     Buffer& operator=(Buffer&& other) noexcept;
 
     // Grows or shrinks to `size` bytes; with `keep` the first min(old, new)
-    // bytes survive a reallocation. New bytes are not initialised.
+    // bytes survive a reallocation. New bytes are not initialised. Throws
+    // std::bad_alloc when the memory cannot be had (always past kMaxSize).
     void resize(size_t size, bool keep = false);
     void clear();
     void setZero();

@@ -25,7 +25,8 @@ KV_CORE_API void getRotationMatrix2D(float angle, Point centre, float (*matrix)[
 // - `placed`: B's place in the output, centred.
 // So the rectangle lies at offset (bounding.width - source.width,
 // bounding.height - source.height) inside `bounding`, and its centre maps to
-// the centre of the output.
+// the centre of the output. A result past 32-bit coordinates (or a NaN or
+// infinite angle) throws kv::Exception with status 5.
 KV_CORE_API void getRotationRoi(float angle, const Rect& source, Rect& bounding, Size& size, Rect& placed);
 
 // In place over `region` of a float plane (row pitch in bytes).

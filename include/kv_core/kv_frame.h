@@ -57,6 +57,7 @@ struct FramePlane {
 // Odd sizes round chroma planes up: a 4:2:0 chroma plane of W x H is
 // (W+1)/2 x (H+1)/2, a 4:2:2 one (W+1)/2 x H; packed 4:2:2 rows hold (W+1)/2
 // pixel pairs. Alignment 0 means the default row alignment of 64 bytes.
+// A format and size whose bytes do not fit 63 bits throw kv::Exception (status 5).
 class KV_CORE_API FrameLayout {
 public:
     static constexpr size_t kMaxPlanes = 4;
@@ -75,6 +76,9 @@ public:
     void clear() { *this = FrameLayout(); }
     // Bytes from the first plane's first byte to the end of the last plane's last row.
     uint64_t byteSize() const;
+    // Bytes from the first plane's first byte to the end of the last plane's
+    // last row pitch: what an owned frame holds (every plane step x height).
+    uint64_t allocationSize() const;
 };
 
 // A Frame owns its memory (shared by its copies, reference counted), is a view
@@ -133,8 +137,9 @@ private:
 };
 
 // A view onto `region` of the frame (same format, the region's size); chroma
-// planes take the region scaled down by their subsampling. The region must lie
-// inside the frame. The view shares the memory and must not outlive wrapped memory.
+// planes take the region scaled down by their subsampling. A non-empty region
+// that does not lie inside an initialised frame throws kv::Exception (status
+// 5). The view shares the memory and must not outlive wrapped memory.
 KV_CORE_API Frame getRegion(Frame& frame, Rect region);
 KV_CORE_API Frame getRegion(const Frame& frame, Rect region);
 

@@ -65,7 +65,8 @@ private:
 class KV_CORE_API TensorLayout {
 public:
     TensorLayout() = default;
-    // `strides` are per-axis byte strides; empty strides mean densely packed.
+    // `strides` are per-axis byte strides; empty strides mean densely packed
+    // (kv::Exception, status 5, when a packed stride passes 32 bits).
     TensorLayout(TensorDataType type, TensorFormat format, const TensorSize& extents,
                  const TensorSize& strides = TensorSize(), TensorChannelOrder order = TENSOR_ORDER_UNDEFINED);
 
@@ -75,7 +76,8 @@ public:
     const TensorSize& strides() const { return _strides; }
     TensorChannelOrder channelOrder() const { return _order; }
     bool initialized() const;
-    // Bytes from the first element to one past the last.
+    // Bytes from the first element to one past the last (SIZE_MAX when that
+    // does not fit 64 bits).
     size_t byteSize() const;
     bool operator==(const TensorLayout& o) const;
     bool operator!=(const TensorLayout& o) const { return !(*this == o); }
@@ -94,11 +96,17 @@ public:
     Tensor() = default;
     Tensor(const TensorLayout& layout, const DeviceContext& context = DeviceContext::cpuContext());
 
-    bool initialized() const { return _layout.initialized() && _memory != nullptr; }
+    // Views caller memory of at least layout.byteSize() bytes without copying;
+    // the caller keeps it alive. An uninitialised layout or a null `data`
+    // gives an uninitialised tensor. reuse() of a view allocates owned memory.
+    static Tensor wrap(const TensorLayout& layout, void* data,
+                       const DeviceContext& context = DeviceContext::cpuContext());
+
+    bool initialized() const { return _layout.initialized() && _data != nullptr; }
     const TensorLayout& layout() const { return _layout; }
     DeviceContext deviceContext() const { return _context; }
-    DevicePtr devicePtr() { return DevicePtr(_memory ? _memory->data() : nullptr, _context); }
-    const DevicePtr devicePtr() const { return DevicePtr(_memory ? _memory->data() : nullptr, _context); }
+    DevicePtr devicePtr() { return DevicePtr(_data, _context); }
+    const DevicePtr devicePtr() const { return DevicePtr(_data, _context); }
     size_t byteSize() const { return _layout.byteSize(); }
 
     // Holds memory for the layout; memory that is large enough and not shared is kept.
@@ -109,7 +117,8 @@ public:
 private:
     TensorLayout _layout;
     DeviceContext _context;
-    std::shared_ptr<Buffer> _memory;
+    std::shared_ptr<Buffer> _memory;  // null for wrapped caller memory
+    uint8_t* _data = nullptr;
 };
 
 }  // namespace kv

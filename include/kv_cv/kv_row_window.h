@@ -31,8 +31,7 @@ public:
     bool next();
     // Frame row startRow() + row_index_in_window; fills the window lazily.
     const RowData& rowData(int row_index_in_window);
-    // Rows taken from producers so far; kept across reuse() and clear() (the
-    // skip logic compares against it).
+    // Rows taken from producers so far; kept across reuse() and clear().
     int pulled() const { return _pulled; }
 
 private:
@@ -40,6 +39,9 @@ private:
 
     IRowProducer* _producer = nullptr;
     int32_t _pulled = 0;
+    // The attached producer's current row: rows it has moved past since it
+    // was attached. Rows the window jumps over are skipped from here.
+    int32_t _source_row = 0;
     RowReader _reader;
     FrameLayout _layout;
     int32_t _window_size = 0;

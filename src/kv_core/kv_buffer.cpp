@@ -43,6 +43,7 @@ void Buffer::resize(size_t size, bool keep) {
         _size = size;
         return;
     }
+    if (size > kMaxSize) throw std::bad_alloc();
     const size_t bytes = (size + kSlack + kAlignment - 1) / kAlignment * kAlignment;
     uint8_t* data = allocateBytes(bytes);
     // The slack is readable by kernels that load a vector past a row's end;

@@ -7,9 +7,15 @@
 
 #include <immintrin.h>
 
+#include <algorithm>
+
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+
+#include "kv_core/kv_exception.h"
+
+#define KV_SOURCE_FILE "src/kv_core/kv_core_functions"
 
 namespace kv {
 
@@ -29,13 +35,28 @@ void getRotationRoi(float angle, const Rect& source, Rect& bounding, Size& size,
     const double c = std::fabs(std::cos(r)), s = std::fabs(std::sin(r));
     // Shave a rounding hair so that 90 degrees gives exact integer boxes.
     const double eps = 1e-6;
-    const int bw = int(std::ceil(source.width * c + source.height * s - eps));
-    const int bh = int(std::ceil(source.width * s + source.height * c - eps));
-    const int dx = std::max(0, (bw - source.width + 1) / 2);
-    const int dy = std::max(0, (bh - source.height + 1) / 2);
-    bounding = Rect(source.x - dx, source.y - dy, source.width + dx, source.height + dy);
-    size = Size(source.width + 2 * dx, source.height + 2 * dy);
-    placed = Rect((size.width - bw) / 2, (size.height - bh) / 2, bw, bh);
+    const double bw_d = std::ceil(source.width * c + source.height * s - eps);
+    const double bh_d = std::ceil(source.width * s + source.height * c - eps);
+    // In 64 bits, then checked: every result must be a 32-bit Rect or Size
+    // (a NaN or infinite angle fails the same test).
+    auto fits = [](double v) { return v >= double(INT32_MIN) && v <= double(INT32_MAX); };
+    auto fits64 = [](int64_t v) { return v >= INT32_MIN && v <= INT32_MAX; };
+    bool ok = fits(bw_d) && fits(bh_d);
+    const int64_t bw = ok ? int64_t(bw_d) : 0, bh = ok ? int64_t(bh_d) : 0;
+    const int64_t dx = std::max<int64_t>(0, (bw - source.width + 1) / 2);
+    const int64_t dy = std::max<int64_t>(0, (bh - source.height + 1) / 2);
+    const int64_t sw = source.width + 2 * dx, sh = source.height + 2 * dy;
+    ok = ok && fits64(source.x - dx) && fits64(source.y - dy) && fits64(source.width + dx) &&
+         fits64(source.height + dy) && fits64(sw) && fits64(sh);
+    if (!ok)
+        KV_THROW(KV_STATUS_OUT_OF_RANGE, "kv::getRotationRoi",
+                 "Failure in getRotationRoi(...) : the %dx%d rectangle at (%d, %d) turned by %g degrees does not fit "
+                 "32-bit coordinates.",
+                 source.width, source.height, source.x, source.y, double(angle));
+    bounding = Rect(int32_t(source.x - dx), int32_t(source.y - dy), int32_t(source.width + dx),
+                    int32_t(source.height + dy));
+    size = Size(int32_t(sw), int32_t(sh));
+    placed = Rect(int32_t((sw - bw) / 2), int32_t((sh - bh) / 2), int32_t(bw), int32_t(bh));
 }
 
 namespace impl {
@@ -55,8 +76,8 @@ template <bool kAdd>
 void apply(const float* pattern, int period, unsigned char* data, size_t step, Rect region) {
     for (int y = 0; y < region.height; ++y) {
         float* row = reinterpret_cast<float*>(data + size_t(region.y + y) * step) + size_t(region.x) * period;
-        const int n = region.width * period;
-        for (int i = 0; i < n; ++i) {
+        const int64_t n = int64_t(region.width) * period;
+        for (int64_t i = 0; i < n; ++i) {
             const float v = loadFloat(row + i);
             storeFloat(row + i, kAdd ? v + pattern[i % period] : v * pattern[i % period]);
         }
@@ -84,8 +105,8 @@ void apply(const float* pattern, int period, unsigned char* data, size_t step, R
     const __m256 v0 = _mm256_load_ps(rep), v1 = _mm256_load_ps(rep + 8), v2 = _mm256_load_ps(rep + 16);
     for (int y = 0; y < region.height; ++y) {
         float* row = reinterpret_cast<float*>(data + size_t(region.y + y) * step) + size_t(region.x) * period;
-        const int n = region.width * period;
-        int i = 0;
+        const int64_t n = int64_t(region.width) * period;
+        int64_t i = 0;
         for (; i + 24 <= n; i += 24) {
             __m256 a = _mm256_loadu_ps(row + i), b = _mm256_loadu_ps(row + i + 8), c = _mm256_loadu_ps(row + i + 16);
             if (kAdd) {

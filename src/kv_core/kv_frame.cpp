@@ -58,7 +58,18 @@ const FormatDesc& describe(FrameFormat f) {
     return i < 27 ? table[i] : kUnknown;
 }
 
-uint64_t roundUp(uint64_t v, uint64_t a) { return (v + a - 1) / a * a; }
+// Checked size arithmetic: false when the result does not fit 64 bits.
+bool mulOk(uint64_t a, uint64_t b, uint64_t& r) { return !__builtin_mul_overflow(a, b, &r); }
+bool addOk(uint64_t a, uint64_t b, uint64_t& r) { return !__builtin_add_overflow(a, b, &r); }
+bool roundUpOk(uint64_t v, uint64_t a, uint64_t& r) { return addOk(v, (a - v % a) % a, r); }
+
+// Offsets are signed 64-bit, so a layout's bytes stay below 2^63.
+constexpr uint64_t kMaxLayoutBytes = uint64_t(INT64_MAX);
+
+[[noreturn]] void throwTooLarge(const char* function, const char* name, FrameFormat f, Size s, const char* what) {
+    KV_THROW(KV_STATUS_OUT_OF_RANGE, function, "Failure in %s(...) : a %dx%d %s frame %s.", name, s.width, s.height,
+             toString(f), what);
+}
 
 // Fills plane sizes and row bytes for `size`; leaves steps and offsets alone.
 void fillPlanes(FrameLayout& l, const FormatDesc& d) {
@@ -66,7 +77,9 @@ void fillPlanes(FrameLayout& l, const FormatDesc& d) {
     for (uint32_t p = 0; p < d.planes; ++p) {
         const PlaneDesc& pd = d.plane[p];
         FramePlane& fp = l.plane[p];
-        fp.size = Size((l.size.width + pd.sub_x - 1) / pd.sub_x, (l.size.height + pd.sub_y - 1) / pd.sub_y);
+        // In 64 bits: a side of 2^31 - 1 plus the rounding term overflows an int.
+        fp.size = Size(int32_t((int64_t(l.size.width) + pd.sub_x - 1) / pd.sub_x),
+                       int32_t((int64_t(l.size.height) + pd.sub_y - 1) / pd.sub_y));
         fp.channels = pd.channels;
         fp.bits_per_channel = d.bits;
         const uint64_t w = fp.size.width > 0 ? uint64_t(fp.size.width) : 0;
@@ -91,11 +104,18 @@ FrameLayout::FrameLayout(FrameFormat f, Size s, size_t alignment) : format(f), s
     }
     fillPlanes(*this, d);
     const uint64_t align = alignment ? alignment : kDefaultAlignment;
-    int64_t offset = 0;
+    uint64_t offset = 0;
     for (uint32_t p = 0; p < planes; ++p) {
-        plane[p].step = roundUp(plane[p].row_bytes, align);
-        plane[p].offset = offset;
-        offset += int64_t(plane[p].step * uint64_t(std::max(plane[p].size.height, 0)));
+        uint64_t step = 0, bytes = 0;
+        if (!roundUpOk(plane[p].row_bytes, align, step) ||
+            !mulOk(step, uint64_t(std::max(plane[p].size.height, 0)), bytes) || !addOk(offset, bytes, bytes) ||
+            bytes > kMaxLayoutBytes)
+            throwTooLarge("kv::FrameLayout::FrameLayout", "FrameLayout", f, s,
+                          alignment ? "with this row alignment has more bytes than 64-bit offsets reach"
+                                    : "has more bytes than 64-bit offsets reach");
+        plane[p].step = step;
+        plane[p].offset = int64_t(offset);
+        offset = bytes;
     }
 }
 
@@ -112,10 +132,18 @@ bool FrameLayout::isContinuous() const {
 uint64_t FrameLayout::byteSize() const {
     int64_t end = 0;
     for (uint32_t p = 0; p < planes; ++p) {
+        if (plane[p].size.height < 1) continue;
         const int64_t e = plane[p].offset + int64_t(plane[p].step * uint64_t(plane[p].size.height - 1) +
                                                     plane[p].row_bytes);
         end = std::max(end, e);
     }
+    return uint64_t(end);
+}
+
+uint64_t FrameLayout::allocationSize() const {
+    int64_t end = 0;
+    for (uint32_t p = 0; p < planes; ++p)
+        end = std::max(end, plane[p].offset + int64_t(plane[p].step * uint64_t(std::max(plane[p].size.height, 0))));
     return uint64_t(end);
 }
 
@@ -134,6 +162,15 @@ Frame Frame::wrap(FrameFormat format, Size size, void* const* planes, const size
         if (steps[p] < layout.plane[p].row_bytes)
             KV_THROW(KV_STATUS_OUT_OF_RANGE, "kv::Frame::wrap", "Parameter 'steps[%u]' is out of range: %zu.", p,
                      steps[p]);
+        // The plane's rows must fit the address space from where they start.
+        uint64_t span = 0;
+        if (!mulOk(steps[p], uint64_t(layout.plane[p].size.height - 1), span) ||
+            !addOk(span, layout.plane[p].row_bytes, span) ||
+            span > UINTPTR_MAX - reinterpret_cast<uintptr_t>(planes[p]))
+            KV_THROW(KV_STATUS_OUT_OF_RANGE, "kv::Frame::wrap",
+                     "Failure in Frame::wrap(...) : plane %u with row pitch %zu and %d rows reaches past the end of "
+                     "the address space.",
+                     p, steps[p], layout.plane[p].size.height);
     }
     const auto base = reinterpret_cast<uintptr_t>(planes[0]);
     for (uint32_t p = 0; p < layout.planes; ++p) {
@@ -153,13 +190,22 @@ Frame Frame::wrap(FrameFormat format, Size size, void* data, size_t step, const 
     if (!layout.initialized()) return Frame();
     void* planes[FrameLayout::kMaxPlanes] = {};
     size_t steps[FrameLayout::kMaxPlanes] = {};
-    auto* p = static_cast<uint8_t*>(data);
     const uint64_t row0 = layout.plane[0].row_bytes;
+    uint64_t offset = 0;
     for (uint32_t i = 0; i < layout.planes; ++i) {
-        steps[i] = i == 0 ? step : size_t((step * layout.plane[i].row_bytes + row0 - 1) / row0);
+        // step * row_bytes / row0 without the 64-bit product.
+        const unsigned __int128 scaled =
+            (static_cast<unsigned __int128>(step) * layout.plane[i].row_bytes + row0 - 1) / row0;
+        if (scaled > SIZE_MAX) throwTooLarge("kv::Frame::wrap", "Frame::wrap", format, size, "has a row pitch past 64 bits");
+        steps[i] = i == 0 ? step : size_t(scaled);
         if (i > 0 && steps[i] < layout.plane[i].row_bytes) steps[i] = layout.plane[i].row_bytes;
-        planes[i] = p;
-        p += steps[i] * size_t(layout.plane[i].size.height);
+        planes[i] = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(data) + offset);
+        uint64_t bytes = 0;
+        if (i + 1 < layout.planes &&
+            (!mulOk(steps[i], uint64_t(layout.plane[i].size.height), bytes) || !addOk(offset, bytes, offset) ||
+             offset > UINTPTR_MAX - reinterpret_cast<uintptr_t>(data)))
+            throwTooLarge("kv::Frame::wrap", "Frame::wrap", format, size,
+                          "with this row pitch reaches past the end of the address space");
     }
     return wrap(format, size, planes, steps, context);
 }
@@ -175,7 +221,13 @@ void Frame::reuse(FrameFormat format, Size size, const DeviceContext& context, s
     if (_owned && _memory && _layout.format == format && _layout.size == size && _context == context &&
         _layout.plane[0].step == layout.plane[0].step && _base == _memory->data())
         return;
-    const uint64_t bytes = layout.byteSize();
+    // Every plane gets step x height bytes, the last row's padding included:
+    // callers copy and clear planes by pitch.
+    const uint64_t bytes = layout.allocationSize();
+    if (bytes > Buffer::kMaxSize)
+        KV_THROW(KV_STATUS_OUT_OF_RANGE, "kv::Frame::reuse",
+                 "Failure in Frame::reuse(...) : a %dx%d %s frame needs %llu bytes, more than an address space holds.",
+                 size.width, size.height, toString(format), static_cast<unsigned long long>(bytes));
     if (!(_owned && _memory && _memory.use_count() == 1 && _memory->capacity() >= bytes)) {
         _memory = std::make_shared<Buffer>(context);
     }
@@ -221,11 +273,18 @@ Frame getRegion(const Frame& frame, Rect region) {
     Frame view = frame;
     if (!frame.initialized()) return view;
     const FrameLayout& parent = frame._layout;
+    // A view never reaches outside its frame's memory.
+    if (!region.empty() && (region.x < 0 || region.y < 0 || int64_t(region.x) + region.width > parent.size.width ||
+                            int64_t(region.y) + region.height > parent.size.height))
+        KV_THROW(KV_STATUS_OUT_OF_RANGE, "kv::getRegion",
+                 "Failure in getRegion(...) : region (%d, %d, %d, %d) lies outside the %dx%d frame.", region.x,
+                 region.y, region.width, region.height, parent.size.width, parent.size.height);
     const FormatDesc& d = describe(parent.format);
     FrameLayout layout = parent;
     layout.size = region.size();
     fillPlanes(layout, d);
-    for (uint32_t p = 0; p < layout.planes; ++p) {
+    // An empty region gives an uninitialised view at the frame's own planes.
+    for (uint32_t p = 0; p < layout.planes && !region.empty(); ++p) {
         const PlaneDesc& pd = d.plane[p];
         const int64_t x = region.x / pd.sub_x, y = region.y / pd.sub_y;
         const int64_t xbytes = d.packed422 ? (x / 2) * 4 : x * pd.channels * (d.bits / 8);

@@ -2,6 +2,12 @@
 #include "kv_core/kv_tensor.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include "kv_core/kv_exception.h"
+
+#define KV_SOURCE_FILE "src/kv_core/kv_tensor"
 
 namespace kv {
 
@@ -34,11 +40,17 @@ TensorLayout::TensorLayout(TensorDataType type, TensorFormat format, const Tenso
     : _type(type), _format(format), _extents(extents), _strides(strides), _order(order) {
     if (_strides.axisCount() == 0 && _extents.axisCount() > 0) {
         // Densely packed, last axis fastest.
+        // Strides are 32-bit: a shape whose packed strides pass that is refused.
         TensorSize dense = _extents;
         int64_t stride = int64_t(tensorElementSize(type));
         for (size_t i = _extents.axisCount(); i-- > 0;) {
+            if (stride > INT32_MAX)
+                KV_THROW(KV_STATUS_OUT_OF_RANGE, "kv::TensorLayout::TensorLayout",
+                         "Failure in TensorLayout(...) : the densely packed stride of axis %zu is %lld bytes, past "
+                         "the 32-bit strides.",
+                         i, static_cast<long long>(stride));
             dense[i] = int32_t(stride);
-            stride *= std::max(_extents[i], 0);
+            stride *= std::max(_extents[i], 0);  // at most 2^31 * 2^31: no overflow
         }
         _strides = dense;
     }
@@ -54,9 +66,11 @@ bool TensorLayout::initialized() const {
 
 size_t TensorLayout::byteSize() const {
     if (!initialized()) return 0;
-    size_t last = 0;
-    for (size_t i = 0; i < _extents.axisCount(); ++i) last += size_t(_extents[i] - 1) * size_t(_strides[i]);
-    return last + tensorElementSize(_type);
+    // Eight axes of 2^31 x 2^31 pass 64 bits: summed in 128, saturated.
+    unsigned __int128 last = tensorElementSize(_type);
+    for (size_t i = 0; i < _extents.axisCount(); ++i)
+        last += static_cast<unsigned __int128>(_extents[i] - 1) * uint32_t(_strides[i]);
+    return last > SIZE_MAX ? SIZE_MAX : size_t(last);
 }
 
 bool TensorLayout::operator==(const TensorLayout& o) const {
@@ -66,27 +80,45 @@ bool TensorLayout::operator==(const TensorLayout& o) const {
 
 Tensor::Tensor(const TensorLayout& layout, const DeviceContext& context) { reuse(layout, context); }
 
+Tensor Tensor::wrap(const TensorLayout& layout, void* data, const DeviceContext& context) {
+    Tensor t;
+    if (!layout.initialized() || !data) return t;
+    t._layout = layout;
+    t._context = context;
+    t._data = static_cast<uint8_t*>(data);
+    return t;
+}
+
 void Tensor::reuse(const TensorLayout& layout, const DeviceContext& context) {
     if (!layout.initialized()) {
         clear();
         return;
     }
     const size_t bytes = layout.byteSize();
+    if (bytes > Buffer::kMaxSize)
+        KV_THROW(KV_STATUS_OUT_OF_RANGE, "kv::Tensor::reuse",
+                 "Failure in Tensor::reuse(...) : the layout spans %zu bytes, more than an address space holds.",
+                 bytes);
     if (!(_memory && _memory.use_count() == 1 && _memory->capacity() >= bytes && _context == context))
         _memory = std::make_shared<Buffer>(context);
     _memory->resize(bytes);
+    _data = _memory->data();
     _layout = layout;
     _context = context;
 }
 
 void Tensor::setZero() {
-    if (_memory) _memory->setZero();
+    if (_memory)
+        _memory->setZero();
+    else if (_data)
+        std::memset(_data, 0, _layout.byteSize());
 }
 
 void Tensor::clear() {
     _layout = TensorLayout();
     _context = DeviceContext();
     _memory.reset();
+    _data = nullptr;
 }
 
 }  // namespace kv

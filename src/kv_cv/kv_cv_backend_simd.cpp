@@ -7,6 +7,7 @@
 #include "kv_core/kv_exception.h"
 #include "kv_cv/kv_cv_helpers.h"
 #include "kv_cv/kv_impl_fast_adapter.h"
+#include "kv_cv/kv_impl_regions.h"
 
 #define KV_SOURCE_FILE "src/kv_cv/kv_cv_backend_simd"
 
@@ -142,10 +143,14 @@ void CvBackendSimd::colorCvt(const Frame& src, Frame& dst, Rect src_roi) {
     KV_ASSERT_LINE(src.initialized() && dst.initialized(), kColorCvt, 329);
     KV_ASSERT_LINE(src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() == dst.deviceContext(),
                    kColorCvt, 332);
+    // The size check reads the region's size before the region is taken, so
+    // that it comes first; a region outside the frame is refused after it.
+    KV_ASSERT_TEXT_LINE((given(src_roi) ? src_roi.size() : src.size()) == dst.size(), "src_region.size() == dst.size()",
+                        kColorCvt, 339);
+    impl::requireRegionInside(src, src_roi, kColorCvt, KV_SOURCE_FILE, __LINE__, "src_roi");
     // Only the region is used from here on: `src` may be one of our own
     // temporaries, which roiToYuv444 and the two-step routes reuse.
     Frame s = regionOf(src, src_roi);
-    KV_ASSERT_TEXT_LINE(s.size() == dst.size(), "src_region.size() == dst.size()", kColorCvt, 339);
     const FrameFormat sf = s.format(), df = dst.format();
     if (sf == df) {
         s.copyTo(dst);
@@ -377,18 +382,24 @@ void CvBackendSimd::resize(const Frame& src, Frame& dst, Rect src_roi, Rect dst_
                    kFn, 1398);
     const int bits_per_channel = src.layout().plane[0].bits_per_channel;
     KV_ASSERT_LINE(bits_per_channel == 8 || bits_per_channel == 32, kFn, 1401);
+    impl::requireRegionInside(src, src_roi, kFn, KV_SOURCE_FILE, __LINE__, "src_roi");
+    impl::requireRegionInside(dst, dst_roi, kFn, KV_SOURCE_FILE, __LINE__, "dst_roi");
     Frame s = regionOf(src, src_roi);
     Frame d = regionOf(dst, dst_roi);
     fast::Interpolation method = _resize_method == ResizeNearestNeighbour ? fast::Interpolation::kNearest
                                  : _resize_method == ResizeArea           ? fast::Interpolation::kArea
                                                                           : fast::Interpolation::kBilinear;
     if (d.size().width == 1 || d.size().height == 1) method = fast::Interpolation::kNearest;
-    if (method == fast::Interpolation::kBilinear && !_resize_cache) _resize_cache.reset(new fast::ResizeCache);
+    if (!_resize_cache) _resize_cache.reset(new fast::ResizeCache);
+    // Packed 4:2:2 rows are resized as whole pixel pairs (4-byte units), so
+    // chroma bytes stay chroma and every byte of an odd-width row is written.
+    const bool pairs = s.format() == FRAME_YUYV || s.format() == FRAME_UYVY;
     for (uint32_t p = 0; p < s.layout().planes; ++p) {
         const FramePlane& sp = plane(s, int(p));
         const FramePlane& dp = plane(d, int(p));
-        fast::resizePlane(data(s, int(p)), sp.step, sp.size.width, sp.size.height, data(d, int(p)), dp.step,
-                          dp.size.width, dp.size.height, sp.channels, bits_per_channel == 32, method,
+        const int sw = pairs ? int(sp.row_bytes / 4) : sp.size.width, dw = pairs ? int(dp.row_bytes / 4) : dp.size.width;
+        fast::resizePlane(data(s, int(p)), sp.step, sw, sp.size.height, data(d, int(p)), dp.step, dw, dp.size.height,
+                          pairs ? 4 : sp.channels, bits_per_channel == 32, method,
                           _resize_cache ? &_resize_cache->planes[p] : nullptr);
     }
 }
@@ -398,6 +409,7 @@ void CvBackendSimd::convert(const Frame& src, Frame& dst, Rect src_roi) {
     KV_ASSERT_LINE(src.initialized() && dst.initialized(), kFn, 1499);
     KV_ASSERT_LINE(src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() == dst.deviceContext(),
                    kFn, 1502);
+    impl::requireRegionInside(src, src_roi, kFn, KV_SOURCE_FILE, __LINE__, "src_roi");
     const Frame s = regionOf(src, src_roi);
     if (s.size() == dst.size()) {
         colorCvt(s, dst, Rect());
@@ -420,13 +432,14 @@ void CvBackendSimd::_arithmetic(Frame& src_dst, float value, Rect roi, bool mult
         KV_ASSERT_LINE(src_dst.initialized(), fn, 1528);
         KV_ASSERT_LINE(src_dst.deviceContext() == DeviceContext::cpuContext(), fn, 1529);
     }
-    Frame r = regionOf(src_dst, roi);
-    const FrameFormat f = r.format();
+    const FrameFormat f = src_dst.format();
     if (f != FRAME_FLOAT_32 && f != FRAME_FLOAT_32_C3 && f != FRAME_FLOAT_32_C3_PLANAR) {
         if (multiply)
             KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, fn, 1645, "mul: Unsupported src format %s.", toString(f));
         KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, fn, 1581, "add: Unsupported src format %s.", toString(f));
     }
+    impl::requireRegionInside(src_dst, roi, fn, KV_SOURCE_FILE, __LINE__, "roi");
+    Frame r = regionOf(src_dst, roi);
     for (uint32_t p = 0; p < r.layout().planes; ++p) {
         const FramePlane& pl = plane(r, int(p));
         auto* d = reinterpret_cast<float*>(data(r, int(p)));
@@ -451,6 +464,7 @@ void CvBackendSimd::warpAffine(const Frame& src, Frame& dst, const float matrix[
     KV_ASSERT_LINE(src.deviceContext() == DeviceContext::cpuContext() && src.deviceContext() == dst.deviceContext(),
                    kFn, 1656);
     const bool bilinear = _warp_method != ResizeNearestNeighbour;
+    impl::requireRegionInside(src, src_roi, kFn, KV_SOURCE_FILE, __LINE__, "src_roi");
     Frame s = regionOf(src, src_roi);
     float m[6] = {matrix[0][0], matrix[0][1], matrix[0][2], matrix[1][0], matrix[1][1], matrix[1][2]};
     if (flag) {

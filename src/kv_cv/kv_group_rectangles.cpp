@@ -54,7 +54,16 @@ inline void compressPath(Node* nodes, int32_t i, int32_t root) {
 
 // Round to nearest, ties to even (the default rounding mode).
 inline int32_t roundToInt(float v) { return static_cast<int32_t>(std::lrintf(v)); }
-inline int64_t roundToInt(double v) { return static_cast<int64_t>(std::llrint(v)); }
+// The same for the containment margins, clamped to +-2^40: every edge
+// difference of 32-bit rectangles lies far inside that, so a clamped margin
+// decides as the exact one would, and 64-bit edge sums cannot overflow. NaN
+// takes the most negative value, as the processor's conversion gives it.
+inline int64_t roundMargin(double v) {
+    constexpr int64_t kLimit = int64_t(1) << 40;
+    if (!(v >= -double(kLimit))) return -kLimit;
+    if (v > double(kLimit)) return kLimit;
+    return static_cast<int64_t>(std::llrint(v));
+}
 
 }  // namespace
 
@@ -175,8 +184,8 @@ void groupRectangles(std::vector<Rect>& rects, int32_t threshold, double toleran
             const int32_t n2 = cj.count;
             if (j == i || n2 <= threshold) continue;
             const Rect& r2 = cj.average;
-            const int64_t dx = roundToInt(r2.width * tolerance);
-            const int64_t dy = roundToInt(r2.height * tolerance);
+            const int64_t dx = roundMargin(r2.width * tolerance);
+            const int64_t dy = roundMargin(r2.height * tolerance);
             // 64-bit so that edges near the 32-bit limits cannot overflow.
             const bool inside = r1.x >= r2.x - dx && r1.y >= r2.y - dy &&
                                 int64_t(r1.x) + r1.width <= int64_t(r2.x) + r2.width + dx &&

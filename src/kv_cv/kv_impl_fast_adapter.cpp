@@ -1,17 +1,21 @@
 // The fast backend's facilities on libyuv, OpenCV and our own row kernels.
 // Which serves what was chosen by measurement at 1920x1080 on one thread:
 // libyuv for plane copies, splits, merges and swaps of 2-byte pairs and
-// 1-byte rotation; OpenCV for float bilinear and non-integer area
-// resizing (and bilinear byte planes with a side past the 16.16 tables), for
-// warps of float planes and for 2- and 4-byte rotation; plain loops for
-// nearest resizing; our warp (kv_impl_fast_warp, OpenCV's arithmetic) for
-// byte planes; the bilinear scalers' row kernels (kv_impl_scale_rows) for
-// bilinear resizing of byte planes; our kernels (kv_impl_fast_kernels) for
-// gray, byte/float, half/float, 3-byte rotation, the byte moves of 3-byte
-// pixels (the converter's kernels, twice libyuv's speed), integer-factor area
-// reduction and BGR to YUV (libyuv's arithmetic: its BGR to YUV calls stay
-// here as the ...WithLibrary functions that tests hold the kernels against),
-// where they beat both libraries, and for YUV to BGR / RGB, where
+// 1-byte rotation; OpenCV for float bilinear resizing, float area
+// enlargement and area reduction of multi-channel floats past 2 times in
+// width (and bilinear byte planes with a side past the 16.16 tables), for
+// warps of float planes and for 2- and 4-byte rotation; the scalers' gathers
+// for nearest resizing; our reproductions of OpenCV's area arithmetic
+// (kv_impl_fast_area, kv_impl_fast_area_up) for the other area resizing that
+// OpenCV served; our warp (kv_impl_fast_warp, OpenCV's arithmetic) for byte
+// planes; the bilinear scalers' row kernels (kv_impl_scale_rows) for bilinear
+// resizing of byte planes; our kernels (kv_impl_fast_kernels) for gray,
+// byte/float, half/float, 3-byte rotation, the byte moves of 3-byte pixels
+// (the converter's kernels, twice libyuv's speed), integer-factor area
+// reduction and BGR to YUV (libyuv's arithmetic, which averages 2x2 chroma
+// blocks: its BGR to YUV calls stay here as the ...WithLibrary functions that
+// tests hold the kernels against), where they beat both libraries, and for
+// YUV to BGR / RGB, where
 // they outrun libyuv and give the generic backend's exact bytes
 // (libyuv's 6-bit coefficients differ from them by up to 4).
 #include "kv_cv/kv_impl_fast_adapter.h"
@@ -19,16 +23,20 @@
 #include <libyuv.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <mutex>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "kv_core/kv_core_functions.h"
+#include "kv_core/kv_exception.h"
 #include "kv_cv/kv_impl_cpu.h"
 #include "kv_cv/kv_impl_fast_kernels.h"
 #include "kv_cv/kv_impl_fast_warp.h"
 #include "kv_cv/kv_impl_unaligned.h"
+
+#define KV_SOURCE_FILE "src/kv_cv/kv_impl_fast_adapter"
 
 namespace kv {
 namespace impl {
@@ -42,7 +50,67 @@ void pinOpenCvToCaller() {
     std::call_once(once, [] { cv::setNumThreads(1); });
 }
 
-int pitch(size_t step) { return int(step); }
+// libyuv takes row pitches as int.
+int pitch(size_t step) {
+    if (step > size_t(INT_MAX))
+        KV_THROW(KV_STATUS_OUT_OF_RANGE, "kv::impl::fast::pitch",
+                 "Row pitch of %zu bytes is past the %d bytes that libyuv's plane functions take.", step, INT_MAX);
+    return int(step);
+}
+
+// Runs one OpenCV call: no exception but kv::Exception (and std::bad_alloc)
+// leaves the library, so OpenCV's own are translated here.
+template <typename Call>
+void callOpenCv(const char* what, Call call) {
+    pinOpenCvToCaller();
+    try {
+        call();
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const cv::Exception& e) {
+        KV_THROW(KV_STATUS_NOT_SUPPORTED, "kv::impl::fast::callOpenCv", "%s: OpenCV refused the call: %s", what,
+                 e.err.c_str());
+    } catch (const std::exception& e) {
+        KV_THROW(KV_STATUS_NOT_SUPPORTED, "kv::impl::fast::callOpenCv", "%s: OpenCV failed: %s", what, e.what());
+    }
+}
+
+// A cv::Mat over a caller plane. cv::Mat takes only pitches that are whole
+// samples; a plane with any other pitch (a float frame wrapped at an odd
+// pitch) goes through a packed copy, read in for a source and written back
+// by writeBack() for a destination.
+class PlaneMat {
+public:
+    PlaneMat(const void* data, size_t step, int width, int height, int type, bool input)
+        : _data(static_cast<uint8_t*>(const_cast<void*>(data))), _step(step), _row(size_t(width) * CV_ELEM_SIZE(type)) {
+        if (step % CV_ELEM_SIZE1(type) == 0) {
+            _mat = cv::Mat(height, width, type, _data, step);
+            return;
+        }
+        _copied = true;
+        _mat.create(height, width, type);
+        if (input)
+            for (int y = 0; y < height; ++y) std::memcpy(_mat.ptr(y), _data + size_t(y) * step, _row);
+    }
+    cv::Mat& mat() { return _mat; }
+    void writeBack() {
+        if (_copied)
+            for (int y = 0; y < _mat.rows; ++y) std::memcpy(_data + size_t(y) * _step, _mat.ptr(y), _row);
+    }
+
+private:
+    uint8_t* _data;
+    size_t _step, _row;
+    bool _copied = false;
+    cv::Mat _mat;
+};
+
+// Runs of at most 2^30 floats, the int range of the core arithmetic's regions.
+template <typename Run>
+void inRuns(size_t count, Run run) {
+    constexpr size_t kRun = size_t(1) << 30;
+    for (size_t at = 0; at < count; at += kRun) run(at, int(std::min(kRun, count - at)));
+}
 
 const FastKernels& kernels() { return fastKernels(activeIsa()); }
 
@@ -327,12 +395,18 @@ void f32ToU8(const float* src, size_t src_step, uint8_t* dst, size_t dst_step, s
 // continuous run) at a time, so pitches beyond int range stay safe.
 void addF32(float* data, size_t step, size_t count, int height, float value) {
     auto* d = reinterpret_cast<uint8_t*>(data);
-    for (int y = 0; y < height; ++y) addConstant_32f_C1(value, d + size_t(y) * step, 0, Rect(0, 0, int(count), 1));
+    for (int y = 0; y < height; ++y)
+        inRuns(count, [&](size_t at, int n) {
+            addConstant_32f_C1(value, d + size_t(y) * step + at * 4, 0, Rect(0, 0, n, 1));
+        });
 }
 
 void mulF32(float* data, size_t step, size_t count, int height, float value) {
     auto* d = reinterpret_cast<uint8_t*>(data);
-    for (int y = 0; y < height; ++y) mulConstant_32f_C1(value, d + size_t(y) * step, 0, Rect(0, 0, int(count), 1));
+    for (int y = 0; y < height; ++y)
+        inRuns(count, [&](size_t at, int n) {
+            mulConstant_32f_C1(value, d + size_t(y) * step + at * 4, 0, Rect(0, 0, n, 1));
+        });
 }
 
 void halfToFloat(const uint16_t* src, size_t count, float* dst) { kernels().halfToFloatRow(src, dst, count); }
@@ -370,6 +444,68 @@ void resizeNearest(const uint8_t* src, size_t src_step, int src_width, int src_h
 
 // Sides the 16.16 bilinear tables hold (src << 16 stays in 32 bits).
 bool bilinearRange(int side) { return side >= 1 && side < 32768; }
+
+// Pixels of P bytes (8, 12 or 16: float pixels) from byte offsets: one move
+// per pixel. 12-byte pixels move 16 bytes where the load stays inside the
+// source row and the next pixel overwrites the 4 extra bytes.
+template <int P>
+void copyPixels(const NearestPlaneCache& c, const uint8_t* src, uint8_t* dst) {
+    constexpr int kMove = P == 12 ? 16 : P;
+    const int32_t* offset = c.offsets.data();
+    const int n = c.dst_width, src_bytes = c.src_width * P;
+    int i = 0;
+    for (; i + 1 < n && offset[i] + kMove <= src_bytes; ++i) std::memcpy(dst + size_t(i) * P, src + offset[i], kMove);
+    for (; i < n; ++i) std::memcpy(dst + size_t(i) * P, src + offset[i], P);
+}
+
+// resizeNearest with one gather per row (the scalers' byte gather for
+// pixels of up to 4 bytes, copyPixels for float pixels of 8 to 16 bytes),
+// and each output row that repeats its predecessor's source row copied from
+// it. The 16-bit column table holds the same positions as resizeNearest's
+// 64-bit ones for sides below 32768; false (nothing written) past that range
+// or for other pixel sizes.
+bool resizeNearestGathered(const uint8_t* src, size_t src_step, int src_width, int src_height, uint8_t* dst,
+                           size_t dst_step, int dst_width, int dst_height, int pixel, NearestPlaneCache& c) {
+    if (!bilinearRange(src_width) || !bilinearRange(dst_width)) return false;
+    if (pixel > 4 && pixel != 8 && pixel != 12 && pixel != 16) return false;
+    if (c.src_width != src_width || c.dst_width != dst_width || c.pixel != pixel) {
+        const int64_t step = (int64_t(src_width) << 16) / dst_width;
+        c.xs.resize(size_t(dst_width));
+        c.offsets.resize(size_t(dst_width));
+        int64_t pos = step / 2;
+        for (int i = 0; i < dst_width; ++i, pos += step) {
+            c.xs[size_t(i)] = uint16_t(pos >> 16);
+            c.offsets[size_t(i)] = int32_t(pos >> 16) * pixel;
+        }
+        if (pixel <= 4)
+            buildGatherPlan(c.plan, c.xs.data(), dst_width, pixel, dst_width * pixel, src_width, src_width * pixel);
+        c.src_width = src_width;
+        c.dst_width = dst_width;
+        c.pixel = pixel;
+    }
+    const GatherRow gather = scaleRowKernels().gatherRow;
+    const auto row = [&](const uint8_t* s, uint8_t* d) {
+        switch (pixel) {
+            case 8: copyPixels<8>(c, s, d); break;
+            case 12: copyPixels<12>(c, s, d); break;
+            case 16: copyPixels<16>(c, s, d); break;
+            default: gather(c.plan, s, d); break;
+        }
+    };
+    const size_t row_bytes = size_t(dst_width) * size_t(pixel);
+    const int64_t step_y = (int64_t(src_height) << 16) / dst_height;
+    int64_t pos_y = step_y / 2;
+    int64_t previous = -1;
+    for (int y = 0; y < dst_height; ++y, pos_y += step_y) {
+        uint8_t* d = dst + size_t(y) * dst_step;
+        if ((pos_y >> 16) == previous)
+            std::memcpy(d, d - dst_step, row_bytes);
+        else
+            row(src + size_t(pos_y >> 16) * src_step, d);
+        previous = pos_y >> 16;
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -430,19 +566,45 @@ void resizeBilinearBytes(const uint8_t* src, size_t src_step, int src_width, int
 
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method,
-                 BilinearPlaneCache* cache) {
+                 PlaneResizeCache* cache) {
+    PlaneResizeCache local;
+    PlaneResizeCache& c = cache ? *cache : local;
+    if (method == Interpolation::kNearest &&
+        resizeNearestGathered(static_cast<const uint8_t*>(src), src_step, src_width, src_height,
+                              static_cast<uint8_t*>(dst), dst_step, dst_width, dst_height,
+                              channels * (is_float ? 4 : 1), c.nearest))
+        return;
     if (method == Interpolation::kArea && !is_float && src_width % dst_width == 0 && src_height % dst_height == 0) {
         kernels().areaBox(static_cast<const uint8_t*>(src), src_step, static_cast<uint8_t*>(dst), dst_step, dst_width,
                           dst_height, channels, src_width / dst_width, src_height / dst_height);
         return;
     }
+    // Float planes gather their samples: faster than OpenCV's own loop for
+    // one channel at every ratio measured, for more channels only up to a
+    // reduction of 2 in width.
+    if (method == Interpolation::kArea && channels >= 1 && channels <= 4 &&
+        cvAreaDecimates(src_width, src_height, dst_width, dst_height) &&
+        (!is_float || channels == 1 || src_width <= 2 * dst_width)) {
+        buildCvAreaPlan(c.area.plan, src_width, src_height, dst_width, dst_height, channels, !is_float);
+        c.area.rows.resize(size_t(c.area.plan.row.values) * size_t(c.area.plan.ring));
+        c.area.pointers.resize(size_t(c.area.plan.max_rows));
+        cvAreaResize(c.area.plan, src, src_step, dst, dst_step, c.area.rows.data(), c.area.pointers.data(),
+                     activeIsa());
+        return;
+    }
+    if (method == Interpolation::kArea && !is_float && channels >= 1 && channels <= 4 &&
+        cvAreaEnlarges(src_width, src_height, dst_width, dst_height)) {
+        buildCvLinearPlan(c.area.up, src_width, src_height, dst_width, dst_height, channels);
+        c.area.up_rows.resize(size_t(c.area.up.values) * 2);
+        cvLinearResize(c.area.up, static_cast<const uint8_t*>(src), src_step, static_cast<uint8_t*>(dst), dst_step,
+                       c.area.up_rows.data(), activeIsa());
+        return;
+    }
     if (method == Interpolation::kBilinear && !is_float && channels >= 1 && channels <= 4 &&
         bilinearRange(src_width) && bilinearRange(src_height) && bilinearRange(dst_width) &&
         bilinearRange(dst_height)) {
-        BilinearPlaneCache local;
         resizeBilinearBytes(static_cast<const uint8_t*>(src), src_step, src_width, src_height,
-                            static_cast<uint8_t*>(dst), dst_step, dst_width, dst_height, channels,
-                            cache ? *cache : local);
+                            static_cast<uint8_t*>(dst), dst_step, dst_width, dst_height, channels, c.bilinear);
         return;
     }
     resizePlaneWithLibrary(src, src_step, src_width, src_height, dst, dst_step, dst_width, dst_height, channels,
@@ -457,11 +619,14 @@ void resizePlaneWithLibrary(const void* src, size_t src_step, int src_width, int
                       dst_step, dst_width, dst_height, size_t(channels) * (is_float ? 4 : 1));
         return;
     }
-    pinOpenCvToCaller();
     const int type = CV_MAKETYPE(is_float ? CV_32F : CV_8U, channels);
-    const cv::Mat s(src_height, src_width, type, const_cast<void*>(src), src_step);
-    cv::Mat d(dst_height, dst_width, type, dst, dst_step);
-    cv::resize(s, d, d.size(), 0, 0, method == Interpolation::kBilinear ? cv::INTER_LINEAR : cv::INTER_AREA);
+    callOpenCv("resize", [&] {
+        PlaneMat s(src, src_step, src_width, src_height, type, true);
+        PlaneMat d(dst, dst_step, dst_width, dst_height, type, false);
+        cv::resize(s.mat(), d.mat(), d.mat().size(), 0, 0,
+                   method == Interpolation::kBilinear ? cv::INTER_LINEAR : cv::INTER_AREA);
+        d.writeBack();
+    });
 }
 
 namespace {
@@ -492,13 +657,15 @@ bool warpAffinePlaneWithLibrary(const void* src, size_t src_step, int src_width,
                                 size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
                                 const float matrix[6], bool bilinear) {
     if (!invertible(matrix)) return false;
-    pinOpenCvToCaller();
     const int type = CV_MAKETYPE(is_float ? CV_32F : CV_8U, channels);
-    const cv::Mat s(src_height, src_width, type, const_cast<void*>(src), src_step);
-    cv::Mat d(dst_height, dst_width, type, dst, dst_step);
     const cv::Matx23f m(matrix[0], matrix[1], matrix[2], matrix[3], matrix[4], matrix[5]);
-    cv::warpAffine(s, d, m, d.size(), bilinear ? cv::INTER_LINEAR : cv::INTER_NEAREST, cv::BORDER_CONSTANT,
-                   cv::Scalar::all(0));
+    callOpenCv("warpAffine", [&] {
+        PlaneMat s(src, src_step, src_width, src_height, type, true);
+        PlaneMat d(dst, dst_step, dst_width, dst_height, type, false);
+        cv::warpAffine(s.mat(), d.mat(), m, d.mat().size(), bilinear ? cv::INTER_LINEAR : cv::INTER_NEAREST,
+                       cv::BORDER_CONSTANT, cv::Scalar::all(0));
+        d.writeBack();
+    });
     return true;
 }
 
@@ -516,15 +683,16 @@ void rotatePlane(const uint8_t* src, size_t src_step, int width, int height, int
         kernels().rotate3(src, src_step, width, height, code, dst, dst_step);
         return;
     }
-    pinOpenCvToCaller();
     const int type = CV_MAKETYPE(CV_8U, pixel_bytes);
-    const cv::Mat s(height, width, type, const_cast<uint8_t*>(src), src_step);
     const bool turn = code != 2;
-    cv::Mat d(turn ? width : height, turn ? height : width, type, dst, dst_step);
-    cv::rotate(s, d,
-               code == 1   ? cv::ROTATE_90_COUNTERCLOCKWISE
-               : code == 2 ? cv::ROTATE_180
-                           : cv::ROTATE_90_CLOCKWISE);
+    callOpenCv("rotate", [&] {
+        const cv::Mat s(height, width, type, const_cast<uint8_t*>(src), src_step);
+        cv::Mat d(turn ? width : height, turn ? height : width, type, dst, dst_step);
+        cv::rotate(s, d,
+                   code == 1   ? cv::ROTATE_90_COUNTERCLOCKWISE
+                   : code == 2 ? cv::ROTATE_180
+                               : cv::ROTATE_90_CLOCKWISE);
+    });
 }
 
 }  // namespace fast

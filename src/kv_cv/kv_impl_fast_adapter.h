@@ -21,6 +21,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "kv_cv/kv_impl_fast_area.h"
+#include "kv_cv/kv_impl_fast_area_up.h"
 #include "kv_cv/kv_impl_scale_rows.h"
 
 namespace kv {
@@ -123,9 +125,35 @@ struct BilinearPlaneCache {
     std::vector<uint8_t> rows[2];
 };
 
-// Bilinear caches by plane index, for a backend's resize().
+// One plane's area plan (OpenCV's decimation at ratios that are not whole
+// numbers), its ring of horizontally reduced float rows and their pointers.
+struct AreaPlaneCache {
+    CvAreaPlan plan;
+    std::vector<float> rows;
+    std::vector<const float*> pointers;
+    // Where an axis enlarges: OpenCV's linear emulation and its two rows.
+    CvLinearPlan up;
+    std::vector<int32_t> up_rows;
+};
+
+// One plane's nearest-neighbour column gather (pixels of `pixel` bytes).
+struct NearestPlaneCache {
+    int src_width = 0, dst_width = 0, pixel = 0;
+    std::vector<uint16_t> xs;       // source column of each output column
+    std::vector<int32_t> offsets;   // its first byte
+    GatherPlan plan;                // pixels of up to 4 bytes
+};
+
+// Everything one plane's resize keeps between calls.
+struct PlaneResizeCache {
+    BilinearPlaneCache bilinear;
+    AreaPlaneCache area;
+    NearestPlaneCache nearest;
+};
+
+// Caches by plane index, for a backend's resize().
 struct ResizeCache {
-    BilinearPlaneCache planes[4];
+    PlaneResizeCache planes[4];
 };
 
 // Resizes a plane of 1 to 4 channels of bytes or floats. Nearest samples the
@@ -133,14 +161,20 @@ struct ResizeCache {
 // module's own nearest scaler does; bilinear and area are centre-aligned.
 // Area reductions of byte planes by integer factors (source = destination
 // times fx by fy) run the module's own box kernel, which gives OpenCV's
-// INTER_AREA bytes. Bilinear byte planes run resizeBilinearBytes when every
-// side is below 32768 (the 16.16 tables' range), with `cache` (or a local
-// one when null); float planes and the rest go to OpenCV.
+// INTER_AREA bytes; the other reductions on both axes that OpenCV decimates
+// run kv_impl_fast_area, OpenCV's arithmetic, for bytes (and for floats
+// where it beats OpenCV: one channel, or a width reduced at most 2 times),
+// and byte
+// planes with an enlarging axis kv_impl_fast_area_up, OpenCV's too. Bilinear
+// byte planes run resizeBilinearBytes when every side is below 32768 (the
+// 16.16 tables' range). Tables live in `cache` (or local ones when null); the
+// rest goes to OpenCV.
 void resizePlane(const void* src, size_t src_step, int src_width, int src_height, void* dst, size_t dst_step,
                  int dst_width, int dst_height, int channels, bool is_float, Interpolation method,
-                 BilinearPlaneCache* cache = nullptr);
+                 PlaneResizeCache* cache = nullptr);
 // resizePlane without the module's kernels (OpenCV, and the plain nearest
-// loop), so that tests can hold those kernels against OpenCV itself.
+// loop), so that tests can hold those kernels against OpenCV itself and the
+// nearest gather against the loop.
 void resizePlaneWithLibrary(const void* src, size_t src_step, int src_width, int src_height, void* dst,
                             size_t dst_step, int dst_width, int dst_height, int channels, bool is_float,
                             Interpolation method);

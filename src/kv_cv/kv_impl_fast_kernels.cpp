@@ -3,6 +3,7 @@
 // reference, so every width gives the reference's bytes and no load or store
 // leaves the row.
 #include "kv_cv/kv_impl_fast_kernels.h"
+#include "kv_cv/kv_impl_scale_rows.h"
 
 #include <immintrin.h>
 
@@ -385,6 +386,141 @@ void areaBox4x4C3(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_
 
 }  // namespace
 
+// 2 x 2 blocks of C-channel pixels: per row, the bytes of each pixel pair
+// are shuffled side by side and summed into words by one multiply-add with
+// ones; the two rows' sums are added and rounded as OpenCV rounds (half up
+// for 1, 3 and 4 channels; the float path's half to even for 2). C = 1, 2,
+// 4: 64 source bytes per row give 32 values; C = 3: 24 give 12 (the second
+// 8-byte store reaches 2 bytes past them, rewritten by the next step).
+namespace {
+template <int C>
+void areaBox2x2(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width, int dst_height) {
+    static constexpr PixelPairOrder<C> kOrder{};
+    const __m256i order = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(kOrder.b));
+    const __m256i ones8 = _mm256_set1_epi8(1);
+    const __m256i two = _mm256_set1_epi16(2), one = _mm256_set1_epi16(1);
+    const int n = dst_width * C;
+    auto mean = [&](__m256i sum) {
+        if (C == 2)  // (sum + 1 + (floor(sum / 4) & 1)) >> 2: half to even
+            return _mm256_srli_epi16(
+                _mm256_add_epi16(_mm256_add_epi16(sum, one), _mm256_and_si256(_mm256_srli_epi16(sum, 2), one)), 2);
+        return _mm256_srli_epi16(_mm256_add_epi16(sum, two), 2);
+    };
+    for (int y = 0; y < dst_height; ++y) {
+        const uint8_t* r0 = src + size_t(2 * y) * src_step;
+        const uint8_t* r1 = r0 + src_step;
+        uint8_t* d = dst + size_t(y) * dst_step;
+        int e = 0;
+        if (C == 3) {
+            auto sums = [&](const uint8_t* p) {
+                const __m256i v = _mm256_inserti128_si256(
+                    _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))),
+                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 12)), 1);
+                return _mm256_maddubs_epi16(_mm256_shuffle_epi8(v, order), ones8);
+            };
+            for (; e + 14 <= n && 2 * e + 28 <= 2 * n; e += 12) {
+                const __m256i m = mean(_mm256_add_epi16(sums(r0 + 2 * e), sums(r1 + 2 * e)));
+                const __m256i b = _mm256_packus_epi16(m, m);
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(d + e), _mm256_castsi256_si128(b));
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(d + e + 6), _mm256_extracti128_si256(b, 1));
+            }
+        } else {
+            auto sums = [&](const uint8_t* p) {
+                __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+                if (C > 1) v = _mm256_shuffle_epi8(v, order);
+                return _mm256_maddubs_epi16(v, ones8);
+            };
+            for (; e + 32 <= n; e += 32) {
+                const __m256i a = mean(_mm256_add_epi16(sums(r0 + 2 * e), sums(r1 + 2 * e)));
+                const __m256i b = mean(_mm256_add_epi16(sums(r0 + 2 * e + 32), sums(r1 + 2 * e + 32)));
+                _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + e),
+                                    _mm256_permute4x64_epi64(_mm256_packus_epi16(a, b), 0xD8));
+            }
+        }
+        // The rest of the row: whole pixels from the first value not written.
+        const int px = e / C;
+        if (px < dst_width)
+            ref::areaBox(r0 + size_t(px) * 2 * C, src_step, d + size_t(px) * C, dst_step, dst_width - px, 1, C, 2, 2);
+    }
+}
+// Blocks up to 4 pixels wide (any height up to 64) of C-channel pixels,
+// rounded as OpenCV's float path rounds: float(sum) * (1 / area) to nearest
+// even. Each 128-bit lane holds G pixels (4 / C, or 1 for C = 3), V = G C
+// values: per source row the lane's G * FX * C bytes are shuffled into one
+// 4-byte group per value (FX samples, zero padding), summed in pairs into
+// words by a multiply-add with ones and added over the rows; a multiply-add
+// of the words with ones gives the block sums.
+template <int C, int FX>
+void areaBoxNarrow(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width, int dst_height,
+                   int fy) {
+    constexpr int G = C == 3 ? 1 : 4 / C;
+    constexpr int V = G * C;
+    constexpr int kLaneBytes = G * FX * C;  // source bytes per lane and row
+    struct Groups {
+        int8_t b[32];
+        constexpr Groups() : b() {
+            for (int lane = 0; lane < 2; ++lane)
+                for (int k = 0; k < 16; ++k) {
+                    const int v = k / 4, i = k % 4, g = v / C, c = v % C;
+                    b[16 * lane + k] = int8_t(v < V && i < FX ? g * FX * C + i * C + c : -128);
+                }
+        }
+    };
+    static constexpr Groups kGroups{};
+    const __m256i groups = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(kGroups.b));
+    const __m256i ones8 = _mm256_set1_epi8(1), ones16 = _mm256_set1_epi16(1);
+    const __m256 scale = _mm256_set1_ps(1.f / float(FX * fy));
+    const __m256i pick = _mm256_setr_epi32(0, 4, 0, 0, 0, 0, 0, 0);
+    const int row_bytes = dst_width * FX * C;  // source bytes of the blocks of one output row
+    const int n = dst_width * C;
+    for (int y = 0; y < dst_height; ++y) {
+        const uint8_t* rows = src + size_t(y) * size_t(fy) * src_step;
+        uint8_t* d = dst + size_t(y) * dst_step;
+        int px = 0;  // first pixel of the block
+        // Both lanes' 16-byte loads stay inside the row; 3-channel stores
+        // write one byte past their 6 values, which must lie inside the output row.
+        for (; (px + G) * FX * C + 16 <= row_bytes && (C != 3 || px * C + 7 <= n); px += 2 * G) {
+            const uint8_t* s = rows + size_t(px) * FX * C;
+            __m256i words = _mm256_setzero_si256();
+            for (int r = 0; r < fy; ++r, s += src_step) {
+                const __m256i v = _mm256_inserti128_si256(
+                    _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s))),
+                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + kLaneBytes)), 1);
+                words = _mm256_add_epi16(words, _mm256_maddubs_epi16(_mm256_shuffle_epi8(v, groups), ones8));
+            }
+            const __m256i sums = _mm256_madd_epi16(words, ones16);
+            const __m256i q = _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_cvtepi32_ps(sums), scale));
+            const __m256i w = _mm256_packus_epi32(q, q);
+            const __m256i bytes = _mm256_packus_epi16(w, w);  // lane h: its V values in bytes 0..V-1
+            uint8_t* o = d + size_t(px) * C;
+            if (C == 3) {
+                const int lo = _mm256_extract_epi32(bytes, 0), hi = _mm256_extract_epi32(bytes, 4);
+                std::memcpy(o, &lo, 4);
+                std::memcpy(o + 3, &hi, 4);
+            } else {
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(o),
+                                 _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(bytes, pick)));
+            }
+        }
+        if (px < dst_width)
+            ref::areaBox(rows + size_t(px) * FX * C, src_step, d + size_t(px) * C, dst_step, dst_width - px, 1, C, FX,
+                         fy);
+    }
+}
+
+using AreaBoxNarrowFn = void (*)(const uint8_t*, size_t, uint8_t*, size_t, int, int, int);
+
+AreaBoxNarrowFn areaBoxNarrowFor(int channels, int fx) {
+    static const AreaBoxNarrowFn table[4][4] = {
+        {areaBoxNarrow<1, 1>, areaBoxNarrow<1, 2>, areaBoxNarrow<1, 3>, areaBoxNarrow<1, 4>},
+        {areaBoxNarrow<2, 1>, areaBoxNarrow<2, 2>, areaBoxNarrow<2, 3>, areaBoxNarrow<2, 4>},
+        {areaBoxNarrow<3, 1>, areaBoxNarrow<3, 2>, areaBoxNarrow<3, 3>, areaBoxNarrow<3, 4>},
+        {areaBoxNarrow<4, 1>, areaBoxNarrow<4, 2>, areaBoxNarrow<4, 3>, areaBoxNarrow<4, 4>}};
+    return channels >= 1 && channels <= 4 && fx >= 1 && fx <= 4 ? table[channels - 1][fx - 1] : nullptr;
+}
+
+}  // namespace
+
 // Box reduction a strip of output pixels at a time: the fy source rows are
 // summed column by column into 16-bit sums, fx neighbouring sums of each
 // channel are added along the strip, and the sums at block starts are
@@ -397,6 +533,18 @@ void areaBox(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step,
         areaBox4x4C3(src, src_step, dst, dst_step, dst_width, dst_height);
         return;
     }
+    // Blocks up to 4 wide and 64 high with float rounding (not OpenCV's 2 x 2
+    // integer path, taken below) go through areaBoxNarrow.
+    if (fx <= 4 && fy <= 64 && !ref::areaHalfUp(channels, fx, fy) && !(fx == 2 && fy == 2)) {
+        if (const AreaBoxNarrowFn f = areaBoxNarrowFor(channels, fx)) {
+            f(src, src_step, dst, dst_step, dst_width, dst_height, fy);
+            return;
+        }
+    }
+    if (fx == 2 && fy == 2 && dispatchCount<4>(channels, [&](auto c) {
+            areaBox2x2<c()>(src, src_step, dst, dst_step, dst_width, dst_height);
+        }))
+        return;
     constexpr int kStrip = 2048;  // 16-bit column sums per strip
     const int block = fx * channels;
     if (fx * fy > 257 || block * 8 > kStrip) {

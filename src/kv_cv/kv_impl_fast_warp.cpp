@@ -373,9 +373,11 @@ void warpAffineBytes(const uint8_t* src, size_t src_step, int src_width, int src
     }
     // Hardware prefetchers do not follow a rotated row down the source; the
     // bilinear kernel asks for the lines that row y + 4 will need.
+    // Only a distance within the source is worth asking for (and a matrix of
+    // huge or NaN terms must not overflow the arithmetic): otherwise none.
     const double rows_ahead = 4;
-    const ptrdiff_t ahead = ptrdiff_t(std::lround(M[4] * rows_ahead)) * ptrdiff_t(src_step) +
-                            ptrdiff_t(std::lround(M[1] * rows_ahead)) * channels;
+    const double ahead_bytes = std::round(M[4] * rows_ahead) * double(src_step) + std::round(M[1] * rows_ahead) * channels;
+    const ptrdiff_t ahead = std::fabs(ahead_bytes) < double(1u << 30) ? ptrdiff_t(ahead_bytes) : 0;
     const WarpPlane plane{src, src_step, src_width, src_height, channels, bilinear, adelta, bdelta, small, ahead};
     const WarpRowFn row = warpRowKernel(isa);
     const int32_t round = bilinear ? kBilinearRound : kNearestRound;

@@ -2,6 +2,7 @@
 // window size for each supported pair of formats.
 #include "kv_impl_format_converter.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "kv_core/kv_exception.h"
@@ -31,11 +32,31 @@ void ImplFormatConverter::reuse(FrameFormat src, FrameFormat dst, int width, int
     get_context(src, dst, window_size);
     _width = width;
     if (_convert_pair) _next_luma.resize(size_t(width < 1 ? 1 : width));
+    const FrameLayout out(dst, Size(width < 1 ? 1 : width, 2), 64);
+    _dst_planes = out.planes;
+    _chroma_planes = 0;
+    _scratch_step = 0;
+    for (uint32_t p = 0; p < out.planes; ++p) {
+        _scratch_step = std::max(_scratch_step, out.plane[p].step);
+        if (isYuv(dst) && int32_t(p) != _dst_info.yPlane) _chroma_planes |= 1u << p;
+    }
     _ready = true;
 }
 
-void ImplFormatConverter::convertRow(const RowData* const* rows, RowData& dst, int row) {
+void ImplFormatConverter::convertRow(const RowData* const* rows, const RowData& asked, int row) {
     if (!_convert) return;
+    RowData dst = asked;
+    bool any = false, chroma_asked = false;
+    for (uint32_t p = 0; p < _dst_planes; ++p) {
+        any = any || dst.plane[p];
+        chroma_asked = chroma_asked || (dst.plane[p] && (_chroma_planes >> p & 1u));
+    }
+    if (!any) return;
+    for (uint32_t p = 0; p < _dst_planes; ++p) {
+        if (dst.plane[p] || ((_chroma_planes >> p & 1u) && !chroma_asked)) continue;
+        if (_scratch.size() < _dst_planes * _scratch_step) _scratch.resize(size_t(_dst_planes * _scratch_step));
+        dst.plane[p] = _scratch.data() + p * _scratch_step;
+    }
     const bool chroma = dst.plane[_dst_info.uPlane] && dst.plane[_dst_info.vPlane];
     if (_convert_pair && chroma && rows[1]) {
         _convert_pair(rows, dst, _next_luma.data(), _width, *this);

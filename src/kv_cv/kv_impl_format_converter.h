@@ -33,10 +33,14 @@ public:
     const YuvFormatInfo& srcInfo() const { return _src_info; }
     const YuvFormatInfo& dstInfo() const { return _dst_info; }
 
-    // Converts output row `row`. With a pair kernel, a row that carries the
-    // chroma of a pair also computes the next row's Y; that row then only
-    // copies it (unless it asks for chroma itself).
-    void convertRow(const RowData* const* rows, RowData& dst, int row);
+    // Converts output row `row` into the non-null slots of dst. A consumer may
+    // ask for some planes only (a window that needs the chroma of the row
+    // above it asks for that chroma alone): the kernel's other planes go to
+    // scratch rows, except chroma that no slot asks for, which kernels skip.
+    // With a pair kernel, a row that carries the chroma of a pair also
+    // computes the next row's Y; that row then only copies it (unless it asks
+    // for chroma itself).
+    void convertRow(const RowData* const* rows, const RowData& dst, int row);
 
 private:
     void get_context(FrameFormat src, FrameFormat dst, int* window_size);
@@ -50,6 +54,10 @@ private:
     ConvertPairFn _convert_pair = nullptr;
     Buffer _next_luma;            // Y of row _next_luma_row, from the pair kernel
     int32_t _next_luma_row = -1;  // -1: none parked
+    uint32_t _dst_planes = 0;     // planes of the destination format
+    uint32_t _chroma_planes = 0;  // bit p: plane p holds only chroma (skippable)
+    uint64_t _scratch_step = 0;   // one scratch row per plane, for planes not asked for
+    Buffer _scratch;
 };
 
 }  // namespace Impl

@@ -56,8 +56,37 @@ struct AreaTaps {
     int uniform_q = 0;
     std::vector<int32_t> offset;
     std::vector<int32_t> weights;
+    // Shuffle plan for 8- or 16-bit rows: blocks of 16 output values in four
+    // quarters of four, quarter q in 128-bit lane q % 2 of vector q / 2. Each
+    // quarter reads `chunks` 16-byte loads from its own base; per tap pair,
+    // byte selectors put the pair's two samples of each value into two words
+    // (8-bit samples with zero high bytes) that one multiply-add with the pair's two 16-bit
+    // weights sums. A weight of 32768 (a whole sample at 16-bit precision) is
+    // split over both words of its pair. Selector sets repeat along a row, so
+    // blocks share them by index. The last block may overlap its predecessor;
+    // zero `pair_blocks` means no plan (rows shorter than a block, or too many
+    // loads per block).
+    int pairs = 0;
+    int chunks = 0;
+    int pair_blocks = 0;
+    struct PairBlock {
+        int32_t base[4];  // source byte offset of each quarter
+        int32_t start;    // first output value
+        int32_t pattern;  // selector set
+    };
+    std::vector<PairBlock> pair_block;
+    std::vector<uint8_t> pair_select;   // patterns x 2 x chunks x pairs x 32 selectors (0x80: zero)
+    std::vector<int16_t> pair_weights;  // blocks x 2 x pairs x 16 weights
+    // 16-bit rows: samples enter as s - 32768 (signed words); per block 16
+    // values' 32768 x (sum of their weights) restores the sum.
+    std::vector<int32_t> pair_bias;
+    // Working memory of the plan's construction.
+    std::vector<int32_t> scratch_lo;
+    std::vector<uint8_t> scratch_set;
+    std::vector<uint64_t> scratch_hash;
 };
-void buildAreaTaps(const AreaRowX& row, AreaTaps& taps);
+// `sample_bytes` 1 or 2 builds the shuffle plan for 8- or 16-bit rows (4: none).
+void buildAreaTaps(const AreaRowX& row, AreaTaps& taps, int sample_bytes = 1);
 
 // Vertical accumulation: dst[x] = (sum of rows[k][x] * weights[k]) >> shift
 // for x < len, truncated to the sample type; `acc` holds len elements (32-bit
@@ -72,16 +101,20 @@ struct AreaRowsY {
 
 namespace ref {
 void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin);
-void areaRowX16(const uint16_t* src, uint16_t* dst, const AreaRowX& row, int o_begin);
-void areaRowX32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, int o_begin);
+void areaRowX16(const uint16_t* src, uint16_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin);
+void areaRowX32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin);
 void areaRowsY8(const AreaRowsY& rows, uint8_t* dst, uint32_t* acc, int x_begin);
-void areaRowsY16(const AreaRowsY& rows, uint16_t* dst, uint64_t* acc);
-void areaRowsY32(const AreaRowsY& rows, uint32_t* dst, uint64_t* acc);
+void areaRowsY16(const AreaRowsY& rows, uint16_t* dst, uint64_t* acc, int x_begin);
+void areaRowsY32(const AreaRowsY& rows, uint32_t* dst, uint64_t* acc, int x_begin);
 }  // namespace ref
 
 namespace avx2 {
 void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin);
+void areaRowX16(const uint16_t* src, uint16_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin);
+void areaRowX32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin);
 void areaRowsY8(const AreaRowsY& rows, uint8_t* dst, uint32_t* acc, int x_begin);
+void areaRowsY16(const AreaRowsY& rows, uint16_t* dst, uint64_t* acc, int x_begin);
+void areaRowsY32(const AreaRowsY& rows, uint32_t* dst, uint64_t* acc, int x_begin);
 }  // namespace avx2
 
 }  // namespace impl

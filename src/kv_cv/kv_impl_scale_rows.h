@@ -14,6 +14,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "kv_cv/kv_impl_cpu.h"
@@ -41,6 +43,13 @@ struct GatherPlan {
     std::vector<int32_t> base;
     std::vector<int32_t> start;  // first output byte of each block
     std::vector<uint8_t> mask;   // blocks x chunks x 16 pshufb selectors (0x80: another chunk)
+    // Steep reductions (no block plan, or one of many loads) of whole units
+    // of 2 to 4 bytes: eight units per 32-bit gather from their source offsets. The leading
+    // `gather_units` units read 4 bytes inside the row; the rest of the row
+    // runs the byte loop.
+    int32_t unit_bytes = 0;
+    int32_t gather_units = 0;
+    std::vector<int32_t> unit_offset;
 };
 
 // Builds the gather of `units` output units of `unit_bytes` bytes, unit x
@@ -55,6 +64,9 @@ void buildGatherPlan(GatherPlan& plan, const uint16_t* xs, int units, int unit_b
                      int src_bytes);
 // Fills the vector plan of a gather whose `index` and `n` are set.
 void planGatherBlocks(GatherPlan& plan, int src_bytes);
+// Adds the unit plan to a gather whose `n` bytes are whole units of
+// `unit_bytes` (the kernels run it only where `chunks` is 0).
+void planGatherUnits(GatherPlan& plan, int unit_bytes, int src_bytes);
 
 // Horizontal 16.16 interpolation of one row of n elements (samples of one
 // type): dst[e] = (src[left[e]] * (65536 - fx[e]) + src[right[e]] * fx[e]) >> 16.
@@ -72,6 +84,18 @@ struct LerpPlan {
     std::vector<int32_t> base;
     std::vector<int32_t> start;
     std::vector<uint8_t> mask;
+    // Steep reductions (too many loads per block) of 8-bit samples in units
+    // of 1 to 4 channels: per unit one 8-byte load at its left pixel, which
+    // holds the right pixel too; four units per block, their fractions in
+    // `unit_fx` as 16 words (lane h: the 2 x channels values of units 2h and
+    // 2h + 1). The leading `unit_values` values run so; the rest the scalar loop.
+    int32_t unit_values = 0;
+    int32_t unit_channels = 0;
+    std::vector<uint16_t> unit_fx;
+    // Exact halving of 8-bit rows (value e from source pixels 2 (e / C) and
+    // 2 (e / C) + 1, fraction 32768 everywhere): each value is the floor of
+    // the pair's mean. `half_channels` is C, 0 when the row is not such.
+    int32_t half_channels = 0;
 };
 
 // Builds the interpolation of `units` output units of `channels` samples from
@@ -82,6 +106,38 @@ struct LerpPlan {
 // vector plan.
 void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, int channels, int n, int src_elems,
                    bool bytes8);
+
+// Runs f(std::integral_constant<int, K>()) for the K in [1, N] equal to k,
+// so that a kernel templated on a small count (loads per block, taps) is
+// chosen once per row; false, running nothing, for any other k.
+template <int N, typename F>
+inline bool dispatchCount(int k, F&& f) {
+    if constexpr (N >= 1) {
+        if (k == N) {
+            f(std::integral_constant<int, N>());
+            return true;
+        }
+        return dispatchCount<N - 1>(k, std::forward<F>(f));
+    } else {
+        return false;
+    }
+}
+
+// Byte selectors (for a 32-byte shuffle) that put the two pixels of each
+// pixel pair side by side, channel by channel (a0 b0 a1 b1 ...), so that one
+// multiply-add with ones sums each pair into a word: per 128-bit lane 16
+// source bytes (C = 1, 2, 4) or 12 (C = 3; the last 4 selectors give 0).
+template <int C>
+struct PixelPairOrder {
+    int8_t b[32];
+    constexpr PixelPairOrder() : b() {
+        for (int lane = 0; lane < 2; ++lane)
+            for (int k = 0; k < 16; ++k) {
+                const int value = k / 2, pair = value / C, c = value % C;
+                b[16 * lane + k] = int8_t(C == 3 && k >= 12 ? -128 : pair * 2 * C + (k % 2) * C + c);
+            }
+    }
+};
 
 // out = (a * (65536 - fy) + b * fy) >> 16 per sample; the shift truncates.
 using BlendRow8 = void (*)(const uint8_t* a, const uint8_t* b, uint8_t* dst, int n, uint32_t fy);

@@ -34,6 +34,7 @@ void RowWindow::reuse(IRowProducer& producer, int window_size) {
     if (!l.initialized()) KV_THROW_LINE(KV_STATUS_EMPTY_INPUT, kReuse, 50, "Row producer is not initialized.");
     if (l.format == _layout.format && l.size == _layout.size && _producer && window_size == _window_size) {
         _producer = &producer;
+        _source_row = 0;
         _start_row = _end_row = 0;
         return;
     }
@@ -69,6 +70,7 @@ void RowWindow::reuse(IRowProducer& producer, int window_size) {
     _window_size = window_size;
     _reader.clear();
     _producer = &producer;
+    _source_row = 0;
     _start_row = _end_row = 0;
 }
 
@@ -140,22 +142,23 @@ void RowWindow::_update() {
             _reader.next();
         }
     } else {
-        while (_pulled < _start_row) {
+        while (_source_row < _start_row) {
             // Rows jumped over are skipped without produce, except that a
             // subsampled plane row beginning on the row just above the window
             // is still needed by the window's first row: produce that plane
-            // alone into the slot the first row will read.
-            if (_pulled == _start_row - 1) {
+            // alone (every other slot null) into the slot the first row reads.
+            if (_source_row == _start_row - 1) {
                 RowData dst;
                 bool shared = false;
                 for (uint32_t p = 0; p < _layout.planes; ++p)
-                    if (_mask[p] != 0 && (_pulled & _mask[p]) == 0) {
+                    if (_mask[p] != 0 && (_source_row & _mask[p]) == 0) {
                         dst.plane[p] = _plane_buffers[p].data() + uint64_t(_ring_pos[p]) * _row_pitch[p];
                         shared = true;
                     }
                 if (shared) _producer->produce(dst);
             }
             _producer->next();
+            ++_source_row;
             ++_pulled;
         }
         for (int k = kept; k < _window_size; ++k) {
@@ -169,6 +172,7 @@ void RowWindow::_update() {
             }
             _producer->produce(dst);
             _producer->next();
+            ++_source_row;
             ++_pulled;
         }
     }

@@ -18,341 +18,6 @@
 #define KV_SOURCE_FILE "src/kv_cv/kv_scaler_area"
 
 namespace kv {
-namespace impl {
-
-uint16_t buildAreaTable(int src, int dst, int shift, std::vector<AreaTableEntry>& table) {
-    const int64_t one = int64_t(1) << shift;
-    // Size of one source pixel in output pixels, scaled by one (truncated).
-    const int32_t step = int32_t((int64_t(dst) << shift) / src);
-    const uint16_t weight_max = uint16_t(std::min<int64_t>(one, step));
-    table.resize(size_t(dst) + 1);
-    for (int i = 0; i < dst; ++i) {
-        const int32_t s = int32_t(int64_t(i) * src / dst);
-        const int64_t w = int64_t((s & 0xFFFF) + 1) * step - (int64_t(i) << shift);
-        table[size_t(i)].first = uint16_t(s);
-        table[size_t(i)].weight = uint16_t(w < 1 ? 0 : std::min(one, w));
-    }
-    table[size_t(dst)].first = uint16_t(src);
-    table[size_t(dst)].weight = weight_max;
-    return weight_max;
-}
-
-int areaRowsNeeded(int src, int dst, const std::vector<AreaTableEntry>& table, uint16_t weight_max) {
-    if (dst < src) return table[1].first + (table[1].weight != weight_max ? 2 : 0);
-    return dst > src ? 2 : 1;
-}
-
-namespace {
-
-// The taps of output pixel i: source indices first..first+count-1 with their
-// weights (the combination rule of the table, zero-weight taps included).
-template <typename F>
-void forEachTap(const AreaRowX& r, int i, F&& f) {
-    const AreaTableEntry e0 = r.table[i];
-    const AreaTableEntry e1 = r.table[i + 1];
-    const uint32_t wm = r.weight_max;
-    if (r.reduce) {
-        f(0, e0.first, uint32_t(e0.weight));
-        for (int k = e0.first + 1; k < e1.first; ++k) f(k - e0.first, k, wm);
-        f(e1.first - e0.first, e1.first, e1.weight != wm ? wm - e1.weight : 0u);
-    } else {
-        f(0, e0.first, uint32_t(e0.weight));
-        f(1, e0.first + 1, e0.weight != wm ? wm - e0.weight : 0u);
-    }
-}
-
-}  // namespace
-
-void buildAreaTaps(const AreaRowX& r, AreaTaps& t) {
-    const int C = r.channels;
-    const int units = (r.dst_len + C - 1) / C;
-    int taps = r.reduce ? 0 : 2;
-    if (r.reduce)
-        for (int i = 0; i < units; ++i) taps = std::max(taps, r.table[i + 1].first - r.table[i].first + 1);
-    t.taps = taps;
-    const int blocks = (r.dst_len + 7) / 8;
-    t.offset.assign(size_t(blocks) * 8, 0);
-    t.weights.assign(size_t(blocks) * 8 * size_t(taps), 0);
-    for (int o = 0; o < r.dst_len; ++o) {
-        const int i = o / C, c = o % C;
-        t.offset[size_t(o)] = r.table[i].first * C + c;
-        int32_t* w = &t.weights[size_t(o / 8) * 8 * size_t(taps) + size_t(o % 8)];
-        forEachTap(r, i, [&](int tap, int k, uint32_t weight) {
-            // Samples past the row's bytes count as 0: drop their weight.
-            if (int64_t(k) * C + c < r.src_len) w[size_t(tap) * 8] = int32_t(weight);
-        });
-    }
-    // Gathers load 4 bytes per tap: whole blocks whose taps all lie inside the row.
-    t.vec_values = 0;
-    for (int b = 0; b * 8 + 8 <= r.dst_len; ++b) {
-        bool inside = true;
-        for (int j = 0; j < 8; ++j)
-            inside = inside && int64_t(t.offset[size_t(b * 8 + j)]) + int64_t(taps - 1) * C + 4 <= r.src_len;
-        if (!inside) break;
-        t.vec_values = b * 8 + 8;
-    }
-    // A plain box: every output pixel takes q whole pixels with weight_max.
-    t.uniform_q = 0;
-    if (r.reduce && units > 0) {
-        const int q = r.table[1].first;
-        bool uniform = q == 2 || q == 4;
-        for (int i = 0; uniform && i <= units; ++i)
-            uniform = (i == units || r.table[i].first == q * i) && r.table[i].weight == r.weight_max;
-        if (uniform) t.uniform_q = q;
-    }
-}
-
-namespace ref {
-
-namespace {
-
-template <typename T, typename Acc>
-void areaRowXT(const T* src, T* dst, const AreaRowX& r, int o_begin) {
-    const int C = r.channels;
-    const Acc wm = r.weight_max;
-    for (int o = o_begin; o < r.dst_len; ++o) {
-        const int i = o / C, c = o % C;
-        auto at = [&](int k) -> Acc {
-            const int64_t e = int64_t(k) * C + c;
-            return e < r.src_len ? Acc(loadSample(src, e)) : Acc(0);
-        };
-        const AreaTableEntry e0 = r.table[i];
-        const AreaTableEntry e1 = r.table[i + 1];
-        Acc acc = at(e0.first) * e0.weight;
-        if (r.reduce) {
-            // Middle pixels all carry weight_max: sum them first, two at a time.
-            Acc mid0 = 0, mid1 = 0;
-            int k = e0.first + 1;
-            for (; k + 1 < e1.first; k += 2) {
-                mid0 += at(k);
-                mid1 += at(k + 1);
-            }
-            if (k < e1.first) mid0 += at(k);
-            acc += (mid0 + mid1) * wm;
-            if (e1.weight != wm) acc += at(e1.first) * (wm - e1.weight);
-        } else if (e0.weight != wm) {
-            acc += at(e0.first + 1) * (wm - e0.weight);
-        }
-        storeSample(dst, o, acc >> r.shift);
-    }
-}
-
-template <typename T>
-void areaRowsYT(const AreaRowsY& r, T* dst, uint64_t* acc) {
-    for (int x = 0; x < r.len; ++x) acc[x] = 0;
-    for (int k = 0; k < r.count; ++k) {
-        const T* row = reinterpret_cast<const T*>(r.rows[k]);
-        const uint64_t w = r.weights[k];
-        for (int x = 0; x < r.len; ++x) acc[x] += uint64_t(loadSample(row, x)) * w;
-    }
-    for (int x = 0; x < r.len; ++x) storeSample(dst, x, acc[x] >> r.shift);
-}
-
-}  // namespace
-
-void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const AreaTaps&, int o_begin) {
-    areaRowXT<uint8_t, uint32_t>(src, dst, row, o_begin);
-}
-void areaRowX16(const uint16_t* src, uint16_t* dst, const AreaRowX& row, int o_begin) {
-    areaRowXT<uint16_t, uint64_t>(src, dst, row, o_begin);
-}
-void areaRowX32(const uint32_t* src, uint32_t* dst, const AreaRowX& row, int o_begin) {
-    areaRowXT<uint32_t, uint64_t>(src, dst, row, o_begin);
-}
-
-void areaRowsY8(const AreaRowsY& r, uint8_t* dst, uint32_t* acc, int x_begin) {
-    for (int x = x_begin; x < r.len; ++x) acc[x] = 0;
-    for (int k = 0; k < r.count; ++k) {
-        const uint8_t* row = r.rows[k];
-        const uint32_t w = r.weights[k];
-        for (int x = x_begin; x < r.len; ++x) acc[x] += uint32_t(row[x]) * w;
-    }
-    for (int x = x_begin; x < r.len; ++x) dst[x] = uint8_t(acc[x] >> r.shift);
-}
-void areaRowsY16(const AreaRowsY& r, uint16_t* dst, uint64_t* acc) { areaRowsYT<uint16_t>(r, dst, acc); }
-void areaRowsY32(const AreaRowsY& r, uint32_t* dst, uint64_t* acc) { areaRowsYT<uint32_t>(r, dst, acc); }
-
-}  // namespace ref
-
-#pragma GCC push_options
-#pragma GCC target("avx2")
-
-namespace avx2 {
-
-namespace {
-
-// Byte shuffles gathering the taps of each value of a group: for a lane loaded
-// at the group's first byte, and for one loaded to end on the group's last byte.
-// Q = 4 puts a value's four taps in four bytes (summed by maddubs, then madd);
-// Q = 2 puts its two taps in two zero-extended words (summed by madd).
-template <int C, int Q>
-struct BoxMasks {
-    static constexpr int V = C == 3 ? 3 : 4;
-    static constexpr int B = V / C * Q * C;
-    alignas(16) int8_t m[2][16] = {};
-    constexpr BoxMasks() {
-        for (int v = 0; v < 4; ++v) {
-            const int j = v / C, c = v % C;
-            for (int t = 0; t < 4; ++t) {
-                int idx = -1;
-                if (v < V) {
-                    if (Q == 4) idx = (j * 4 + t) * C + c;
-                    else if (t % 2 == 0) idx = (j * 2 + t / 2) * C + c;
-                }
-                m[0][4 * v + t] = int8_t(idx < 0 ? -128 : idx);
-                m[1][4 * v + t] = int8_t(idx < 0 ? -128 : idx + 16 - B);
-            }
-        }
-    }
-};
-
-// Output = (weight_max * box sum of Q pixels) >> shift, for C-channel pixels.
-// Each 128-bit lane sums one group of K pixels (V = K * C values: 3 for C = 3,
-// else 4) from its own B source bytes; a step takes eight groups. The caller
-// guarantees weight_max * Q <= 1 << shift, so every result fits a byte and
-// (sum * weight_max) >> shift is the high half of sum * (weight_max << (16 - shift)).
-// Returns the values done.
-template <int C, int Q>
-int uniformBox(const uint8_t* src, uint8_t* dst, const AreaRowX& r) {
-    constexpr int V = C == 3 ? 3 : 4;
-    constexpr int K = V / C;      // output pixels per group
-    constexpr int B = K * Q * C;  // source bytes per group
-    const int groups = std::min(r.dst_len / C / K, r.src_len / B);
-    if (groups < 8) return 0;
-    static constexpr BoxMasks<C, Q> m{};
-    const __m256i mask[2] = {_mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(m.m[0]))),
-                             _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(m.m[1])))};
-    const __m256i ones8 = _mm256_set1_epi8(1);
-    const __m256i ones16 = _mm256_set1_epi16(1);
-    const __m256i wm = _mm256_set1_epi16(int16_t(uint16_t(r.weight_max << (16 - r.shift))));
-    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
-    const __m256i pack3 = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0, 1, 2, 4, 5, 6,
-                                           8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
-    const __m256i join3 = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);
-    // Sums of groups g and g + 1 (lane 0, lane 1), loaded `back` bytes early.
-    auto sums = [&](int g, int back, int which) {
-        const uint8_t* p = src + g * B - back;
-        __m256i x = _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
-        x = _mm256_inserti128_si256(x, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + B)), 1);
-        x = _mm256_shuffle_epi8(x, mask[which]);
-        if (Q == 4) x = _mm256_maddubs_epi16(x, ones8);
-        return _mm256_madd_epi16(x, ones16);
-    };
-    auto step = [&](int g, int back, int which) {
-        const __m256i lo = _mm256_mulhi_epu16(_mm256_packus_epi32(sums(g, back, which), sums(g + 2, back, which)), wm);
-        const __m256i hi = _mm256_mulhi_epu16(_mm256_packus_epi32(sums(g + 4, back, which), sums(g + 6, back, which)), wm);
-        // Lanes hold groups 0, 2, 4, 6 | 1, 3, 5, 7 as 4-byte values: restore the order.
-        __m256i out = _mm256_permutevar8x32_epi32(_mm256_packus_epi16(lo, hi), order);
-        uint8_t* d = dst + g * V;
-        if (V == 3) {
-            out = _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(out, pack3), join3);
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(out));
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(d + 16), _mm256_extracti128_si256(out, 1));
-        } else {
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(d), out);
-        }
-    };
-    int g = 0;
-    for (; g + 8 <= groups && (g + 7) * B + 16 <= r.src_len; g += 8) step(g, 0, 0);
-    // Near the row's end each lane is loaded to end on its group's last byte;
-    // the last step may redo a few groups (same values) to stay inside the row.
-    while (g < groups) {
-        const int s = std::min(g, groups - 8);
-        if (s * B + B < 16) break;
-        step(s, 16 - B, 1);
-        g = s + 8;
-    }
-    return g * V;
-}
-
-using BoxFn = int (*)(const uint8_t*, uint8_t*, const AreaRowX&);
-
-BoxFn boxKernel(int channels, int q) {
-    static const BoxFn q2[4] = {uniformBox<1, 2>, uniformBox<2, 2>, uniformBox<3, 2>, uniformBox<4, 2>};
-    static const BoxFn q4[4] = {uniformBox<1, 4>, uniformBox<2, 4>, uniformBox<3, 4>, uniformBox<4, 4>};
-    if (channels < 1 || channels > 4) return nullptr;
-    return q == 2 ? q2[channels - 1] : q == 4 ? q4[channels - 1] : nullptr;
-}
-
-// Any table: eight output values at a time, one 32-bit gather per tap.
-int gatherTaps(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaTaps& t, int o) {
-    const __m256i low8 = _mm256_set1_epi32(0xFF);
-    const __m128i shift = _mm_cvtsi32_si128(r.shift);
-    const __m256i step = _mm256_set1_epi32(r.channels);
-    for (; o + 8 <= t.vec_values; o += 8) {
-        __m256i idx = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&t.offset[size_t(o)]));
-        const int32_t* w = &t.weights[size_t(o) * size_t(t.taps)];
-        __m256i acc = _mm256_setzero_si256();
-        for (int k = 0; k < t.taps; ++k, w += 8, idx = _mm256_add_epi32(idx, step)) {
-            const __m256i s = _mm256_and_si256(_mm256_i32gather_epi32(reinterpret_cast<const int*>(src), idx, 1), low8);
-            acc = _mm256_add_epi32(acc, _mm256_mullo_epi32(s, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w))));
-        }
-        acc = _mm256_and_si256(_mm256_srl_epi32(acc, shift), low8);
-        __m128i p = _mm_packus_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(dst + o), _mm_packus_epi16(p, p));
-    }
-    return o;
-}
-
-// Adds rows a and b (32 bytes from x) times wa and wb (both below 32768) to four
-// accumulators of eight elements: elements 0-3|16-19, 4-7|20-23, 8-11|24-27, 12-15|28-31.
-inline void maddRows(const uint8_t* a, const uint8_t* b, uint32_t wa, uint32_t wb, __m256i acc[4]) {
-    const __m256i zero = _mm256_setzero_si256();
-    const __m256i w = _mm256_set1_epi32(int32_t(wa | (wb << 16)));
-    const __m256i ra = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(a));
-    const __m256i rb = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b));
-    const __m256i lo = _mm256_unpacklo_epi8(ra, rb);
-    const __m256i hi = _mm256_unpackhi_epi8(ra, rb);
-    acc[0] = _mm256_add_epi32(acc[0], _mm256_madd_epi16(_mm256_unpacklo_epi8(lo, zero), w));
-    acc[1] = _mm256_add_epi32(acc[1], _mm256_madd_epi16(_mm256_unpackhi_epi8(lo, zero), w));
-    acc[2] = _mm256_add_epi32(acc[2], _mm256_madd_epi16(_mm256_unpacklo_epi8(hi, zero), w));
-    acc[3] = _mm256_add_epi32(acc[3], _mm256_madd_epi16(_mm256_unpackhi_epi8(hi, zero), w));
-}
-
-// One row whose weight may reach 65534: the row paired with itself, weight split in two.
-inline void maddRow(const uint8_t* a, uint32_t w, __m256i acc[4]) { maddRows(a, a, w / 2, w - w / 2, acc); }
-
-}  // namespace
-
-void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin) {
-    int o = o_begin;
-    if (o == 0 && taps.uniform_q && uint32_t(row.weight_max) * uint32_t(taps.uniform_q) <= (1u << row.shift)) {
-        if (const BoxFn f = boxKernel(row.channels, taps.uniform_q)) o = f(src, dst, row);
-    }
-    if (o % 8 == 0 && taps.taps > 0) o = gatherTaps(src, dst, row, taps, o);
-    ref::areaRowX8(src, dst, row, taps, o);
-}
-
-void areaRowsY8(const AreaRowsY& r, uint8_t* dst, uint32_t* acc, int x_begin) {
-    const __m256i low8 = _mm256_set1_epi32(0xFF);
-    const __m128i shift = _mm_cvtsi32_si128(r.shift);
-    int x = x_begin;
-    for (; x + 32 <= r.len; x += 32) {
-        __m256i a[4] = {_mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256(),
-                        _mm256_setzero_si256()};
-        int k = 0;
-        for (; k + 1 < r.count; k += 2) {
-            const uint32_t w0 = r.weights[k], w1 = r.weights[k + 1];
-            if (w0 < 32768 && w1 < 32768) {
-                maddRows(r.rows[k] + x, r.rows[k + 1] + x, w0, w1, a);
-            } else {
-                maddRow(r.rows[k] + x, w0, a);
-                maddRow(r.rows[k + 1] + x, w1, a);
-            }
-        }
-        if (k < r.count) maddRow(r.rows[k] + x, r.weights[k], a);
-        for (auto& v : a) v = _mm256_and_si256(_mm256_srl_epi32(v, shift), low8);
-        const __m256i p = _mm256_packus_epi16(_mm256_packus_epi32(a[0], a[1]), _mm256_packus_epi32(a[2], a[3]));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), p);
-    }
-    ref::areaRowsY8(r, dst, acc, x);
-}
-
-}  // namespace avx2
-
-#pragma GCC pop_options
-
-}  // namespace impl
 
 namespace {
 
@@ -442,6 +107,8 @@ private:
     AreaTaps _taps[3];
     int _row_elements[3] = {0, 0, 0};
     void (*_kernel8)(const uint8_t*, uint8_t*, const AreaRowX&, const AreaTaps&, int) = impl::ref::areaRowX8;
+    void (*_kernel16)(const uint16_t*, uint16_t*, const AreaRowX&, const AreaTaps&, int) = impl::ref::areaRowX16;
+    void (*_kernel32)(const uint32_t*, uint32_t*, const AreaRowX&, const AreaTaps&, int) = impl::ref::areaRowX32;
 };
 
 void ScalerAreaX::Impl::_reuse(const FrameLayout& src, int dst_width, ScalerPrecision precision) {
@@ -470,11 +137,14 @@ void ScalerAreaX::Impl::_reuse(const FrameLayout& src, int dst_width, ScalerPrec
             r.weight_max = weight_max;
             r.shift = shift;
             r.reduce = dst_width < src_width;
-            if (rebuild && f.sample_bytes == 1 && dst_width != src_width) impl::buildAreaTaps(r, _taps[p]);
+            if (rebuild && dst_width != src_width) impl::buildAreaTaps(r, _taps[p], f.sample_bytes);
         }
         _taps_layout = src;
     }
-    _kernel8 = impl::activeIsa() >= impl::Isa::kAvx2 ? impl::avx2::areaRowX8 : impl::ref::areaRowX8;
+    const bool avx2 = impl::activeIsa() >= impl::Isa::kAvx2;
+    _kernel8 = avx2 ? impl::avx2::areaRowX8 : impl::ref::areaRowX8;
+    _kernel16 = avx2 ? impl::avx2::areaRowX16 : impl::ref::areaRowX16;
+    _kernel32 = avx2 ? impl::avx2::areaRowX32 : impl::ref::areaRowX32;
 }
 
 void ScalerAreaX::Impl::reuse(const Frame& src_frame, int dst_width, ScalerPrecision precision) {
@@ -510,12 +180,12 @@ void ScalerAreaX::Impl::produce(RowData& dst) {
         switch (_sample_bytes) {
             case 1: _kernel8(src.plane[p], dst.plane[p], r, _taps[p], 0); break;
             case 2:
-                impl::ref::areaRowX16(reinterpret_cast<const uint16_t*>(src.plane[p]),
-                                      reinterpret_cast<uint16_t*>(dst.plane[p]), r, 0);
+                _kernel16(reinterpret_cast<const uint16_t*>(src.plane[p]), reinterpret_cast<uint16_t*>(dst.plane[p]), r,
+                          _taps[p], 0);
                 break;
             default:
-                impl::ref::areaRowX32(reinterpret_cast<const uint32_t*>(src.plane[p]),
-                                      reinterpret_cast<uint32_t*>(dst.plane[p]), r, 0);
+                _kernel32(reinterpret_cast<const uint32_t*>(src.plane[p]), reinterpret_cast<uint32_t*>(dst.plane[p]), r,
+                          _taps[p], 0);
                 break;
         }
         zeroTail(dst.plane[p], r.dst_len, _row_elements[p], _sample_bytes);
@@ -565,6 +235,8 @@ private:
     std::vector<uint32_t> _weights;
     int _rows_needed = 0;
     void (*_kernel8)(const AreaRowsY&, uint8_t*, uint32_t*, int) = impl::ref::areaRowsY8;
+    void (*_kernel16)(const AreaRowsY&, uint16_t*, uint64_t*, int) = impl::ref::areaRowsY16;
+    void (*_kernel32)(const AreaRowsY&, uint32_t*, uint64_t*, int) = impl::ref::areaRowsY32;
 };
 
 template <typename Source>
@@ -591,7 +263,10 @@ void ScalerAreaY::Impl::reuse(Source& src, const FrameLayout& layout_in, int dst
     const int window_size = std::min(_rows_needed * (subsampled ? 2 : 1), src_height);
     window.reuse(src, window_size);
     current = 0;
-    _kernel8 = impl::activeIsa() >= impl::Isa::kAvx2 ? impl::avx2::areaRowsY8 : impl::ref::areaRowsY8;
+    const bool avx2 = impl::activeIsa() >= impl::Isa::kAvx2;
+    _kernel8 = avx2 ? impl::avx2::areaRowsY8 : impl::ref::areaRowsY8;
+    _kernel16 = avx2 ? impl::avx2::areaRowsY16 : impl::ref::areaRowsY16;
+    _kernel32 = avx2 ? impl::avx2::areaRowsY32 : impl::ref::areaRowsY32;
 }
 
 void ScalerAreaY::Impl::produce(RowData& dst) {
@@ -628,12 +303,8 @@ void ScalerAreaY::Impl::produce(RowData& dst) {
         uint8_t* acc = accumulator.data();
         switch (f.sample_bytes) {
             case 1: _kernel8(rows, dst.plane[p], reinterpret_cast<uint32_t*>(acc), 0); break;
-            case 2:
-                impl::ref::areaRowsY16(rows, reinterpret_cast<uint16_t*>(dst.plane[p]), reinterpret_cast<uint64_t*>(acc));
-                break;
-            default:
-                impl::ref::areaRowsY32(rows, reinterpret_cast<uint32_t*>(dst.plane[p]), reinterpret_cast<uint64_t*>(acc));
-                break;
+            case 2: _kernel16(rows, reinterpret_cast<uint16_t*>(dst.plane[p]), reinterpret_cast<uint64_t*>(acc), 0); break;
+            default: _kernel32(rows, reinterpret_cast<uint32_t*>(dst.plane[p]), reinterpret_cast<uint64_t*>(acc), 0); break;
         }
     }
 }

@@ -17,8 +17,9 @@ namespace impl {
 
 namespace {
 // More source chunks per 16 output bytes than this (reductions beyond about
-// 1/7) make the block gather slower than the plain loop.
-constexpr int kMaxGatherChunks = 8;
+// 1/10) make the block gather slower than the plain loop (measured on
+// full-HD rows).
+constexpr int kMaxGatherChunks = 12;
 }  // namespace
 
 void planGatherBlocks(GatherPlan& plan, int src_bytes) {
@@ -54,6 +55,25 @@ void planGatherBlocks(GatherPlan& plan, int src_bytes) {
     plan.chunks = chunks;
 }
 
+void planGatherUnits(GatherPlan& plan, int unit_bytes, int src_bytes) {
+    plan.unit_bytes = plan.gather_units = 0;
+    plan.unit_offset.clear();
+    if (unit_bytes < 1 || unit_bytes > 4 || plan.n % unit_bytes) return;
+    const int units = plan.n / unit_bytes;
+    plan.unit_offset.resize(size_t(units));
+    int lead = 0;
+    for (int u = 0; u < units; ++u) {
+        const int32_t o = plan.index[size_t(u * unit_bytes)];
+        plan.unit_offset[size_t(u)] = o;
+        // The unit's bytes in order from its offset, and 4 bytes readable there.
+        bool plain = o + 4 <= src_bytes;
+        for (int k = 1; k < unit_bytes; ++k) plain = plain && plan.index[size_t(u * unit_bytes + k)] == o + k;
+        if (plain && lead == u) lead = u + 1;
+    }
+    plan.unit_bytes = unit_bytes;
+    plan.gather_units = lead / 8 * 8;
+}
+
 void buildGatherPlan(GatherPlan& plan, const uint16_t* xs, int units, int unit_bytes, int n, int src_units,
                      int src_bytes) {
     plan.n = n;
@@ -64,6 +84,16 @@ void buildGatherPlan(GatherPlan& plan, const uint16_t* xs, int units, int unit_b
         plan.index[size_t(e)] = std::min(x * unit_bytes + e - unit * unit_bytes, src_bytes - 1);
     }
     planGatherBlocks(plan, src_bytes);
+    // A plan object is rebuilt for other formats: no unit gather left over.
+    plan.unit_bytes = plan.gather_units = 0;
+    plan.unit_offset.clear();
+    // Measured at 1920 source bytes per unit size: 32-bit gathers beat the
+    // byte loop for units of 2 to 4 bytes, and blocks of more than 4 loads
+    // for units of 3 and 4; single bytes stay with the blocks or the loop.
+    if (unit_bytes >= 2 && (!plan.chunks || (unit_bytes >= 3 && plan.chunks > 4))) {
+        planGatherUnits(plan, unit_bytes, src_bytes);
+        if (plan.gather_units) plan.chunks = 0;
+    }
 }
 
 namespace ref {
@@ -74,6 +104,14 @@ void gatherRow(const GatherPlan& plan, const uint8_t* src, uint8_t* dst) {
 }
 
 }  // namespace ref
+
+namespace {
+// The byte loop from output byte `from` on.
+void gatherTail(const GatherPlan& plan, const uint8_t* src, uint8_t* dst, int from) {
+    const int32_t* index = plan.index.data();
+    for (int e = from; e < plan.n; ++e) dst[e] = src[index[e]];
+}
+}  // namespace
 
 #pragma GCC push_options
 #pragma GCC target("avx2")
@@ -100,20 +138,53 @@ void gatherBlocks(const GatherPlan& plan, const uint8_t* src, uint8_t* dst) {
     }
 }
 
+// Eight units per 32-bit gather; U bytes of each 4-byte lane are kept.
+template <int U>
+void gatherUnits(const GatherPlan& plan, const uint8_t* src, uint8_t* dst) {
+    const int32_t* offset = plan.unit_offset.data();
+    const int* base = reinterpret_cast<const int*>(src);
+    // Per lane: the first U bytes of each of its four dwords, packed low.
+    alignas(32) static constexpr struct Pack {
+        int8_t b[32];
+        constexpr Pack() : b() {
+            for (int k = 0; k < 16; ++k) b[k] = b[16 + k] = int8_t(k < 4 * U ? k / U * 4 + k % U : -1);
+        }
+    } kPack{};
+    const __m256i pack = _mm256_load_si256(reinterpret_cast<const __m256i*>(kPack.b));
+    const __m256i join = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);  // lane 1's 4 U bytes after lane 0's
+    for (int u = 0; u < plan.gather_units; u += 8) {
+        const __m256i v = _mm256_i32gather_epi32(base, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(offset + u)), 1);
+        uint8_t* d = dst + size_t(u) * U;
+        if (U == 4) {
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(d), v);
+            continue;
+        }
+        const __m256i packed = _mm256_shuffle_epi8(v, pack);
+        if (U == 3) {
+            // 12 bytes per lane: dwords 0-2 of each lane, joined.
+            const __m256i j = _mm256_permutevar8x32_epi32(packed, join);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(j));
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(d + 16), _mm256_extracti128_si256(j, 1));
+        } else {
+            // 4 U bytes per lane: U = 1 one dword, U = 2 two.
+            const __m256i j = _mm256_permutevar8x32_epi32(packed, _mm256_setr_epi32(0, U == 2 ? 1 : 4, 4, 5, 0, 0, 0, 0));
+            if (U == 1)
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(j));
+            else
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(j));
+        }
+    }
+    gatherTail(plan, src, dst, plan.gather_units * U);
+}
+
 }  // namespace
 
 void gatherRow(const GatherPlan& plan, const uint8_t* src, uint8_t* dst) {
-    switch (plan.chunks) {
-        case 1: gatherBlocks<1>(plan, src, dst); break;
-        case 2: gatherBlocks<2>(plan, src, dst); break;
-        case 3: gatherBlocks<3>(plan, src, dst); break;
-        case 4: gatherBlocks<4>(plan, src, dst); break;
-        case 5: gatherBlocks<5>(plan, src, dst); break;
-        case 6: gatherBlocks<6>(plan, src, dst); break;
-        case 7: gatherBlocks<7>(plan, src, dst); break;
-        case 8: gatherBlocks<8>(plan, src, dst); break;
-        default: ref::gatherRow(plan, src, dst); break;
-    }
+    if (!plan.chunks && plan.gather_units &&
+        dispatchCount<4>(plan.unit_bytes, [&](auto u) { gatherUnits<u()>(plan, src, dst); }))
+        return;
+    if (!dispatchCount<kMaxGatherChunks>(plan.chunks, [&](auto k) { gatherBlocks<k()>(plan, src, dst); }))
+        ref::gatherRow(plan, src, dst);
 }
 
 }  // namespace avx2
@@ -245,8 +316,7 @@ void ScalerNearestNeighbor::Impl::produce(RowData& dst) {
     if (format.planes == 0)
         KV_THROW(KV_STATUS_NOT_SUPPORTED, "kv::ScalerNearestNeighbor::Impl::produce",
                  "Failure in ScalerNearestNeighbor::produce(...) : unsupported frame format.");
-    kernels->gatherRow(plans[0], src.plane[0], dst.plane[0]);
-    for (int p = 1; p < format.planes; ++p)
+    for (int p = 0; p < format.planes; ++p)
         if (dst.plane[p]) kernels->gatherRow(plans[p], src.plane[p], dst.plane[p]);
 }
 

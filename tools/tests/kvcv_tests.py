@@ -121,7 +121,8 @@ class Tool:
 
     def run(self, *args, expect=0):
         proc = subprocess.run([self.exe] + [str(a) for a in args], capture_output=True, text=True, timeout=100)
-        for bad in ("Traceback", "terminate called", "Segmentation", "AddressSanitizer", "runtime error"):
+        for bad in ("Traceback", "terminate called", "Segmentation", "AddressSanitizer", "runtime error",
+                    "ThreadSanitizer", "LeakSanitizer"):
             check(bad not in proc.stderr, f"kvcv {' '.join(map(str, args))} crashed:\n{proc.stderr}")
         if expect is not None and proc.returncode != expect:
             raise Failure(f"kvcv {' '.join(map(str, args))}: exit {proc.returncode}, expected {expect}\n"
@@ -242,6 +243,72 @@ def test_unreadable_files(t):
     # A raw frame given without its format is not decodable, and the message says what to do.
     p = t.run("convert", t.path("short.nv12"), t.path("o.png"), expect=1)
     check("--in-format" in p.stderr, "no hint about --in-format: " + p.stderr)
+
+
+def _png_claiming(width, height):
+    """A PNG whose header claims width x height over one tiny IDAT chunk."""
+    def chunk(kind, data):
+        return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data) & 0xFFFFFFFF)
+    return (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", width, height, 8, 2, 0, 0, 0)) +
+            chunk(b"IDAT", zlib.compress(b"\x00" * 64)) + chunk(b"IEND", b""))
+
+
+def test_hostile_files(t):
+    # Every hostile input ends with exit 1, one line on stderr, no output file and no temporary left.
+    write_png(t.path("good.png"), 40, 30, busy)
+    t.run("convert", t.path("good.png"), t.path("good.jpg"))
+    with open(t.path("good.png"), "rb") as f:
+        png = f.read()
+    with open(t.path("good.jpg"), "rb") as f:
+        jpg = f.read()
+    check(jpg.endswith(b"\xff\xd9"), "the JPEG written ends with its EOI marker")
+    files = {
+        "huge.png": _png_claiming(100000, 100000),
+        "cut_iend.png": png[:-12],
+        "cut_idat.png": png[:len(png) // 2],
+        "cut.jpg": jpg[:len(jpg) * 2 // 3],
+        "cut_eoi.jpg": jpg[:-2],
+        "empty.png": b"",
+        "odd.gray": bytes(40 * 30 + 1),
+    }
+    for name, data in files.items():
+        with open(t.path(name), "wb") as f:
+            f.write(data)
+    os.makedirs(t.path("folder.png"), exist_ok=True)
+    cases = [
+        (["resize", t.path("huge.png"), t.path("o.png"), "--size", "4x4"], "more than the limit"),
+        (["convert", t.path("cut_iend.png"), t.path("o.png")], "truncated"),
+        (["convert", t.path("cut_idat.png"), t.path("o.bgr"), "--to", "bgr"], "truncated"),
+        (["resize", t.path("cut.jpg"), t.path("o.png"), "--size", "4x4"], "truncated"),
+        (["resize", t.path("cut_eoi.jpg"), t.path("o.png"), "--size", "4x4"], "truncated"),
+        (["tensor", t.path("empty.png"), t.path("o.npy"), "--shape", "1x3x4x4"], "empty"),
+        (["rotate", t.path("folder.png"), t.path("o.png"), "--by", "90"], "directory"),
+        (["convert", t.path("odd.gray"), t.path("o.png"), "--in-format", "gray", "--in-size", "40x30"], "1201 bytes"),
+        (["convert", t.path("odd.gray"), t.path("o.png"), "--in-format", "gray", "--in-size", "30000x30000"],
+         "more than the limit"),
+        (["convert", t.path("good.png"), t.path("o.png"), "--max-pixels", "1199"], "--max-pixels"),
+    ]
+    for args, words in cases:
+        p = t.run(*args, expect=1)
+        lines = message_lines(p.stderr)
+        check(len(lines) == 1 and words in lines[0], f"kvcv {' '.join(args)}: want one line with '{words}':\n{p.stderr}")
+        check(not any(os.path.exists(t.path(o)) for o in ("o.png", "o.bgr", "o.npy")),
+              f"kvcv {' '.join(args)} left an output file")
+    check(not [n for n in os.listdir(t.work) if n.startswith(".kvcv-")], "a temporary file was left behind")
+    # The limit can be raised; a JPEG with bytes after its EOI marker is whole.
+    t.run("convert", t.path("good.png"), t.path("o.png"), "--max-pixels", "1200")
+    with open(t.path("tail.jpg"), "wb") as f:
+        f.write(jpg + b"trailing bytes")
+    t.run("resize", t.path("tail.jpg"), t.path("tail.png"), "--size", "4x4")
+    check(read_png(t.path("tail.png"))[:2] == (4, 4), "JPEG with trailing bytes")
+    t.run("convert", t.path("good.png"), t.path("o.png"), "--max-pixels", "many", expect=2)
+    # batch reports each hostile file and resizes the rest.
+    os.makedirs(t.path("in"), exist_ok=True)
+    for name in ("huge.png", "cut.jpg", "empty.png", "good.png"):
+        shutil.copy(t.path(name), t.path("in", name))
+    p = t.run("batch", t.path("in"), t.path("out"), "--size", "8x8", "--jobs", "2", expect=1)
+    check("3 of 4 files failed" in p.stderr, p.stderr)
+    check(os.listdir(t.path("out")) == ["good.png"], f"batch wrote {os.listdir(t.path('out'))}")
 
 
 def test_convert_raw_roundtrip_exact(t):
@@ -451,6 +518,9 @@ def test_bench_plot(t):
     # Runs every case once on a tiny image; only the output is checked, never a time.
     p = t.run("bench", "--size", "24x16", "--min-time", "0", "--plot", t.path("bench.png"))
     check("OpenCV" in p.stdout, "no table:\n" + p.stdout)
+    # Both backends crop and resize into a tensor; only a missing operation reads "n/a".
+    crop = [line for line in p.stdout.splitlines() if line.startswith("crop+resize")]
+    check(len(crop) == 1 and "n/a" not in crop[0], "crop+resize row:\n" + p.stdout)
     w, h, _, _ = read_png(t.path("bench.png"))
     check(w > 100 and h > 100, "plot size")
 

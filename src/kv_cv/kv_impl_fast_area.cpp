@@ -1,0 +1,344 @@
+// OpenCV's INTER_AREA decimation reproduced (see kv_impl_fast_area.h): the
+// tables in OpenCV's double arithmetic, a scalar reference that follows its
+// loops, and AVX2 row kernels with the same float operations in the same
+// order per value (vector lanes are values; nothing is fused, so the
+// processor's FMA is never used).
+#include "kv_cv/kv_impl_fast_area.h"
+
+#include <immintrin.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+
+#include "kv_cv/kv_impl_scale_rows.h"
+#include "kv_cv/kv_impl_unaligned.h"
+
+namespace kv {
+namespace impl {
+
+namespace {
+
+// OpenCV's scale factors: inverse of the ratio, in double.
+double cvScale(int src, int dst) { return 1. / (double(dst) / double(src)); }
+
+bool nearInteger(double v) { return std::abs(v - double(std::lround(v))) < DBL_EPSILON; }
+
+}  // namespace
+
+bool cvAreaDecimates(int src_width, int src_height, int dst_width, int dst_height) {
+    const double sx = cvScale(src_width, dst_width), sy = cvScale(src_height, dst_height);
+    return sx >= 1 && sy >= 1 && !(nearInteger(sx) && nearInteger(sy));
+}
+
+void buildCvAreaTable(int src_size, int dst_size, std::vector<CvAreaTap>& table) {
+    const double scale = cvScale(src_size, dst_size);
+    table.clear();
+    for (int dx = 0; dx < dst_size; ++dx) {
+        const double fsx1 = dx * scale;
+        const double fsx2 = fsx1 + scale;
+        const double cell = std::min(scale, src_size - fsx1);
+        int sx1 = int(std::ceil(fsx1)), sx2 = int(std::floor(fsx2));
+        sx2 = std::min(sx2, src_size - 1);
+        sx1 = std::min(sx1, sx2);
+        if (sx1 - fsx1 > 1e-3) table.push_back({dx, sx1 - 1, float((sx1 - fsx1) / cell)});
+        for (int sx = sx1; sx < sx2; ++sx) table.push_back({dx, sx, float(1.0 / cell)});
+        if (fsx2 - sx2 > 1e-3) table.push_back({dx, sx2, float(std::min(std::min(fsx2 - sx2, 1.), cell) / cell)});
+    }
+}
+
+void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab, int dst_width, int channels,
+                        int src_elements) {
+    const int C = channels;
+    // Scratch: taps per output pixel, then taps filled so far, then lane spans.
+    std::vector<int32_t>& scratch = plan.scratch;
+    scratch.assign(size_t(dst_width) * 2, 0);
+    int32_t* count = scratch.data();
+    int32_t* filled = count + dst_width;
+    for (const CvAreaTap& t : xtab) ++count[t.dst];
+    const int T = *std::max_element(count, count + dst_width);
+    plan.values = dst_width * C;
+    plan.taps = T;
+    plan.element.assign(size_t(plan.values) * size_t(T), 0);
+    plan.alpha.assign(size_t(plan.values) * size_t(T), 0.f);
+    // Each pixel's taps fill the end of its slots, in table order.
+    for (const CvAreaTap& t : xtab) {
+        const int slot = T - count[t.dst] + filled[t.dst]++;
+        for (int c = 0; c < C; ++c) {
+            const size_t at = (size_t(t.dst) * size_t(C) + size_t(c)) * size_t(T) + size_t(slot);
+            plan.element[at] = t.src * C + c;
+            plan.alpha[at] = t.alpha;
+        }
+    }
+    plan.blocks = plan.values / 8;
+    plan.start.resize(size_t(plan.blocks));
+    plan.index.assign(size_t(plan.blocks) * size_t(T) * 8, 0);
+    plan.weight.assign(size_t(plan.blocks) * size_t(T) * 8, 0.f);
+    for (int b = 0; b < plan.blocks; ++b) {
+        plan.start[size_t(b)] = 8 * b;
+        for (int t = 0; t < T; ++t)
+            for (int j = 0; j < 8; ++j) {
+                const size_t v = size_t(8 * b + j) * size_t(T) + size_t(t);
+                plan.index[(size_t(b) * size_t(T) + size_t(t)) * 8 + size_t(j)] = plan.element[v];
+                plan.weight[(size_t(b) * size_t(T) + size_t(t)) * 8 + size_t(j)] = plan.alpha[v];
+            }
+    }
+    // Byte rows: per lane the span of its four values' taps, in 16-byte loads.
+    plan.chunks = 0;
+    plan.base.clear();
+    plan.select.clear();
+    if (plan.blocks == 0) return;
+    std::vector<int32_t>& lo = plan.scratch;
+    lo.resize(size_t(plan.blocks) * 2);
+    int chunks = 1;
+    for (int b = 0; b < plan.blocks; ++b)
+        for (int h = 0; h < 2; ++h) {
+            int l = src_elements, u = -1;
+            for (int j = 0; j < 4; ++j)
+                for (int t = 0; t < T; ++t) {
+                    const size_t v = size_t(8 * b + 4 * h + j) * size_t(T) + size_t(t);
+                    if (plan.alpha[v] == 0.f) continue;
+                    l = std::min(l, plan.element[v]);
+                    u = std::max(u, plan.element[v]);
+                }
+            if (u < 0) l = u = 0;
+            lo[size_t(2 * b + h)] = l;
+            chunks = std::max(chunks, (u - l) / 16 + 1);
+        }
+    if (chunks > 8 || src_elements < 16 * chunks) return;
+    plan.base.resize(size_t(plan.blocks) * 2);
+    plan.select.assign(size_t(plan.blocks) * size_t(T) * size_t(chunks) * 32, 0x80);
+    for (int b = 0; b < plan.blocks; ++b)
+        for (int h = 0; h < 2; ++h) {
+            const int base = std::min(lo[size_t(2 * b + h)], src_elements - 16 * chunks);
+            plan.base[size_t(2 * b + h)] = base;
+            for (int j = 0; j < 4; ++j)
+                for (int t = 0; t < T; ++t) {
+                    const size_t v = size_t(8 * b + 4 * h + j) * size_t(T) + size_t(t);
+                    if (plan.alpha[v] == 0.f) continue;
+                    const int rel = plan.element[v] - base;
+                    uint8_t* sel = &plan.select[((size_t(b) * size_t(T) + size_t(t)) * size_t(chunks) + size_t(rel / 16)) * 32];
+                    sel[16 * h + 4 * j] = uint8_t(rel % 16);
+                }
+        }
+    plan.chunks = chunks;
+}
+
+void buildCvAreaPlan(CvAreaPlan& plan, int src_width, int src_height, int dst_width, int dst_height, int channels,
+                     bool bytes) {
+    if (plan.src_width == src_width && plan.src_height == src_height && plan.dst_width == dst_width &&
+        plan.dst_height == dst_height && plan.channels == channels && plan.bytes == bytes)
+        return;
+    std::vector<CvAreaTap>& xtab = plan.xtab;
+    std::vector<CvAreaTap>& ytab = plan.ytab;
+    buildCvAreaTable(src_width, dst_width, xtab);
+    buildCvAreaTable(src_height, dst_height, ytab);
+    buildCvAreaRowPlan(plan.row, xtab, dst_width, channels, src_width * channels);
+    plan.rows.resize(ytab.size());
+    plan.beta.resize(ytab.size());
+    plan.first.assign(size_t(dst_height) + 1, int32_t(ytab.size()));
+    int ring = 1;
+    for (size_t k = ytab.size(); k-- > 0;) {
+        plan.rows[k] = ytab[k].src;
+        plan.beta[k] = ytab[k].alpha;
+        plan.first[size_t(ytab[k].dst)] = int32_t(k);
+    }
+    // The ring holds every row of one output row and the next row it starts
+    // with: its span plus one.
+    int max_rows = 1;
+    for (int r = 0; r < dst_height; ++r) {
+        const int a = plan.first[size_t(r)], b = plan.first[size_t(r) + 1];
+        ring = std::max(ring, plan.rows[size_t(b - 1)] - plan.rows[size_t(a)] + 2);
+        max_rows = std::max(max_rows, b - a);
+    }
+    plan.ring = ring;
+    plan.max_rows = max_rows;
+    plan.src_width = src_width;
+    plan.src_height = src_height;
+    plan.dst_width = dst_width;
+    plan.dst_height = dst_height;
+    plan.channels = channels;
+    plan.bytes = bytes;
+}
+
+namespace {
+
+// OpenCV's saturate_cast<uchar>(float): round half to even, then clamp (NaN gives 0).
+inline uint8_t toByte(float v) {
+    if (!(v == v)) return 0;
+    const float r = std::nearbyint(v);
+    return uint8_t(r <= 0.f ? 0.f : r >= 255.f ? 255.f : r);
+}
+
+inline void storeValue(uint8_t* row, int o, float v) { row[o] = toByte(v); }
+inline void storeValue(float* row, int o, float v) { storeSample(row, o, v); }
+
+// Values [from, values) of a source row: taps in slot order, unused slots skipped.
+template <typename T>
+void refRowX(const CvAreaRowPlan& p, const T* src, float* buf, int from) {
+    for (int o = from; o < p.values; ++o) {
+        float acc = 0.f;
+        for (int t = 0; t < p.taps; ++t) {
+            const size_t v = size_t(o) * size_t(p.taps) + size_t(t);
+            if (p.alpha[v] == 0.f) continue;
+            acc = acc + float(loadSample(src, p.element[v])) * p.alpha[v];
+        }
+        buf[o] = acc;
+    }
+}
+
+template <typename T>
+void refRowsY(const CvAreaRowsY& r, T* dst, int from) {
+    for (int o = from; o < r.n; ++o) {
+        const float first = r.beta[0] * r.bufs[0][o];
+        float sum = r.zero_start ? 0.f + first : first;
+        for (int k = 1; k < r.count; ++k) sum = sum + r.beta[k] * r.bufs[k][o];
+        storeValue(dst, o, sum);
+    }
+}
+
+}  // namespace
+
+namespace ref {
+
+void cvAreaRowX8(const CvAreaRowPlan& plan, const uint8_t* src, float* buf) { refRowX(plan, src, buf, 0); }
+void cvAreaRowX32f(const CvAreaRowPlan& plan, const float* src, float* buf) { refRowX(plan, src, buf, 0); }
+void cvAreaRowsY8(const CvAreaRowsY& rows, uint8_t* dst) { refRowsY(rows, dst, 0); }
+void cvAreaRowsY32f(const CvAreaRowsY& rows, float* dst) { refRowsY(rows, dst, 0); }
+
+}  // namespace ref
+
+#pragma GCC push_options
+#pragma GCC target("avx2")
+
+namespace avx2 {
+
+namespace {
+
+// Eight values per block; the first slot's product starts the sum (the
+// reference's 0 + p is p for the non-negative products of bytes).
+template <int K>
+void rowBlocks8(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
+    const int T = p.taps;
+    const __m256i* sel = reinterpret_cast<const __m256i*>(p.select.data());
+    const float* w = p.weight.data();
+    for (int b = 0; b < p.blocks; ++b) {
+        const uint8_t* s0 = src + p.base[size_t(2 * b)];
+        const uint8_t* s1 = src + p.base[size_t(2 * b + 1)];
+        __m256i c[K];
+        for (int k = 0; k < K; ++k)
+            c[k] = _mm256_inserti128_si256(
+                _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + 16 * k))),
+                _mm_loadu_si128(reinterpret_cast<const __m128i*>(s1 + 16 * k)), 1);
+        auto product = [&](int t) {
+            __m256i v = _mm256_shuffle_epi8(c[0], _mm256_loadu_si256(sel + t * K));
+            for (int k = 1; k < K; ++k) v = _mm256_or_si256(v, _mm256_shuffle_epi8(c[k], _mm256_loadu_si256(sel + t * K + k)));
+            return _mm256_mul_ps(_mm256_cvtepi32_ps(v), _mm256_loadu_ps(w + 8 * t));
+        };
+        __m256 acc = product(0);
+        for (int t = 1; t < T; ++t) acc = _mm256_add_ps(acc, product(t));
+        _mm256_storeu_ps(buf + 8 * b, acc);
+        sel += T * K;
+        w += 8 * T;
+    }
+}
+
+inline __m256 sumY(const CvAreaRowsY& r, int o) {
+    const __m256 first = _mm256_mul_ps(_mm256_set1_ps(r.beta[0]), _mm256_loadu_ps(r.bufs[0] + o));
+    __m256 sum = r.zero_start ? _mm256_add_ps(_mm256_setzero_ps(), first) : first;
+    for (int k = 1; k < r.count; ++k)
+        sum = _mm256_add_ps(sum, _mm256_mul_ps(_mm256_set1_ps(r.beta[k]), _mm256_loadu_ps(r.bufs[k] + o)));
+    return sum;
+}
+
+}  // namespace
+
+void cvAreaRowX8(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
+    if (!p.blocks || !dispatchCount<8>(p.chunks, [&](auto k) { rowBlocks8<k()>(p, src, buf); })) {
+        refRowX(p, src, buf, 0);
+        return;
+    }
+    refRowX(p, src, buf, 8 * p.blocks);
+}
+
+void cvAreaRowX32f(const CvAreaRowPlan& p, const float* src, float* buf) {
+    const int T = p.taps;
+    const int32_t* idx = p.index.data();
+    const float* w = p.weight.data();
+    const __m256 zero = _mm256_setzero_ps();
+    for (int b = 0; b < p.blocks; ++b) {
+        __m256 acc = zero;
+        for (int t = 0; t < T; ++t, idx += 8, w += 8) {
+            const __m256 alpha = _mm256_loadu_ps(w);
+            // Unused slots (alpha 0) load nothing and add +0 * 0.
+            const __m256 used = _mm256_cmp_ps(alpha, zero, _CMP_NEQ_OQ);
+            const __m256 s = _mm256_mask_i32gather_ps(zero, src, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(idx)),
+                                                      used, 4);
+            acc = _mm256_add_ps(acc, _mm256_mul_ps(s, alpha));
+        }
+        _mm256_storeu_ps(buf + 8 * b, acc);
+    }
+    refRowX(p, src, buf, 8 * p.blocks);
+}
+
+void cvAreaRowsY8(const CvAreaRowsY& r, uint8_t* dst) {
+    int o = 0;
+    // Round half to even (the default rounding mode); saturating packs clamp.
+    for (; o + 32 <= r.n; o += 32) {
+        const __m256i a = _mm256_packus_epi32(_mm256_cvtps_epi32(sumY(r, o)), _mm256_cvtps_epi32(sumY(r, o + 8)));
+        const __m256i b = _mm256_packus_epi32(_mm256_cvtps_epi32(sumY(r, o + 16)), _mm256_cvtps_epi32(sumY(r, o + 24)));
+        const __m256i bytes = _mm256_packus_epi16(a, b);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + o),
+                            _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)));
+    }
+    refRowsY(r, dst, o);
+}
+
+void cvAreaRowsY32f(const CvAreaRowsY& r, float* dst) {
+    int o = 0;
+    for (; o + 8 <= r.n; o += 8) _mm256_storeu_ps(dst + o, sumY(r, o));
+    refRowsY(r, dst, o);
+}
+
+}  // namespace avx2
+
+#pragma GCC pop_options
+
+void cvAreaResize(const CvAreaPlan& plan, const void* src, size_t src_step, void* dst, size_t dst_step,
+                  float* buffers, const float** bufs, Isa isa) {
+    const bool vec = isa >= Isa::kAvx2;
+    const CvAreaRowX8 x8 = vec ? avx2::cvAreaRowX8 : ref::cvAreaRowX8;
+    const CvAreaRowX32f x32 = vec ? avx2::cvAreaRowX32f : ref::cvAreaRowX32f;
+    const CvAreaRowsY8 y8 = vec ? avx2::cvAreaRowsY8 : ref::cvAreaRowsY8;
+    const CvAreaRowsY32f y32 = vec ? avx2::cvAreaRowsY32f : ref::cvAreaRowsY32f;
+    const auto* s = static_cast<const uint8_t*>(src);
+    auto* d = static_cast<uint8_t*>(dst);
+    const size_t values = size_t(plan.row.values);
+    int next = 0;  // first source row not yet in the ring
+    for (int r = 0; r < plan.dst_height; ++r) {
+        const int a = plan.first[size_t(r)], b = plan.first[size_t(r) + 1];
+        for (int k = a; k < b; ++k) {
+            const int row = plan.rows[size_t(k)];
+            float* buf = buffers + size_t(row % plan.ring) * values;
+            if (row >= next) {
+                const uint8_t* sr = s + size_t(row) * src_step;
+                if (plan.bytes)
+                    x8(plan.row, sr, buf);
+                else
+                    x32(plan.row, reinterpret_cast<const float*>(sr), buf);
+                next = row + 1;
+            }
+            bufs[k - a] = buf;
+        }
+        const CvAreaRowsY rows{bufs, &plan.beta[size_t(a)], b - a, r == 0, plan.row.values};
+        uint8_t* out = d + size_t(r) * dst_step;
+        if (plan.bytes)
+            y8(rows, out);
+        else
+            y32(rows, reinterpret_cast<float*>(out));
+    }
+}
+
+}  // namespace impl
+}  // namespace kv
