@@ -26,9 +26,17 @@ const char* isaName(Isa isa);
 // The code generation region of the kAvx512 kernels (open and close it around
 // their namespace avx512). GCC 12 reads the "undefined" pass-through operand
 // of many AVX-512 intrinsics as an uninitialised variable, hence the quieted
-// warning.
+// warning. Clang ignores GCC's target pragma and takes the same features as
+// an attribute on every function of the region.
+#if defined(__clang__)
+// clang-format off
+#define KV_AVX512_BEGIN _Pragma("clang attribute push(__attribute__((target(\"avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi,avx512vnni,fma,f16c\"))), apply_to = function)")
+// clang-format on
+#define KV_AVX512_END _Pragma("clang attribute pop")
+#else
 #define KV_AVX512_BEGIN                                                                              \
     _Pragma("GCC push_options")                                                                      \
     _Pragma("GCC target(\"avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi,avx512vnni,fma,f16c\")")  \
     _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wmaybe-uninitialized\"")
 #define KV_AVX512_END _Pragma("GCC diagnostic pop") _Pragma("GCC pop_options")
+#endif
