@@ -1,10 +1,10 @@
 // Colour conversion at 1920x1080, one thread: every pair each backend's
-// colorCvt accepts (found by asking both backends at start-up), each beside a
-// memcpy of the larger of its source and destination (ColourMatrix/PAIR/
-// base, fast, memcpy), and the calls where a third-party library is the
-// yardstick, beside that library on the same frames (ColourPeer/CASE/kv and
-// libyuv or opencv). scripts/bench-colour prints the matrix as memcpy
-// multiples, worst first, and the peer ratios.
+// colorCvt accepts (found by asking both backends at start-up; copies to the
+// same format included), each beside a memcpy of the larger of its source and
+// destination (ColourMatrix/PAIR/base, fast, memcpy), and the calls where a
+// third-party library is the yardstick, beside that library on the same
+// frames (ColourPeer/CASE/kv and libyuv or opencv). scripts/bench-colour
+// prints the matrix as memcpy multiples, worst first, and the peer ratios.
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
 
@@ -81,7 +81,8 @@ struct Registrar {
             FRAME_GRAY_8, FRAME_RGB_8,  FRAME_RGB_8_PLANAR, FRAME_BGR_8,         FRAME_BGR_8_PLANAR,
             FRAME_I420,   FRAME_YV12,   FRAME_NV12,         FRAME_NV21,          FRAME_YV16,
             FRAME_YUYV,   FRAME_UYVY,   FRAME_NV16,         FRAME_YUV444,        FRAME_YUV444_PLANAR,
-            FRAME_GRAY_FLOAT_32, FRAME_FLOAT_32_C3, FRAME_FLOAT_32_C3_PLANAR};
+            FRAME_C2_8,   FRAME_C3_8,   FRAME_C4_8,         FRAME_GRAY_16,       FRAME_GRAY_FLOAT_32,
+            FRAME_FLOAT_32, FRAME_FLOAT_32_C3, FRAME_FLOAT_32_C3_PLANAR};
         static CvBackendBase base;
         static CvBackendSimd fast;
         // One source and one destination frame per format, one memcpy pair per
@@ -98,7 +99,6 @@ struct Registrar {
         };
         for (FrameFormat s : formats)
             for (FrameFormat d : formats) {
-                if (s == d) continue;
                 const bool on_base = accepts(base, s, d), on_fast = accepts(fast, s, d);
                 if (!on_base && !on_fast) continue;
                 const std::shared_ptr<Frame> src = frame(sources, s, true), dst = frame(targets, d, false);
