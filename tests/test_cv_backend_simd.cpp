@@ -793,13 +793,15 @@ TEST_F(FastKernelTest, HalfFloatAllCodesMatchReferenceAndRoundTrip) {
     }
 }
 
-// Half to float over every count up to 67 and counts long enough to stream
+// Half to float over every count up to 67, 1920 and 1921 and counts long enough to stream
 // (16 MB of floats), at destination offsets across 64 bytes:
 // the head, bulk and tail split must give the reference's bits and touch
 // nothing past the count.
 TEST_F(FastKernelTest, HalfToFloatEveryCountAndAlignment) {
     std::vector<int> counts;
     for (int n = 0; n <= 67; ++n) counts.push_back(n);
+    counts.push_back(1920);
+    counts.push_back(1921);
     counts.push_back(1 << 22);
     counts.push_back((1 << 22) + 37);
     std::mt19937 rng(3);
@@ -807,7 +809,7 @@ TEST_F(FastKernelTest, HalfToFloatEveryCountAndAlignment) {
     for (auto& h : src) h = uint16_t(rng());
     for (int n : counts)
         for (int offset : {0, 1, 5, 15}) {
-            if (n > 67 && offset % 5 != 0) continue;  // long counts: one aligned and one unaligned start
+            if (n > 1921 && offset % 5 != 0) continue;  // long counts: one aligned and one unaligned start
             std::vector<float> a(size_t(n) + 32, -7.f);
             ref.halfToFloatRow(src.data() + 1, a.data() + offset, size_t(n));
             for (const impl::FastKernels* avx : vectors) {
