@@ -13,6 +13,7 @@
 #include "kv_core/kv_core_functions.h"
 #include "kv_cv/kv_cv_backend_simd.h"
 #include "kv_cv/kv_cv_helpers.h"
+#include "bench_util.h"
 
 using namespace kv;
 
@@ -20,36 +21,10 @@ namespace {
 
 const Size kFull(1920, 1080);
 
-Frame randomFrame(FrameFormat f, Size s, uint32_t seed) {
-    Frame fr(f, s);
-    uint32_t x = seed * 2654435761u + 1;
-    const FrameLayout& l = fr.layout();
-    for (uint32_t p = 0; p < l.planes; ++p)
-        for (int y = 0; y < l.plane[p].size.height; ++y) {
-            uint8_t* row = fr.rowCpuData(p, y);
-            if (l.plane[p].bits_per_channel == 32) {
-                auto* fl = reinterpret_cast<float*>(row);
-                for (uint64_t i = 0; i < l.plane[p].row_bytes / 4; ++i) fl[i] = float((x = x * 1664525u + 1013904223u) >> 24);
-            } else {
-                for (uint64_t i = 0; i < l.plane[p].row_bytes; ++i) row[i] = uint8_t((x = x * 1664525u + 1013904223u) >> 24);
-            }
-        }
-    return fr;
-}
-
-// OpenCV view of a plane.
-cv::Mat mat(Frame& f, int p, int type) {
-    const FramePlane& pl = f.layout().plane[p];
-    return cv::Mat(pl.size.height, pl.size.width, type, f.planeCpuData(size_t(p)), pl.step);
-}
-
-int pitch(const Frame& f, int p) { return int(f.layout().plane[p].step); }
-
-void add(const std::string& name, std::function<void()> fn) {
-    benchmark::RegisterBenchmark(name.c_str(), [fn](benchmark::State& st) {
-        for (auto _ : st) fn();
-    })->Unit(benchmark::kMillisecond);
-}
+using kvbench::add;
+using kvbench::mat;
+using kvbench::pitch;
+Frame randomFrame(FrameFormat f, Size s, uint32_t seed) { return kvbench::noiseFrame(f, s, seed); }
 
 struct Registrar {
     Registrar() {

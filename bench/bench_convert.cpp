@@ -58,7 +58,7 @@ void runKv(benchmark::State& state, const Frame& src, FrameFormat dst_format, im
         produceFrame(converter, dst);
         benchmark::DoNotOptimize(dst.planeCpuData(0));
     }
-    impl::setMaxIsaForTesting(impl::Isa::kAvx2);
+    impl::setMaxIsaForTesting(impl::Isa::kAvx512);
 }
 
 void registerKv(const char* name, const Frame& (*src)(), FrameFormat dst_format) {

@@ -625,15 +625,27 @@ TEST(CvBackendSimdProperties, ValuesCopiesAndDevice) {
     EXPECT_TRUE(b.getDeviceContext() == DeviceContext::cpuContext());
 }
 
-// ---- Adapter kernels: AVX2 against the reference ------------------------------------
+// ---- Adapter kernels: every vector set against the reference ------------------------
+
+namespace {
+
+// The kernel sets of the vector instruction sets this processor runs.
+std::vector<const impl::FastKernels*> vectorKernelSets() {
+    std::vector<const impl::FastKernels*> sets;
+    for (impl::Isa isa : kvtest::availableIsas())
+        if (isa != impl::Isa::kScalar) sets.push_back(&impl::fastKernels(isa));
+    return sets;
+}
+
+}  // namespace
 
 class FastKernelTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (impl::detectedIsa() != impl::Isa::kAvx2) GTEST_SKIP() << "no AVX2";
+        if (vectors.empty()) GTEST_SKIP() << "no AVX2";
     }
     const impl::FastKernels& ref = impl::fastKernels(impl::Isa::kScalar);
-    const impl::FastKernels& avx = impl::fastKernels(impl::Isa::kAvx2);
+    const std::vector<const impl::FastKernels*> vectors = vectorKernelSets();
 };
 
 namespace {
@@ -657,43 +669,69 @@ std::vector<int> kernelWidths() {
     return ::testing::AssertionSuccess();
 }
 
-// Runs `run(vector, src, dst)` for both kernel sets on a random source offset
-// by one byte, into destinations with sentinels past `dst_bytes`.
+// Runs `run(kernels, src, dst)` for the reference and each vector set on a
+// random source offset by one byte, into destinations with sentinels past
+// `dst_bytes`.
 template <typename Run>
-void compareRows(size_t src_bytes, size_t dst_bytes, Run run, const std::string& what) {
+void compareRows(const impl::FastKernels& ref, const std::vector<const impl::FastKernels*>& vectors,
+                 size_t src_bytes, size_t dst_bytes, Run run, const std::string& what) {
     std::mt19937 rng(uint32_t(src_bytes * 31 + dst_bytes));
     std::vector<uint8_t> src(src_bytes + 1);
     for (auto& b : src) b = uint8_t(rng());
-    std::vector<uint8_t> a(dst_bytes + 40, 0xcd), b(dst_bytes + 40, 0xcd);
-    run(false, src.data() + 1, a.data());
-    run(true, src.data() + 1, b.data());
-    ASSERT_TRUE(sameRows(a, b, a.size(), dst_bytes)) << what;
+    std::vector<uint8_t> a(dst_bytes + 40, 0xcd);
+    run(ref, src.data() + 1, a.data());
+    for (size_t k = 0; k < vectors.size(); ++k) {
+        std::vector<uint8_t> b(dst_bytes + 40, 0xcd);
+        run(*vectors[k], src.data() + 1, b.data());
+        ASSERT_TRUE(sameRows(a, b, a.size(), dst_bytes)) << what << " vector set " << k;
+    }
 }
 
 }  // namespace
 
 TEST_F(FastKernelTest, GrayRowsMatchReference) {
     for (int w : kernelWidths()) {
-        compareRows(size_t(w) * 3, size_t(w), [&](bool v, const uint8_t* s, uint8_t* d) {
-            (v ? avx : ref).bgrToGrayRow(s, d, w);
+        compareRows(ref, vectors, size_t(w) * 3, size_t(w), [&](const impl::FastKernels& k, const uint8_t* s, uint8_t* d) {
+            k.bgrToGrayRow(s, d, w);
         }, "bgrToGray " + std::to_string(w));
-        compareRows(size_t(w), size_t(w) * 3, [&](bool v, const uint8_t* s, uint8_t* d) {
-            (v ? avx : ref).grayToBgrRow(s, d, w);
+        compareRows(ref, vectors, size_t(w), size_t(w) * 3, [&](const impl::FastKernels& k, const uint8_t* s, uint8_t* d) {
+            k.grayToBgrRow(s, d, w);
         }, "grayToBgr " + std::to_string(w));
     }
     // Worst case for the 14-bit sum: all 255 must stay 255.
     const std::vector<uint8_t> white(96 * 3, 255);
-    std::vector<uint8_t> g(96);
-    avx.bgrToGrayRow(white.data(), g.data(), 96);
-    EXPECT_EQ(g[0], 255);
-    EXPECT_EQ(g[95], 255);
+    for (const impl::FastKernels* avx : vectors) {
+        std::vector<uint8_t> g(96);
+        avx->bgrToGrayRow(white.data(), g.data(), 96);
+        EXPECT_EQ(g[0], 255);
+        EXPECT_EQ(g[95], 255);
+    }
+}
+
+TEST_F(FastKernelTest, ByteMovesMatchReference) {
+    for (int w : kernelWidths()) {
+        const size_t n = size_t(w);
+        compareRows(ref, vectors, 3 * n, 3 * n, [&](const impl::FastKernels& k, const uint8_t* s, uint8_t* d) {
+            k.split3(s, d, d + n, d + 2 * n, w);
+        }, "split3 " + std::to_string(w));
+        compareRows(ref, vectors, 3 * n, 3 * n, [&](const impl::FastKernels& k, const uint8_t* s, uint8_t* d) {
+            k.merge3(s, s + n, s + 2 * n, d, w);
+        }, "merge3 " + std::to_string(w));
+        compareRows(ref, vectors, 3 * n, 3 * n, [&](const impl::FastKernels& k, const uint8_t* s, uint8_t* d) {
+            k.swap3(s, d, w);
+        }, "swap3 " + std::to_string(w));
+        // Float planes one byte off alignment.
+        compareRows(ref, vectors, 3 * n, 12 * n + 1, [&](const impl::FastKernels& k, const uint8_t* s, uint8_t* d) {
+            k.bytesToPlanarFloat3(s, d + 1, d + 1 + 4 * n, d + 1 + 8 * n, w);
+        }, "bytesToPlanarFloat3 " + std::to_string(w));
+    }
 }
 
 TEST_F(FastKernelTest, ByteFloatRowsMatchReference) {
     for (int n : kernelWidths()) {
-        compareRows(size_t(n), size_t(n) * 4, [&](bool v, const uint8_t* s, uint8_t* d) {
+        compareRows(ref, vectors, size_t(n), size_t(n) * 4, [&](const impl::FastKernels& k, const uint8_t* s, uint8_t* d) {
             float tmp[2000];
-            (v ? avx : ref).u8ToF32Row(s, tmp, size_t(n));
+            k.u8ToF32Row(s, tmp, size_t(n));
             std::memcpy(d, tmp, size_t(n) * 4);
         }, "u8ToF32 " + std::to_string(n));
         // Floats from -100 to 400 in quarter steps, plus specials.
@@ -706,10 +744,13 @@ TEST_F(FastKernelTest, ByteFloatRowsMatchReference) {
             src[2] = std::numeric_limits<float>::infinity();
             src[3] = 254.5f;
         }
-        std::vector<uint8_t> a(size_t(n) + 40, 0xcd), b(size_t(n) + 40, 0xcd);
+        std::vector<uint8_t> a(size_t(n) + 40, 0xcd);
         ref.f32ToU8Row(src.data(), a.data(), size_t(n));
-        avx.f32ToU8Row(src.data(), b.data(), size_t(n));
-        ASSERT_TRUE(sameRows(a, b, a.size(), size_t(n))) << "f32ToU8 " << n;
+        for (const impl::FastKernels* avx : vectors) {
+            std::vector<uint8_t> b(size_t(n) + 40, 0xcd);
+            avx->f32ToU8Row(src.data(), b.data(), size_t(n));
+            ASSERT_TRUE(sameRows(a, b, a.size(), size_t(n))) << "f32ToU8 " << n;
+        }
     }
 }
 
@@ -718,12 +759,14 @@ TEST_F(FastKernelTest, HalfFloatAllCodesMatchReferenceAndRoundTrip) {
     for (size_t i = 0; i < codes.size(); ++i) codes[i] = uint16_t(i);
     std::vector<float> fa(codes.size()), fb(codes.size());
     ref.halfToFloatRow(codes.data(), fa.data(), codes.size());
-    avx.halfToFloatRow(codes.data(), fb.data(), codes.size());
-    EXPECT_EQ(0, std::memcmp(fa.data(), fb.data(), fa.size() * 4));
     std::vector<uint16_t> ha(codes.size()), hb(codes.size());
     ref.floatToHalfRow(fa.data(), ha.data(), codes.size());
-    avx.floatToHalfRow(fa.data(), hb.data(), codes.size());
-    EXPECT_EQ(ha, hb);
+    for (const impl::FastKernels* avx : vectors) {
+        avx->halfToFloatRow(codes.data(), fb.data(), codes.size());
+        EXPECT_EQ(0, std::memcmp(fa.data(), fb.data(), fa.size() * 4));
+        avx->floatToHalfRow(fa.data(), hb.data(), codes.size());
+        EXPECT_EQ(ha, hb);
+    }
     for (size_t i = 0; i < codes.size(); ++i) {
         const bool nan = (i & 0x7c00) == 0x7c00 && (i & 0x3ff);
         // Every value survives the round trip; NaNs come back quiet.
@@ -737,30 +780,65 @@ TEST_F(FastKernelTest, HalfFloatAllCodesMatchReferenceAndRoundTrip) {
         std::memcpy(&f, &bits, 4);
     }
     ref.floatToHalfRow(any.data(), ha.data(), any.size());
-    avx.floatToHalfRow(any.data(), hb.data(), any.size());
-    EXPECT_EQ(ha, hb);
-    for (int n = 1; n <= 67; ++n) {
-        std::vector<uint16_t> a(size_t(n) + 8, 0xcdcd), b(size_t(n) + 8, 0xcdcd);
-        ref.floatToHalfRow(any.data() + 1, a.data(), size_t(n));
-        avx.floatToHalfRow(any.data() + 1, b.data(), size_t(n));
-        EXPECT_EQ(a, b);
-        EXPECT_EQ(b[size_t(n)], 0xcdcd);
+    for (const impl::FastKernels* avx : vectors) {
+        avx->floatToHalfRow(any.data(), hb.data(), any.size());
+        EXPECT_EQ(ha, hb);
+        for (int n = 1; n <= 67; ++n) {
+            std::vector<uint16_t> a(size_t(n) + 8, 0xcdcd), b(size_t(n) + 8, 0xcdcd);
+            ref.floatToHalfRow(any.data() + 1, a.data(), size_t(n));
+            avx->floatToHalfRow(any.data() + 1, b.data(), size_t(n));
+            EXPECT_EQ(a, b);
+            EXPECT_EQ(b[size_t(n)], 0xcdcd);
+        }
     }
 }
 
+// Half to float over every count up to 67, 1920 and 1921 and counts long enough to stream
+// (16 MB of floats), at destination offsets across 64 bytes:
+// the head, bulk and tail split must give the reference's bits and touch
+// nothing past the count.
+TEST_F(FastKernelTest, HalfToFloatEveryCountAndAlignment) {
+    std::vector<int> counts;
+    for (int n = 0; n <= 67; ++n) counts.push_back(n);
+    counts.push_back(1920);
+    counts.push_back(1921);
+    counts.push_back(1 << 22);
+    counts.push_back((1 << 22) + 37);
+    std::mt19937 rng(3);
+    std::vector<uint16_t> src((1 << 22) + 64);
+    for (auto& h : src) h = uint16_t(rng());
+    for (int n : counts)
+        for (int offset : {0, 1, 5, 15}) {
+            if (n > 1921 && offset % 5 != 0) continue;  // long counts: one aligned and one unaligned start
+            std::vector<float> a(size_t(n) + 32, -7.f);
+            ref.halfToFloatRow(src.data() + 1, a.data() + offset, size_t(n));
+            for (const impl::FastKernels* avx : vectors) {
+                std::vector<float> b(size_t(n) + 32, -7.f);
+                avx->halfToFloatRow(src.data() + 1, b.data() + offset, size_t(n));
+                ASSERT_EQ(0, std::memcmp(a.data(), b.data(), a.size() * 4)) << "count " << n << " offset " << offset;
+            }
+        }
+}
+
 TEST_F(FastKernelTest, Rotate3MatchesReference) {
+    std::vector<int> widths;
+    for (int w = 1; w <= 67; w += (w < 20 ? 1 : 7)) widths.push_back(w);
+    widths.push_back(1921);
     for (int code : {1, 2, 3})
-        for (int w = 1; w <= 67; w += (w < 20 ? 1 : 7))
-            for (int h : {1, 2, 7, 8, 9, 17, 33}) {
+        for (int w : widths)
+            for (int h : {1, 2, 7, 8, 9, 16, 17, 33, 48}) {
                 const int dw = code == 2 ? w : h, dh = code == 2 ? h : w;
                 const size_t ss = size_t(w) * 3 + 5, ds = size_t(dw) * 3 + 7;
                 std::vector<uint8_t> src(ss * size_t(h) + 1);
                 std::mt19937 rng(uint32_t(w * 100 + h));
                 for (auto& b : src) b = uint8_t(rng());
-                std::vector<uint8_t> a(ds * size_t(dh), 0xcd), b(ds * size_t(dh), 0xcd);
+                std::vector<uint8_t> a(ds * size_t(dh), 0xcd);
                 ref.rotate3(src.data() + 1, ss, w, h, code, a.data(), ds);
-                avx.rotate3(src.data() + 1, ss, w, h, code, b.data(), ds);
-                ASSERT_TRUE(sameRows(a, b, ds, size_t(dw) * 3)) << "code " << code << " " << w << "x" << h;
+                for (const impl::FastKernels* avx : vectors) {
+                    std::vector<uint8_t> b(ds * size_t(dh), 0xcd);
+                    avx->rotate3(src.data() + 1, ss, w, h, code, b.data(), ds);
+                    ASSERT_TRUE(sameRows(a, b, ds, size_t(dw) * 3)) << "code " << code << " " << w << "x" << h;
+                }
             }
 }
 
@@ -789,11 +867,14 @@ TEST_F(FastKernelTest, YuvToRgbRowsMatchReference) {
                     for (auto& b : *plane) b = uint8_t(rng());
                 const uint8_t* pu = k.layout == 1 ? pairs.data() + (swapped ? 1 : 0) : u.data();
                 const uint8_t* pv = k.layout == 1 ? pairs.data() + (swapped ? 0 : 1) : v.data();
-                std::vector<uint8_t> a(size_t(w) * 3 + 40, 0xcd), b(size_t(w) * 3 + 40, 0xcd);
+                std::vector<uint8_t> a(size_t(w) * 3 + 40, 0xcd);
                 (ref.*k.fn)(y.data(), pu, pv, a.data(), w);
-                (avx.*k.fn)(y.data(), pu, pv, b.data(), w);
-                ASSERT_TRUE(sameRows(a, b, a.size(), size_t(w) * 3)) << k.name << " width " << w
-                                                                    << (swapped ? " v first" : "");
+                for (const impl::FastKernels* avx : vectors) {
+                    std::vector<uint8_t> b(size_t(w) * 3 + 40, 0xcd);
+                    (avx->*k.fn)(y.data(), pu, pv, b.data(), w);
+                    ASSERT_TRUE(sameRows(a, b, a.size(), size_t(w) * 3))
+                        << k.name << " width " << w << (swapped ? " v first" : "");
+                }
             }
     // The extremes of every input, where the 16-bit split of the vector code is tightest.
     std::vector<uint8_t> y(64), u(64), v(64);
@@ -806,8 +887,10 @@ TEST_F(FastKernelTest, YuvToRgbRowsMatchReference) {
         }
         std::vector<uint8_t> a(192), b(192);
         ref.yuvFullToRgbRow(y.data(), u.data(), v.data(), a.data(), 64);
-        avx.yuvFullToRgbRow(y.data(), u.data(), v.data(), b.data(), 64);
-        ASSERT_EQ(a, b) << combo;
+        for (const impl::FastKernels* avx : vectors) {
+            avx->yuvFullToRgbRow(y.data(), u.data(), v.data(), b.data(), 64);
+            ASSERT_EQ(a, b) << combo;
+        }
     }
 }
 
@@ -837,7 +920,7 @@ TEST_F(FastKernelTest, AreaBoxMatchesReference) {
                     for (auto& b : src) b = uint8_t(rng());
                     std::vector<uint8_t> a(dst_step * size_t(h), 0xcd), b(dst_step * size_t(h), 0xcd);
                     ref.areaBox(src.data(), src_step, a.data(), dst_step, w, h, channels, fx, fy);
-                    avx.areaBox(src.data(), src_step, b.data(), dst_step, w, h, channels, fx, fy);
+                    vectors.back()->areaBox(src.data(), src_step, b.data(), dst_step, w, h, channels, fx, fy);
                     ASSERT_TRUE(sameRows(a, b, dst_step, size_t(w * channels)))
                         << channels << " channels " << fx << "x" << fy << " width " << w << " height " << h;
                 }

@@ -118,7 +118,7 @@ TEST(CvHelpers, FixedRotationsOfEveryPlaneKind) {
                 }
             }
     }
-    impl::setMaxIsaForTesting(impl::Isa::kAvx2);
+    impl::setMaxIsaForTesting(impl::Isa::kAvx512);
     Frame vga(FRAME_GRAY_8, Size(640, 480)), out;
     vga.setZero();
     rotateFrame(vga, Rotate90, out);
@@ -241,7 +241,7 @@ TEST(CvHelpers, HalfFloatRoundTripsEveryCode) {
         EXPECT_EQ(f[0x0001], std::ldexp(1.f, -24));
         EXPECT_TRUE(std::isinf(f[0x7c00]));
     }
-    impl::setMaxIsaForTesting(impl::Isa::kAvx2);
+    impl::setMaxIsaForTesting(impl::Isa::kAvx512);
 }
 
 TEST(CvHelpers, TensorFp16ToFp32) {

@@ -211,7 +211,7 @@ TEST_P(FormatConvertModel, EveryOtherPairIsRejected) {
         }
 }
 
-INSTANTIATE_TEST_SUITE_P(Isa, FormatConvertModel, ::testing::Values(impl::Isa::kScalar, impl::Isa::kAvx2),
+INSTANTIATE_TEST_SUITE_P(Isa, FormatConvertModel, ::testing::ValuesIn(kvtest::availableIsas()),
                          [](const ::testing::TestParamInfo<impl::Isa>& i) { return impl::isaName(i.param); });
 
 // ---- worked values -------------------------------------------------------------
@@ -229,7 +229,7 @@ Frame solidBgr(Size size, uint8_t b, uint8_t g, uint8_t r) {
 }
 
 TEST(FormatConvert, WorkedValues) {
-    for (impl::Isa isa : {impl::Isa::kScalar, impl::Isa::kAvx2}) {
+    for (impl::Isa isa : kvtest::availableIsas()) {
         IsaCap cap(isa);
         const Size size(35, 3);  // a vector block and a tail
         struct {
@@ -282,7 +282,7 @@ TEST(FormatConvert, FloatToBytesTruncatesWithoutSaturation) {
     const float in[] = {255.9f, 300.0f, 256.0f, -1.0f, 0.99f, -0.5f, 1e10f, -1e10f, std::nanf("")};
     const uint8_t want[] = {255, 44, 0, 255, 0, 0, 0, 0, 0};
     constexpr int kCount = sizeof(in) / sizeof(in[0]);
-    for (impl::Isa isa : {impl::Isa::kScalar, impl::Isa::kAvx2}) {
+    for (impl::Isa isa : kvtest::availableIsas()) {
         IsaCap cap(isa);
         for (int width : {3, 40}) {  // tail only, and a vector block
             Frame src(FRAME_FLOAT_32_C3, Size(width, 1));
@@ -351,7 +351,7 @@ TEST(FormatConvert, NextCountsPastTheLastRow) {
 // Chains run in one pass and match the same steps done frame by frame; the
 // converters over producers read through RowWindow rings (two rows for 4:2:0).
 TEST(FormatConvert, ChainsMatchFrameByFrame) {
-    for (impl::Isa isa : {impl::Isa::kScalar, impl::Isa::kAvx2}) {
+    for (impl::Isa isa : kvtest::availableIsas()) {
         IsaCap cap(isa);
         for (const Size size : {Size(1, 1), Size(35, 7), Size(64, 6), Size(67, 9)}) {
             const Frame nv12 = kvtest::randomFrame(FRAME_NV12, size, 11);

@@ -90,21 +90,34 @@ struct Pair {
     FrameFormat src, dst;
 };
 
-const Pair kVectorPairs[] = {
-    {FRAME_BGR_8, FRAME_GRAY_8},         {FRAME_BGR_8, FRAME_I420},         {FRAME_BGR_8, FRAME_YV12},
-    {FRAME_BGR_8, FRAME_NV12},           {FRAME_BGR_8, FRAME_NV21},         {FRAME_I420, FRAME_BGR_8},
-    {FRAME_YV12, FRAME_BGR_8},           {FRAME_NV12, FRAME_BGR_8},         {FRAME_NV21, FRAME_BGR_8},
-    {FRAME_YV16, FRAME_BGR_8},           {FRAME_NV16, FRAME_BGR_8},         {FRAME_YUV444_PLANAR, FRAME_BGR_8},
-    {FRAME_BGR_8, FRAME_FLOAT_32_C3},    {FRAME_BGR_8, FRAME_FLOAT_32_C3_PLANAR},
-    {FRAME_RGB_8, FRAME_FLOAT_32_C3_PLANAR}, {FRAME_FLOAT_32_C3, FRAME_BGR_8}, {FRAME_BGR_8, FRAME_RGB_8},
-    {FRAME_RGB_8, FRAME_BGR_8},          {FRAME_RGB_8_PLANAR, FRAME_RGB_8}, {FRAME_BGR_8_PLANAR, FRAME_BGR_8},
-    {FRAME_RGB_8, FRAME_RGB_8_PLANAR},   {FRAME_BGR_8, FRAME_BGR_8_PLANAR},
-};
+void PrintTo(const Pair& p, std::ostream* os) { *os << toString(p.src) << " -> " << toString(p.dst); }
+
+// Every pair of formats the converter accepts (asked at start-up).
+std::vector<Pair> supportedPairs() {
+    const FrameFormat formats[] = {FRAME_GRAY_8, FRAME_RGB_8,  FRAME_RGB_8_PLANAR, FRAME_BGR_8,  FRAME_BGR_8_PLANAR,
+                                   FRAME_I420,   FRAME_YV12,   FRAME_NV12,         FRAME_NV21,   FRAME_YV16,
+                                   FRAME_YUYV,   FRAME_UYVY,   FRAME_NV16,         FRAME_YUV444, FRAME_YUV444_PLANAR,
+                                   FRAME_FLOAT_32_C3, FRAME_FLOAT_32_C3_PLANAR};
+    std::vector<Pair> pairs;
+    for (FrameFormat s : formats)
+        for (FrameFormat d : formats) {
+            if (s == d) continue;
+            try {
+                FormatConverter c;
+                c.reuse(Frame(s, Size(2, 2)), d);
+                pairs.push_back({s, d});
+            } catch (const Exception&) {
+            }
+        }
+    return pairs;
+}
 
 class ConvertKernels : public ::testing::TestWithParam<Pair> {};
 
+// Every vector level this processor runs against the scalar references.
 TEST_P(ConvertKernels, VectorMatchesScalarAtEveryWidth) {
-    if (impl::detectedIsa() < impl::Isa::kAvx2) GTEST_SKIP() << "no AVX2";
+    const std::vector<impl::Isa> isas = kvtest::availableIsas();
+    if (isas.size() < 2) GTEST_SKIP() << "no vector instruction set";
     const Pair pair = GetParam();
     std::vector<int> widths;
     for (int w = 1; w <= 67; ++w) widths.push_back(w);
@@ -115,19 +128,21 @@ TEST_P(ConvertKernels, VectorMatchesScalarAtEveryWidth) {
         for (int height : {1, 3, 5}) {
             const CallerFrame src(pair.src, Size(width, height), seed++);
             const auto ref = convertRows(src.frame, pair.dst, impl::Isa::kScalar, 1);
-            const auto vec = convertRows(src.frame, pair.dst, impl::Isa::kAvx2, 101);
-            ASSERT_EQ(ref.size(), vec.size());
-            for (size_t i = 0; i < ref.size(); ++i) {
-                size_t x = 0;
-                while (x < ref[i].size() && ref[i][x] == vec[i][x]) ++x;
-                ASSERT_EQ(x, ref[i].size()) << toString(pair.src) << " -> " << toString(pair.dst) << " " << width
-                                            << "x" << height << " row record " << i << " first difference at byte "
-                                            << x;
+            for (size_t k = 1; k < isas.size(); ++k) {
+                const auto vec = convertRows(src.frame, pair.dst, isas[k], 101);
+                ASSERT_EQ(ref.size(), vec.size());
+                for (size_t i = 0; i < ref.size(); ++i) {
+                    size_t x = 0;
+                    while (x < ref[i].size() && ref[i][x] == vec[i][x]) ++x;
+                    ASSERT_EQ(x, ref[i].size())
+                        << toString(pair.src) << " -> " << toString(pair.dst) << " " << impl::isaName(isas[k]) << " "
+                        << width << "x" << height << " row record " << i << " first difference at byte " << x;
+                }
             }
         }
 }
 
-INSTANTIATE_TEST_SUITE_P(Pairs, ConvertKernels, ::testing::ValuesIn(kVectorPairs),
+INSTANTIATE_TEST_SUITE_P(Pairs, ConvertKernels, ::testing::ValuesIn(supportedPairs()),
                          [](const ::testing::TestParamInfo<Pair>& i) {
                              return std::string(toString(i.param.src)) + "_to_" + toString(i.param.dst);
                          });
@@ -172,11 +187,15 @@ TEST(ConvertKernelsExtremes, EveryYuvTripleAgrees) {
         y[size_t(x)] = uint8_t(x);
         v[size_t(x)] = uint8_t(x >> 8);
     }
+    std::vector<impl::YuvToRgbRowFn> kernels{impl::avx2::yuvFullToBgrRow};
+    if (impl::detectedIsa() >= impl::Isa::kAvx512) kernels.push_back(impl::avx512::yuvFullToBgrRow);
     for (int uu = 0; uu < 256; ++uu) {
         std::fill(u.begin(), u.end(), uint8_t(uu));
         impl::ref::yuvFullToBgrRow(y.data(), u.data(), v.data(), a.data(), width);
-        impl::avx2::yuvFullToBgrRow(y.data(), u.data(), v.data(), b.data(), width);
-        ASSERT_EQ(a, b) << "U " << uu;
+        for (size_t k = 0; k < kernels.size(); ++k) {
+            kernels[k](y.data(), u.data(), v.data(), b.data(), width);
+            ASSERT_EQ(a, b) << "U " << uu << " kernel " << k;
+        }
     }
 }
 
@@ -257,7 +276,7 @@ TEST(ConvertPairKernels, MatchTwoRowCallsOfTheScalarKernel) {
 // consumers that skip a row, or that ask for chroma on a row that would not
 // carry it, still get that row's own bytes.
 TEST(ConvertPairKernels, SkippedRowsAndChromaOnEveryRow) {
-    for (impl::Isa isa : {impl::Isa::kScalar, impl::Isa::kAvx2}) {
+    for (impl::Isa isa : kvtest::availableIsas()) {
         IsaCap cap(isa);
         const Size size(45, 9);
         const CallerFrame src(FRAME_BGR_8, size, 21);

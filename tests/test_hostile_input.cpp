@@ -20,6 +20,7 @@
 #include "kv_core/kv_tensor.h"
 #include "kv_cv/kv_cv_backend_base.h"
 #include "kv_cv/kv_cv_backend_simd.h"
+#include "kv_cv/kv_cv_helpers.h"
 #include "kv_cv/kv_group_rectangles.h"
 #include "test_util.h"
 #include "wrapped_frame.h"
@@ -260,13 +261,20 @@ TEST(HostileSizes, RotationGeometryPast32Bits) {
 // libyuv and the core library's one-channel arithmetic take int pitches: a
 // pitch past that is refused instead of being truncated.
 TEST(HostileSizes, PitchesPastIntAreRefused) {
-    std::vector<uint8_t> bgr(12, 9), rgb(12);
+    // Byte planes turn by quarter turns on libyuv.
+    std::vector<uint8_t> gray(4, 9);
     const size_t huge = size_t(INT_MAX) + 1;
-    const Frame src = Frame::wrap(FRAME_BGR_8, Size(4, 1), bgr.data(), huge);
+    const Frame src = Frame::wrap(FRAME_GRAY_8, Size(4, 1), gray.data(), huge);
+    Frame turned;
+    EXPECT_KV_THROW(rotateFrame(src, Rotate90, turned), 5,
+                    "Row pitch of 2147483648 bytes is past the 2147483647 bytes that libyuv's plane functions take.");
+    // 3-byte pixels move on our own kernels, which take any pitch.
+    std::vector<uint8_t> bgr{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}, rgb(12);
+    const Frame bgr_src = Frame::wrap(FRAME_BGR_8, Size(4, 1), bgr.data(), huge);
     Frame dst = Frame::wrap(FRAME_RGB_8, Size(4, 1), rgb.data(), 12);
     CvBackendSimd fast;
-    EXPECT_KV_THROW(fast.colorCvt(src, dst, Rect()), 5,
-                    "Row pitch of 2147483648 bytes is past the 2147483647 bytes that libyuv's plane functions take.");
+    fast.colorCvt(bgr_src, dst, Rect());
+    EXPECT_EQ(rgb, (std::vector<uint8_t>{3, 2, 1, 6, 5, 4, 9, 8, 7, 12, 11, 10}));
     std::vector<uint8_t> floats(16);
     Frame f32 = Frame::wrap(FRAME_FLOAT_32, Size(4, 1), floats.data(), huge);
     CvBackendBase base;

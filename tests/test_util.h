@@ -90,16 +90,17 @@ auto& chromaAt(FrameT& f, bool v, int cx, int cy) {
 // when the test ends, however it ends.
 struct IsaCap {
     explicit IsaCap(kv::impl::Isa isa) { kv::impl::setMaxIsaForTesting(isa); }
-    ~IsaCap() { kv::impl::setMaxIsaForTesting(kv::impl::Isa::kAvx2); }
+    ~IsaCap() { kv::impl::setMaxIsaForTesting(kv::impl::Isa::kAvx512); }
     IsaCap(const IsaCap&) = delete;
     IsaCap& operator=(const IsaCap&) = delete;
 };
 
 // The instruction sets this processor runs: the scalar references always,
-// AVX2 when present.
+// AVX2 and AVX-512 when present.
 inline std::vector<kv::impl::Isa> availableIsas() {
     std::vector<kv::impl::Isa> v{kv::impl::Isa::kScalar};
-    if (kv::impl::detectedIsa() >= kv::impl::Isa::kAvx2) v.push_back(kv::impl::Isa::kAvx2);
+    for (kv::impl::Isa isa : {kv::impl::Isa::kAvx2, kv::impl::Isa::kAvx512})
+        if (kv::impl::detectedIsa() >= isa) v.push_back(isa);
     return v;
 }
 

@@ -206,7 +206,6 @@ void CvBackendSimd::colorCvt(const Frame& src, Frame& dst, Rect src_roi) {
     }
     const int w = s.size().width, h = s.size().height;
     const bool even = w % 2 == 0 && h % 2 == 0;
-    const DeviceContext cpu = DeviceContext::cpuContext();
 
     switch (sf) {
         case FRAME_GRAY_8:
@@ -234,8 +233,10 @@ void CvBackendSimd::colorCvt(const Frame& src, Frame& dst, Rect src_roi) {
                 toFloat(s, 0, dst, 0, size_t(w) * 3, h);
                 return;
             }
-            if (df == FRAME_FLOAT_32_C3_PLANAR) {
-                _twoStep(s, planar, dst);
+            if (df == FRAME_FLOAT_32_C3_PLANAR) {  // as through the planar bytes, in one pass
+                fast::bytesToPlanarFloat3(data(s, 0), step(s, 0), reinterpret_cast<float*>(data(dst, 0)), step(dst, 0),
+                                          reinterpret_cast<float*>(data(dst, 1)), step(dst, 1),
+                                          reinterpret_cast<float*>(data(dst, 2)), step(dst, 2), w, h);
                 return;
             }
             if (sf == FRAME_RGB_8) break;
@@ -250,11 +251,8 @@ void CvBackendSimd::colorCvt(const Frame& src, Frame& dst, Rect src_roi) {
                     const int we = w & ~1, he = h & ~1;
                     if (we > 0 && he > 0) {
                         if (nv12) {
-                            _temp2.reuse(FRAME_I420, Size(we, he), cpu, 0);
-                            fast::bgrToI420(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(_temp2, 1),
-                                            step(_temp2, 1), data(_temp2, 2), step(_temp2, 2), we, he);
-                            fast::mergePairs(data(_temp2, 1), step(_temp2, 1), data(_temp2, 2), step(_temp2, 2),
-                                             data(dst, 1), step(dst, 1), we / 2, he / 2);
+                            fast::bgrToNv12(false, data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(dst, 1),
+                                            step(dst, 1), we, he);
                         } else {
                             fast::bgrToI420(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(dst, 1),
                                             step(dst, 1), data(dst, 2), step(dst, 2), we, he);
@@ -266,27 +264,20 @@ void CvBackendSimd::colorCvt(const Frame& src, Frame& dst, Rect src_roi) {
                 }
                 case FRAME_NV21:
                     KV_ASSERT_TEXT_LINE(even, kEvenText, kColorCvt, 530);
-                    _temp2.reuse(FRAME_I420, Size(w, h), cpu, 0);
-                    fast::bgrToI420(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(_temp2, 1),
-                                    step(_temp2, 1), data(_temp2, 2), step(_temp2, 2), w, h);
-                    fast::mergePairs(data(_temp2, 2), step(_temp2, 2), data(_temp2, 1), step(_temp2, 1), data(dst, 1),
-                                     step(dst, 1), w / 2, h / 2);
+                    fast::bgrToNv12(true, data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(dst, 1),
+                                    step(dst, 1), w, h);
                     return;
                 case FRAME_NV16:
                     KV_ASSERT_TEXT_LINE(even, kEvenText, kColorCvt, 563);
-                    // FRAME_YV16 holds V in plane 1 and U in plane 2.
-                    _temp2.reuse(FRAME_YV16, Size(w, h), cpu, 0);
-                    fast::bgrToI422(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(_temp2, 2),
-                                    step(_temp2, 2), data(_temp2, 1), step(_temp2, 1), w, h);
-                    fast::mergePairs(data(_temp2, 2), step(_temp2, 2), data(_temp2, 1), step(_temp2, 1), data(dst, 1),
-                                     step(dst, 1), w / 2, h);
+                    fast::bgrToNv16(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(dst, 1), step(dst, 1), w,
+                                    h);
                     return;
                 case FRAME_YUV444_PLANAR:
                     fast::bgrToYuv444(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), data(dst, 1), step(dst, 1),
                                       data(dst, 2), step(dst, 2), w, h);
                     return;
-                case FRAME_YUV444:
-                    _twoStep(s, FRAME_YUV444_PLANAR, dst);
+                case FRAME_YUV444:  // as through FRAME_YUV444_PLANAR, in one pass
+                    fast::bgrToYuv444Packed(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), w, h);
                     return;
                 default:
                     break;
@@ -381,8 +372,13 @@ void CvBackendSimd::colorCvt(const Frame& src, Frame& dst, Rect src_roi) {
                 split3(s, dst);
                 return;
             }
-            if (df == FRAME_GRAY_8 || df == FRAME_BGR_8) {
-                _twoStep(s, FRAME_YUV444_PLANAR, dst);
+            // As through FRAME_YUV444_PLANAR, in one pass.
+            if (df == FRAME_GRAY_8) {
+                fast::yuv444PackedToGray(data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), w, h);
+                return;
+            }
+            if (df == FRAME_BGR_8) {
+                fast::yuv444PackedToRgb(fast::RgbOrder::kBgr, data(s, 0), step(s, 0), data(dst, 0), step(dst, 0), w, h);
                 return;
             }
             break;

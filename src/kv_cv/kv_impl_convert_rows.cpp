@@ -1,6 +1,8 @@
 // Row kernels of the format converter: scalar references and their AVX2
-// versions. The scalar span helpers take a start column so that the vector
-// kernels finish their rows with exactly the reference code.
+// versions (the YUV layout kernels' AVX2 versions live in
+// kv_impl_convert_yuv.cpp, the AVX-512 ones in kv_impl_convert_avx512.cpp).
+// The scalar span helpers take a start column so that the vector kernels
+// finish their rows with exactly the reference code.
 #include "kv_impl_convert_rows.h"
 
 #include <immintrin.h>
@@ -73,6 +75,15 @@ void bgrToChroma420Span(const uint8_t* s0, const uint8_t* s1, uint8_t* u, int u_
         }
         u[(x / 2) * u_step] = uint8_t(su >> (pair_shift - 1));
         v[(x / 2) * v_step] = uint8_t(sv >> (pair_shift - 1));
+    }
+}
+
+// 4:4:4 chroma from column x on.
+void bgrToChroma444Span(const uint8_t* s, uint8_t* u, int u_step, uint8_t* v, int v_step, int x, int width) {
+    for (; x < width; ++x) {
+        const uint8_t* a = s + 3 * x;
+        u[x * u_step] = uint8_t(uTerm(a[0], a[1], a[2]) >> 8);
+        v[x * v_step] = uint8_t(vTerm(a[0], a[1], a[2]) >> 8);
     }
 }
 
@@ -220,26 +231,16 @@ void bytesToFloatRow(const RowData* const* rows, RowData& dst, int width, const 
     bytesToFloatSpan(rows[0]->plane[0], dst.plane[0], 0, 3 * width);
 }
 
-void bytesToPlanarFloatRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    bytesToPlanarFloatSpan(rows[0]->plane[0], dst.plane[0], dst.plane[1], dst.plane[2], 0, width);
+void bytesToPlanarFloat3Row(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width) {
+    bytesToPlanarFloatSpan(src, p0, p1, p2, 0, width);
 }
 
 void floatToBytesRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
     floatToBytesSpan(rows[0]->plane[0], dst.plane[0], 0, 3 * width);
 }
 
-void swapRbRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    swapRbSpan(rows[0]->plane[0], dst.plane[0], 0, width);
-}
+void swap3Row(const uint8_t* src, uint8_t* dst, int width) { swapRbSpan(src, dst, 0, width); }
 
-void interleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    const RowData& s = *rows[0];
-    interleave3Span(s.plane[0], s.plane[1], s.plane[2], dst.plane[0], 0, width);
-}
-
-void deinterleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    deinterleave3Span(rows[0]->plane[0], dst.plane[0], dst.plane[1], dst.plane[2], 0, width);
-}
 
 void grayToBgrRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
     const uint8_t* s = rows[0]->plane[0];
@@ -271,20 +272,7 @@ void bgrToYuv422Row(const RowData* const* rows, RowData& dst, int width, const I
     zeroMissingY(di, y, width);
     uint8_t* u = dst.plane[di.uPlane];
     uint8_t* v = dst.plane[di.vPlane];
-    if (!u || !v) return;
-    u += di.uOffset;
-    v += di.vOffset;
-    int x = 0;
-    for (; x + 1 < width; x += 2) {
-        const uint8_t* a = s + 3 * x;
-        u[(x / 2) * di.uStep] = uint8_t((uTerm(a[0], a[1], a[2]) + uTerm(a[3], a[4], a[5])) >> 9);
-        v[(x / 2) * di.vStep] = uint8_t((vTerm(a[0], a[1], a[2]) + vTerm(a[3], a[4], a[5])) >> 9);
-    }
-    if (x < width) {
-        const uint8_t* a = s + 3 * x;
-        u[(x / 2) * di.uStep] = uint8_t(uTerm(a[0], a[1], a[2]) >> 8);
-        v[(x / 2) * di.vStep] = uint8_t(vTerm(a[0], a[1], a[2]) >> 8);
-    }
+    if (u && v) bgrToChroma420Span(s, nullptr, u + di.uOffset, di.uStep, v + di.vOffset, di.vStep, 0, width);
 }
 
 void bgrToYuv444Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
@@ -293,14 +281,25 @@ void bgrToYuv444Row(const RowData* const* rows, RowData& dst, int width, const I
     bgrToYSpan(s, dst.plane[di.yPlane] + di.yOffset, di.yStep, 0, width);
     uint8_t* u = dst.plane[di.uPlane];
     uint8_t* v = dst.plane[di.vPlane];
-    if (!u || !v) return;
-    u += di.uOffset;
-    v += di.vOffset;
-    for (int x = 0; x < width; ++x) {
-        const uint8_t* a = s + 3 * x;
-        u[x * di.uStep] = uint8_t(uTerm(a[0], a[1], a[2]) >> 8);
-        v[x * di.vStep] = uint8_t(vTerm(a[0], a[1], a[2]) >> 8);
-    }
+    if (u && v) bgrToChroma444Span(s, u + di.uOffset, di.uStep, v + di.vOffset, di.vStep, 0, width);
+}
+
+void split3Row(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width) {
+    deinterleave3Span(src, p0, p1, p2, 0, width);
+}
+
+void merge3Row(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2, uint8_t* dst, int width) {
+    interleave3Span(p0, p1, p2, dst, 0, width);
+}
+
+void bgrToYuv422PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width) {
+    bgrToYSpan(bgr, y, 1, 0, width);
+    bgrToChroma420Span(bgr, nullptr, u, 1, v, 1, 0, width);
+}
+
+void bgrToYuv444PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width) {
+    bgrToYSpan(bgr, y, 1, 0, width);
+    bgrToChroma444Span(bgr, u, 1, v, 1, 0, width);
 }
 
 void yuvToGrayRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter& conv) {
@@ -862,16 +861,16 @@ void bytesToFloatRow(const RowData* const* rows, RowData& dst, int width, const 
     bytesToFloatSpan(s, d, i, n);
 }
 
-void bytesToPlanarFloatRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    const uint8_t* s = rows[0]->plane[0];
+void bytesToPlanarFloat3Row(const uint8_t* s, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width) {
+    uint8_t* const planes_out[3] = {p0, p1, p2};
     int x = 0;
     for (; x + 32 <= width; x += 32) {
         __m256i in[3], planes[3];
         load3(s + 3 * x, in);
         shuffle48(kDeinterleave, in, planes);
-        for (int p = 0; p < 3; ++p) floatsFromBytes32(planes[p], dst.plane[p] + 4 * x);
+        for (int p = 0; p < 3; ++p) floatsFromBytes32(planes[p], planes_out[p] + 4 * x);
     }
-    bytesToPlanarFloatSpan(s, dst.plane[0], dst.plane[1], dst.plane[2], x, width);
+    bytesToPlanarFloatSpan(s, p0, p1, p2, x, width);
 }
 
 void floatToBytesRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
@@ -891,9 +890,7 @@ void floatToBytesRow(const RowData* const* rows, RowData& dst, int width, const 
     floatToBytesSpan(s, d, i, n);
 }
 
-void swapRbRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    const uint8_t* s = rows[0]->plane[0];
-    uint8_t* d = dst.plane[0];
+void swap3Row(const uint8_t* s, uint8_t* d, int width) {
     int x = 0;
     for (; x + 32 <= width; x += 32) {
         __m256i in[3], out[3];
@@ -904,34 +901,98 @@ void swapRbRow(const RowData* const* rows, RowData& dst, int width, const Impl::
     swapRbSpan(s, d, x, width);
 }
 
-void interleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    const RowData& s = *rows[0];
-    uint8_t* d = dst.plane[0];
+void merge3Row(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2, uint8_t* d, int width) {
     int x = 0;
     for (; x + 32 <= width; x += 32) {
-        const __m256i in[3] = {loadu(s.plane[0] + x), loadu(s.plane[1] + x), loadu(s.plane[2] + x)};
+        const __m256i in[3] = {loadu(p0 + x), loadu(p1 + x), loadu(p2 + x)};
         __m256i out[3];
         shuffle48(kInterleave, in, out);
         store3(d + 3 * x, out);
     }
-    interleave3Span(s.plane[0], s.plane[1], s.plane[2], d, x, width);
+    interleave3Span(p0, p1, p2, d, x, width);
 }
 
-void deinterleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {
-    const uint8_t* s = rows[0]->plane[0];
+void split3Row(const uint8_t* s, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width) {
     int x = 0;
     for (; x + 32 <= width; x += 32) {
         __m256i in[3], out[3];
         load3(s + 3 * x, in);
         shuffle48(kDeinterleave, in, out);
-        for (int p = 0; p < 3; ++p) storeu(dst.plane[p] + x, out[p]);
+        storeu(p0 + x, out[0]);
+        storeu(p1 + x, out[1]);
+        storeu(p2 + x, out[2]);
     }
-    deinterleave3Span(s, dst.plane[0], dst.plane[1], dst.plane[2], x, width);
+    deinterleave3Span(s, p0, p1, p2, x, width);
+}
+
+
+void bgrToYuv422PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width) {
+    const int x = bgrToYuv420Bulk<false, false>(bgr, nullptr, y, u, v, true, width);
+    bgrToYSpan(bgr, y, 1, x, width);
+    bgrToChroma420Span(bgr, nullptr, u, 1, v, 1, x, width);
+}
+
+// 4:4:4: full weights, since each pixel's term stands alone: the pair sums
+// of (112, -74 | -38, 0) and (-18, -94 | 112, 0) and their totals stay within
+// +-28560, and (term + 32768) >> 8 = (term >> 8) + 128, the 128 a flip of
+// the top bit of the packed byte.
+void bgrToYuv444PlanarRow(const uint8_t* bgr, uint8_t* y, uint8_t* u, uint8_t* v, int width) {
+    const __m256i wy = _mm256_set1_epi32(kWeightsY);
+    const __m256i wu = _mm256_set1_epi32(weights4(112, -74, -38, 0));
+    const __m256i wv = _mm256_set1_epi32(weights4(-18, -94, 112, 0));
+    const __m256i flip = _mm256_set1_epi8(-128);
+    const auto chroma = [flip](const __m256i q[4], __m256i w) {
+        const __m256i lo = _mm256_srai_epi16(
+            _mm256_hadd_epi16(_mm256_maddubs_epi16(q[0], w), _mm256_maddubs_epi16(q[1], w)), 8);
+        const __m256i hi = _mm256_srai_epi16(
+            _mm256_hadd_epi16(_mm256_maddubs_epi16(q[2], w), _mm256_maddubs_epi16(q[3], w)), 8);
+        return _mm256_xor_si256(_mm256_packs_epi16(lo, hi), flip);
+    };
+    int x = 0;
+    for (; x + 32 <= width; x += 32) {
+        __m256i q[4];
+        for (int k = 0; k < 4; ++k) q[k] = loadQuarter(bgr + 3 * x, k);
+        storeu(y + x, lumaBytes(lumaWords(_mm256_maddubs_epi16(q[0], wy), _mm256_maddubs_epi16(q[1], wy)),
+                                lumaWords(_mm256_maddubs_epi16(q[2], wy), _mm256_maddubs_epi16(q[3], wy))));
+        storeu(u + x, chroma(q, wu));
+        storeu(v + x, chroma(q, wv));
+    }
+    bgrToYSpan(bgr, y, 1, x, width);
+    bgrToChroma444Span(bgr, u, 1, v, 1, x, width);
 }
 
 }  // namespace avx2
 
 #pragma GCC pop_options
+
+// The byte moves of every instruction set on converter rows.
+#define KV_BYTE_MOVE_ROWS                                                                                          \
+    void bytesToPlanarFloatRow(const RowData* const* rows, RowData& dst, int width,                                \
+                               const Impl::ImplFormatConverter&) {                                                 \
+        bytesToPlanarFloat3Row(rows[0]->plane[0], dst.plane[0], dst.plane[1], dst.plane[2], width);                \
+    }                                                                                                              \
+    void swapRbRow(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {       \
+        swap3Row(rows[0]->plane[0], dst.plane[0], width);                                                          \
+    }                                                                                                              \
+    void interleave3Row(const RowData* const* rows, RowData& dst, int width, const Impl::ImplFormatConverter&) {  \
+        const RowData& s = *rows[0];                                                                               \
+        merge3Row(s.plane[0], s.plane[1], s.plane[2], dst.plane[0], width);                                        \
+    }                                                                                                              \
+    void deinterleave3Row(const RowData* const* rows, RowData& dst, int width,                                     \
+                          const Impl::ImplFormatConverter&) {                                                      \
+        split3Row(rows[0]->plane[0], dst.plane[0], dst.plane[1], dst.plane[2], width);                             \
+    }
+
+namespace ref {
+KV_BYTE_MOVE_ROWS
+}  // namespace ref
+namespace avx2 {
+KV_BYTE_MOVE_ROWS
+}  // namespace avx2
+namespace avx512 {
+KV_BYTE_MOVE_ROWS
+}  // namespace avx512
+#undef KV_BYTE_MOVE_ROWS
 
 }  // namespace impl
 }  // namespace kv

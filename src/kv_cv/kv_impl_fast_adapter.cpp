@@ -1,18 +1,21 @@
 // The fast backend's facilities on libyuv, OpenCV and our own row kernels.
 // Which serves what was chosen by measurement at 1920x1080 on one thread:
-// libyuv for BGR to YUV (it averages 2x2 chroma blocks; OpenCV's BGR to I420
-// takes one pixel per block), channel swaps, plane copies, splits and merges
-// and 1-byte rotation; OpenCV for float bilinear resizing, float area
+// libyuv for plane copies, splits, merges and swaps of 2-byte pairs and
+// 1-byte rotation; OpenCV for float bilinear resizing, float area
 // enlargement and area reduction of multi-channel floats past 2 times in
 // width (and bilinear byte planes with a side past the 16.16 tables), for
-// warps of float planes and for 2- and 4-byte rotation; the scalers' gathers for nearest resizing;
-// our reproductions of OpenCV's area arithmetic (kv_impl_fast_area,
-// kv_impl_fast_area_up) for the other area resizing that OpenCV served; our
-// warp (kv_impl_fast_warp, OpenCV's arithmetic) for byte planes; the bilinear
-// scalers' row kernels (kv_impl_scale_rows) for bilinear resizing of byte
-// planes; our kernels (kv_impl_fast_kernels) for
-// gray, byte/float, half/float, 3-byte rotation and integer-factor area
-// reduction, where they beat both libraries, and for YUV to BGR / RGB, where
+// warps of float planes and for 2- and 4-byte rotation; the scalers' gathers
+// for nearest resizing; our reproductions of OpenCV's area arithmetic
+// (kv_impl_fast_area, kv_impl_fast_area_up) for the other area resizing that
+// OpenCV served; our warp (kv_impl_fast_warp, OpenCV's arithmetic) for byte
+// planes; the bilinear scalers' row kernels (kv_impl_scale_rows) for bilinear
+// resizing of byte planes; our kernels (kv_impl_fast_kernels) for gray,
+// byte/float, half/float, 3-byte rotation, the byte moves of 3-byte pixels
+// (the converter's kernels, twice libyuv's speed), integer-factor area
+// reduction and BGR to YUV (libyuv's arithmetic, which averages 2x2 chroma
+// blocks: its BGR to YUV calls stay here as the ...WithLibrary functions that
+// tests hold the kernels against), where they beat both libraries, and for
+// YUV to BGR / RGB, where
 // they outrun libyuv and give the generic backend's exact bytes
 // (libyuv's 6-bit coefficients differ from them by up to 4).
 #include "kv_cv/kv_impl_fast_adapter.h"
@@ -130,8 +133,8 @@ void forRows(int height, Row row) {
 
 }  // namespace
 
-void bgrToI420(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step, uint8_t* v,
-               size_t v_step, int width, int height) {
+void bgrToI420WithLibrary(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step,
+                          uint8_t* v, size_t v_step, int width, int height) {
     // libyuv's "RGB24" is B, G, R in memory.
     libyuv::RGB24ToI420(bgr, pitch(bgr_step), y, pitch(y_step), u, pitch(u_step), v, pitch(v_step), width, height);
 }
@@ -165,16 +168,100 @@ void bgrThroughArgb(ArgbToYuv convert, int chroma_shift, const uint8_t* bgr, siz
         }
 }
 
+// One kernel call per row (one_row) or row pair, chroma row r / 2 or r.
+void bgrRowsToYuv(BgrToYuvRowsFn kernel, bool pairs_of_rows, const uint8_t* bgr, size_t bgr_step, uint8_t* y,
+                  size_t y_step, uint8_t* u, size_t u_step, uint8_t* v, size_t v_step, int width, int height) {
+    const int step = pairs_of_rows ? 2 : 1;
+    for (int r = 0; r < height; r += step) {
+        const uint8_t* s0 = bgr + size_t(r) * bgr_step;
+        uint8_t* y0 = y + size_t(r) * y_step;
+        const size_t c = size_t(r / step);
+        kernel(s0, pairs_of_rows ? s0 + bgr_step : nullptr, y0, pairs_of_rows ? y0 + y_step : nullptr, u + c * u_step,
+               v + c * v_step, width);
+    }
+}
+
 }  // namespace
+
+void bgrToYuv444WithLibrary(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u,
+                            size_t u_step, uint8_t* v, size_t v_step, int width, int height) {
+    bgrThroughArgb(libyuv::ARGBToI444, 0, bgr, bgr_step, y, y_step, u, u_step, v, v_step, width, height);
+}
+
+void bgrToI422WithLibrary(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step,
+                          uint8_t* v, size_t v_step, int width, int height) {
+    bgrThroughArgb(libyuv::ARGBToI422, 1, bgr, bgr_step, y, y_step, u, u_step, v, v_step, width, height);
+}
+
+void bgrToI420(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step, uint8_t* v,
+               size_t v_step, int width, int height) {
+    bgrRowsToYuv(kernels().bgrToI420Rows, true, bgr, bgr_step, y, y_step, u, u_step, v, v_step, width, height);
+}
+
+void bgrToNv12(bool vu, const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* uv, size_t uv_step,
+               int width, int height) {
+    bgrRowsToYuv(kernels().bgrToNv12Rows, true, bgr, bgr_step, y, y_step, vu ? uv + 1 : uv, uv_step,
+                 vu ? uv : uv + 1, uv_step, width, height);
+}
+
+void bgrToNv16(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* uv, size_t uv_step, int width,
+               int height) {
+    bgrRowsToYuv(kernels().bgrToNv16Row, false, bgr, bgr_step, y, y_step, uv, uv_step, uv + 1, uv_step, width,
+                 height);
+}
 
 void bgrToYuv444(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step,
                  uint8_t* v, size_t v_step, int width, int height) {
-    bgrThroughArgb(libyuv::ARGBToI444, 0, bgr, bgr_step, y, y_step, u, u_step, v, v_step, width, height);
+    bgrRowsToYuv(kernels().bgrToI444Row, false, bgr, bgr_step, y, y_step, u, u_step, v, v_step, width, height);
 }
 
 void bgrToI422(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step, uint8_t* v,
                size_t v_step, int width, int height) {
-    bgrThroughArgb(libyuv::ARGBToI422, 1, bgr, bgr_step, y, y_step, u, u_step, v, v_step, width, height);
+    bgrRowsToYuv(kernels().bgrToI422Row, false, bgr, bgr_step, y, y_step, u, u_step, v, v_step, width, height);
+}
+
+namespace {
+
+// Rows of up to kPackedStrip pixels through planar strips on the stack.
+constexpr int kPackedStrip = 1024;
+struct alignas(64) PlanarStrip {
+    uint8_t p[3][kPackedStrip];
+};
+
+template <typename Strip>
+void forPackedStrips(int width, int height, Strip strip) {
+    for (int r = 0; r < height; ++r)
+        for (int x = 0; x < width; x += kPackedStrip) strip(r, x, std::min(kPackedStrip, width - x));
+}
+
+}  // namespace
+
+void bgrToYuv444Packed(const uint8_t* bgr, size_t bgr_step, uint8_t* dst, size_t dst_step, int width, int height) {
+    const FastKernels& k = kernels();
+    PlanarStrip t;
+    forPackedStrips(width, height, [&](int r, int x, int n) {
+        k.bgrToI444Row(bgr + size_t(r) * bgr_step + size_t(x) * 3, nullptr, t.p[0], nullptr, t.p[1], t.p[2], n);
+        k.merge3(t.p[0], t.p[1], t.p[2], dst + size_t(r) * dst_step + size_t(x) * 3, n);
+    });
+}
+
+void yuv444PackedToGray(const uint8_t* src, size_t src_step, uint8_t* gray, size_t gray_step, int width, int height) {
+    const Split3Fn split = kernels().split3;
+    PlanarStrip t;
+    forPackedStrips(width, height, [&](int r, int x, int n) {
+        split(src + size_t(r) * src_step + size_t(x) * 3, gray + size_t(r) * gray_step + x, t.p[1], t.p[2], n);
+    });
+}
+
+void yuv444PackedToRgb(RgbOrder order, const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int width,
+                       int height) {
+    const FastKernels& k = kernels();
+    const YuvToRgbRowFn row = order == RgbOrder::kBgr ? k.yuvFullToBgrRow : k.yuvFullToRgbRow;
+    PlanarStrip t;
+    forPackedStrips(width, height, [&](int r, int x, int n) {
+        k.split3(src + size_t(r) * src_step + size_t(x) * 3, t.p[0], t.p[1], t.p[2], n);
+        row(t.p[0], t.p[1], t.p[2], dst + size_t(r) * dst_step + size_t(x) * 3, n);
+    });
 }
 
 // YUV to BGR / RGB through the format converter's row kernels: the same
@@ -243,18 +330,31 @@ void i444ToRgb(RgbOrder order, const uint8_t* y, size_t y_step, const uint8_t* u
 }
 
 void swapRgb(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int width, int height) {
-    libyuv::RAWToRGB24(src, pitch(src_step), dst, pitch(dst_step), width, height);
+    const Swap3Fn row = kernels().swap3;
+    forRows(height, [&](int y) { row(src + size_t(y) * src_step, dst + size_t(y) * dst_step, width); });
 }
 
 void splitPlanes3(const uint8_t* src, size_t src_step, uint8_t* d0, size_t s0, uint8_t* d1, size_t s1, uint8_t* d2,
                   size_t s2, int width, int height) {
-    // libyuv names the planes r, g, b but moves byte k to plane k.
-    libyuv::SplitRGBPlane(src, pitch(src_step), d0, pitch(s0), d1, pitch(s1), d2, pitch(s2), width, height);
+    const Split3Fn row = kernels().split3;
+    forRows(height, [&](int y) {
+        row(src + size_t(y) * src_step, d0 + size_t(y) * s0, d1 + size_t(y) * s1, d2 + size_t(y) * s2, width);
+    });
 }
 
 void mergePlanes3(const uint8_t* p0, size_t s0, const uint8_t* p1, size_t s1, const uint8_t* p2, size_t s2,
                   uint8_t* dst, size_t dst_step, int width, int height) {
-    libyuv::MergeRGBPlane(p0, pitch(s0), p1, pitch(s1), p2, pitch(s2), dst, pitch(dst_step), width, height);
+    const Merge3Fn row = kernels().merge3;
+    forRows(height, [&](int y) {
+        row(p0 + size_t(y) * s0, p1 + size_t(y) * s1, p2 + size_t(y) * s2, dst + size_t(y) * dst_step, width);
+    });
+}
+
+void bytesToPlanarFloat3(const uint8_t* src, size_t src_step, float* d0, size_t s0, float* d1, size_t s1, float* d2,
+                         size_t s2, int width, int height) {
+    const Split3Fn row = kernels().bytesToPlanarFloat3;
+    const auto at = [](float* plane, size_t step, int y) { return reinterpret_cast<uint8_t*>(plane) + size_t(y) * step; };
+    forRows(height, [&](int y) { row(src + size_t(y) * src_step, at(d0, s0, y), at(d1, s1, y), at(d2, s2, y), width); });
 }
 
 void splitPairs(const uint8_t* src, size_t src_step, uint8_t* d0, size_t s0, uint8_t* d1, size_t s1, int width,

@@ -32,14 +32,32 @@ enum class RgbOrder { kBgr, kRgb };
 enum class Interpolation { kNearest, kBilinear, kArea };
 
 // --- YUV ---------------------------------------------------------------------
-// Width and height even.
+// BGR to YUV with libyuv's arithmetic (see BgrToYuvRowsFn in
+// kv_impl_fast_kernels.h), on our kernels. 4:2:0: width and height even;
+// Nv12 writes (U, V) pairs, or (V, U) with `vu`; 4:2:2: width even, chroma
+// planes (or pairs) of (width / 2) x height; packed 4:4:4 writes Y, U, V per pixel.
 void bgrToI420(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step, uint8_t* v,
                size_t v_step, int width, int height);
-void bgrToYuv444(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step,
-                 uint8_t* v, size_t v_step, int width, int height);
-// Chroma planes of (width / 2) x height; width even.
+void bgrToNv12(bool vu, const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* uv, size_t uv_step,
+               int width, int height);
 void bgrToI422(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step, uint8_t* v,
                size_t v_step, int width, int height);
+void bgrToNv16(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* uv, size_t uv_step, int width,
+               int height);
+void bgrToYuv444(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step,
+                 uint8_t* v, size_t v_step, int width, int height);
+void bgrToYuv444Packed(const uint8_t* bgr, size_t bgr_step, uint8_t* dst, size_t dst_step, int width, int height);
+// The same conversions by libyuv itself, so that tests can hold the kernels against it.
+void bgrToI420WithLibrary(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step,
+                          uint8_t* v, size_t v_step, int width, int height);
+void bgrToI422WithLibrary(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u, size_t u_step,
+                          uint8_t* v, size_t v_step, int width, int height);
+void bgrToYuv444WithLibrary(const uint8_t* bgr, size_t bgr_step, uint8_t* y, size_t y_step, uint8_t* u,
+                            size_t u_step, uint8_t* v, size_t v_step, int width, int height);
+// Packed 4:4:4 (Y, U, V per pixel) to its Y plane, and to 3-byte pixels as i444ToRgb.
+void yuv444PackedToGray(const uint8_t* src, size_t src_step, uint8_t* gray, size_t gray_step, int width, int height);
+void yuv444PackedToRgb(RgbOrder order, const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int width,
+                       int height);
 // YUV to 3-byte pixels with the format converter's integer formulas (C =
 // 297 (Y - 16), ...; see kv_impl_convert_rows.h), bit-identical to the
 // generic backend. Chroma planes of ceil(width / 2) x ceil(height / 2)
@@ -66,6 +84,9 @@ void splitPlanes3(const uint8_t* src, size_t src_step, uint8_t* d0, size_t s0, u
                   size_t s2, int width, int height);
 void mergePlanes3(const uint8_t* p0, size_t s0, const uint8_t* p1, size_t s1, const uint8_t* p2, size_t s2,
                   uint8_t* dst, size_t dst_step, int width, int height);
+// 3-byte pixels to three float planes, byte k of each pixel to plane k, unchanged.
+void bytesToPlanarFloat3(const uint8_t* src, size_t src_step, float* d0, size_t s0, float* d1, size_t s1, float* d2,
+                         size_t s2, int width, int height);
 // 2-byte pairs <-> two planes; `width` counts pairs.
 void splitPairs(const uint8_t* src, size_t src_step, uint8_t* d0, size_t s0, uint8_t* d1, size_t s1, int width,
                 int height);

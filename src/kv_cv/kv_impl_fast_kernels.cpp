@@ -637,21 +637,33 @@ namespace {
 
 constexpr FastKernels kRef{ref::bgrToGrayRow,     ref::grayToBgrRow,     ref::u8ToF32Row,       ref::f32ToU8Row,
                            ref::halfToFloatRow,   ref::floatToHalfRow,   ref::rotate3,          ref::areaBox,
-                           ref::yuvHalfToBgrRow,
-                           ref::yuvHalfToRgbRow,  ref::yuvPairsToBgrRow, ref::yuvPairsToRgbRow, ref::yuvFullToBgrRow,
-                           ref::yuvFullToRgbRow};
+                           ref::yuvHalfToBgrRow,  ref::yuvHalfToRgbRow,  ref::yuvPairsToBgrRow, ref::yuvPairsToRgbRow,
+                           ref::yuvFullToBgrRow,  ref::yuvFullToRgbRow,  ref::bgrToI420Rows,    ref::bgrToNv12Rows,
+                           ref::bgrToI422Row,     ref::bgrToNv16Row,     ref::bgrToI444Row,     ref::split3Row,
+                           ref::merge3Row,        ref::swap3Row,         ref::bytesToPlanarFloat3Row};
 constexpr FastKernels kAvx2{avx2::bgrToGrayRow,     avx2::grayToBgrRow,     avx2::u8ToF32Row,
                             avx2::f32ToU8Row,       avx2::halfToFloatRow,   avx2::floatToHalfRow,
                             avx2::rotate3,          avx2::areaBox,          avx2::yuvHalfToBgrRow,
-                            avx2::yuvHalfToRgbRow,
-                            avx2::yuvPairsToBgrRow, avx2::yuvPairsToRgbRow, avx2::yuvFullToBgrRow,
-                            avx2::yuvFullToRgbRow};
+                            avx2::yuvHalfToRgbRow,  avx2::yuvPairsToBgrRow, avx2::yuvPairsToRgbRow,
+                            avx2::yuvFullToBgrRow,  avx2::yuvFullToRgbRow,  avx2::bgrToI420Rows,
+                            avx2::bgrToNv12Rows,    avx2::bgrToI422Row,     avx2::bgrToNv16Row,
+                            avx2::bgrToI444Row,     avx2::split3Row,        avx2::merge3Row,
+                            avx2::swap3Row,         avx2::bytesToPlanarFloat3Row};
+constexpr FastKernels kAvx512{avx512::bgrToGrayRow,     avx2::grayToBgrRow,       avx2::u8ToF32Row,
+                              avx2::f32ToU8Row,         avx512::halfToFloatRow,   avx2::floatToHalfRow,
+                              avx512::rotate3,          avx2::areaBox,            avx512::yuvHalfToBgrRow,
+                              avx512::yuvHalfToRgbRow,  avx512::yuvPairsToBgrRow, avx512::yuvPairsToRgbRow,
+                              avx512::yuvFullToBgrRow,  avx512::yuvFullToRgbRow,  avx512::bgrToI420Rows,
+                              avx512::bgrToNv12Rows,    avx512::bgrToI422Row,     avx512::bgrToNv16Row,
+                              avx512::bgrToI444Row,     avx512::split3Row,        avx512::merge3Row,
+                              avx512::swap3Row,         avx512::bytesToPlanarFloat3Row};
 
 }  // namespace
 
 const FastKernels& fastKernels(Isa isa) {
     static const bool f16c = __builtin_cpu_supports("f16c");
-    return isa == Isa::kAvx2 && f16c ? kAvx2 : kRef;
+    if (!f16c || isa < Isa::kAvx2) return kRef;
+    return isa >= Isa::kAvx512 ? kAvx512 : kAvx2;
 }
 
 }  // namespace impl

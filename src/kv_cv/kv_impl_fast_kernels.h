@@ -1,10 +1,13 @@
 // Row kernels of the fast backend's adapter where a loop of our own beats the
-// third-party call: BGR to gray, gray to BGR, byte <-> float, half <-> float,
-// rotation of 3-byte pixels, integer-factor area reduction, and YUV to BGR / RGB (the format converter's
-// kernels of kv_impl_convert_rows, so that both backends give the same bytes). Each kernel has a plain reference in
-// kv::impl::ref that defines the result and an AVX2 twin in kv::impl::avx2
-// with the same signature and bit-identical output. Kernels accept any width
-// of at least 1 and never touch memory outside the given rows.
+// third-party call: BGR to gray and to YUV (libyuv's arithmetic), gray to BGR,
+// byte <-> float, half <-> float, rotation of 3-byte pixels, integer-factor
+// area reduction, and the format converter's kernels of kv_impl_convert_rows
+// for YUV to BGR / RGB and the byte moves of 3-byte pixels (so that both
+// backends give the same bytes). Each kernel has a plain reference in
+// kv::impl::ref that defines the result and an AVX2 twin in kv::impl::avx2,
+// some an AVX-512 one in kv::impl::avx512, all with the same signature and
+// bit-identical output. Kernels accept any width of at least 1 and never
+// touch memory outside the given rows.
 #pragma once
 
 #include <cstddef>
@@ -50,6 +53,24 @@ using Rotate3Fn = void (*)(const uint8_t* src, size_t src_step, int width, int h
 using AreaBoxFn = void (*)(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width,
                            int dst_height, int channels, int fx, int fy);
 
+// BGR rows to YUV with the fast backend's arithmetic (kv_impl_fast_yuv.cpp):
+//   Y = (25 B + 129 G + 66 R + 4224) >> 8;
+//   U = (112 B - 74 G - 38 R + 32768) >> 8, V = (112 R - 94 G - 18 B + 32768) >> 8
+// of B, G, R averaged over the chroma block with rounding means
+// (a + b + 1) >> 1, first down the rows, then across the column pair; an odd
+// last column is a block of its own. The 4:2:0 kernels take a row pair (s0,
+// s1 into y0, y1 and one chroma row); the 4:2:2 and 4:4:4 ones one row (s1
+// and y1 unused). Chroma goes to planes u, v (ceil(width / 2) or width
+// samples) or, for the Nv kernels, into pairs where u and v are one byte
+// apart in either order.
+using BgrToYuvRowsFn = void (*)(const uint8_t* s0, const uint8_t* s1, uint8_t* y0, uint8_t* y1, uint8_t* u,
+                                uint8_t* v, int width);
+
+// The converter's byte moves of 3-byte pixels (kv_impl_convert_rows.h).
+using Split3Fn = void (*)(const uint8_t* src, uint8_t* p0, uint8_t* p1, uint8_t* p2, int width);
+using Merge3Fn = void (*)(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2, uint8_t* dst, int width);
+using Swap3Fn = void (*)(const uint8_t* src, uint8_t* dst, int width);
+
 struct FastKernels {
     BgrToGrayRowFn bgrToGrayRow;
     GrayToBgrRowFn grayToBgrRow;
@@ -66,12 +87,32 @@ struct FastKernels {
     YuvToRgbRowFn yuvPairsToRgbRow;
     YuvToRgbRowFn yuvFullToBgrRow;
     YuvToRgbRowFn yuvFullToRgbRow;
+    BgrToYuvRowsFn bgrToI420Rows;
+    BgrToYuvRowsFn bgrToNv12Rows;
+    BgrToYuvRowsFn bgrToI422Row;
+    BgrToYuvRowsFn bgrToNv16Row;
+    BgrToYuvRowsFn bgrToI444Row;
+    Split3Fn split3;
+    Merge3Fn merge3;
+    Swap3Fn swap3;
+    Split3Fn bytesToPlanarFloat3;  // floats at any byte address
 };
 
-// The kernel set for `isa` (AVX2 needs F16C too, which every AVX2 processor has).
+// The kernel set for `isa` (AVX2 needs F16C too, which every AVX2 processor
+// has); kAvx512 runs the AVX-512 kernels where there are any, else AVX2.
 const FastKernels& fastKernels(Isa isa);
 
+#define KV_FAST_YUV_KERNELS                                                                                      \
+    void bgrToI420Rows(const uint8_t* s0, const uint8_t* s1, uint8_t* y0, uint8_t* y1, uint8_t* u, uint8_t* v,   \
+                       int width);                                                                               \
+    void bgrToNv12Rows(const uint8_t* s0, const uint8_t* s1, uint8_t* y0, uint8_t* y1, uint8_t* u, uint8_t* v,   \
+                       int width);                                                                               \
+    void bgrToI422Row(const uint8_t* s, const uint8_t*, uint8_t* y, uint8_t*, uint8_t* u, uint8_t* v, int width); \
+    void bgrToNv16Row(const uint8_t* s, const uint8_t*, uint8_t* y, uint8_t*, uint8_t* u, uint8_t* v, int width); \
+    void bgrToI444Row(const uint8_t* s, const uint8_t*, uint8_t* y, uint8_t*, uint8_t* u, uint8_t* v, int width)
+
 namespace ref {
+KV_FAST_YUV_KERNELS;
 void bgrToGrayRow(const uint8_t* bgr, uint8_t* gray, int width);
 void grayToBgrRow(const uint8_t* gray, uint8_t* bgr, int width);
 void u8ToF32Row(const uint8_t* src, float* dst, size_t count);
@@ -84,6 +125,7 @@ void areaBox(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step,
 }  // namespace ref
 
 namespace avx2 {
+KV_FAST_YUV_KERNELS;
 void bgrToGrayRow(const uint8_t* bgr, uint8_t* gray, int width);
 void grayToBgrRow(const uint8_t* gray, uint8_t* bgr, int width);
 void u8ToF32Row(const uint8_t* src, float* dst, size_t count);
@@ -94,6 +136,13 @@ void rotate3(const uint8_t* src, size_t src_step, int width, int height, int cod
 void areaBox(const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step, int dst_width, int dst_height,
              int channels, int fx, int fy);
 }  // namespace avx2
+
+namespace avx512 {
+KV_FAST_YUV_KERNELS;
+void bgrToGrayRow(const uint8_t* bgr, uint8_t* gray, int width);
+void halfToFloatRow(const uint16_t* src, float* dst, size_t count);
+void rotate3(const uint8_t* src, size_t src_step, int width, int height, int code, uint8_t* dst, size_t dst_step);
+}  // namespace avx512
 
 }  // namespace impl
 }  // namespace kv

@@ -139,43 +139,44 @@ void ImplFormatConverter::getFormatInfo(FrameFormat f, YuvFormatInfo& info) {
 }
 
 void ImplFormatConverter::get_context(FrameFormat src, FrameFormat dst, int* window_size) {
-    namespace ref = impl::ref;
     // Formats without a YUV description keep an empty one.
     _src_info = YuvFormatInfo();
     _dst_info = YuvFormatInfo();
     getFormatInfo(src, _src_info);
     getFormatInfo(dst, _dst_info);
     *window_size = 1;
-    const bool simd = impl::activeIsa() >= impl::Isa::kAvx2;
+    const impl::Isa isa = impl::activeIsa();
+    const bool simd = isa >= impl::Isa::kAvx2;
 #define KV_PICK(name) (simd ? &impl::avx2::name : &impl::ref::name)
+#define KV_PICK3(name) (isa >= impl::Isa::kAvx512 ? &impl::avx512::name : KV_PICK(name))
     switch (src) {
         case FRAME_GRAY_8:
             if (dst == FRAME_BGR_8)
-                _convert = &ref::grayToBgrRow;
+                _convert = KV_PICK(grayToBgrRow);
             else if (isYuv(dst))
-                _convert = &ref::grayToYuvRow;
+                _convert = KV_PICK(grayToYuvRow);
             else
                 KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 183, "%s", kUnsupported);
             return;
         case FRAME_RGB_8:
             if (dst == FRAME_RGB_8_PLANAR)
-                _convert = KV_PICK(deinterleave3Row);
+                _convert = KV_PICK3(deinterleave3Row);
             else if (dst == FRAME_BGR_8)
-                _convert = KV_PICK(swapRbRow);
+                _convert = KV_PICK3(swapRbRow);
             else if (dst == FRAME_FLOAT_32_C3_PLANAR)
-                _convert = KV_PICK(bytesToPlanarFloatRow);
+                _convert = KV_PICK3(bytesToPlanarFloatRow);
             else
                 KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 273, "%s", kUnsupported);
             return;
         case FRAME_RGB_8_PLANAR:
             if (dst != FRAME_RGB_8) KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 288, "%s", kUnsupported);
-            _convert = KV_PICK(interleave3Row);
+            _convert = KV_PICK3(interleave3Row);
             return;
         case FRAME_BGR_8:
             switch (dst) {
                 case FRAME_GRAY_8: _convert = KV_PICK(bgrToGrayRow); return;
-                case FRAME_RGB_8: _convert = KV_PICK(swapRbRow); return;
-                case FRAME_BGR_8_PLANAR: _convert = KV_PICK(deinterleave3Row); return;
+                case FRAME_RGB_8: _convert = KV_PICK3(swapRbRow); return;
+                case FRAME_BGR_8_PLANAR: _convert = KV_PICK3(deinterleave3Row); return;
                 case FRAME_I420:
                 case FRAME_YV12:
                     _convert = KV_PICK(bgrToYuv420PlanarRow);
@@ -191,16 +192,16 @@ void ImplFormatConverter::get_context(FrameFormat src, FrameFormat dst, int* win
                 case FRAME_YV16:
                 case FRAME_YUYV:
                 case FRAME_UYVY:
-                case FRAME_NV16: _convert = &ref::bgrToYuv422Row; return;
+                case FRAME_NV16: _convert = KV_PICK(bgrToYuv422Row); return;
                 case FRAME_YUV444:
-                case FRAME_YUV444_PLANAR: _convert = &ref::bgrToYuv444Row; return;
+                case FRAME_YUV444_PLANAR: _convert = KV_PICK(bgrToYuv444Row); return;
                 case FRAME_FLOAT_32_C3: _convert = KV_PICK(bytesToFloatRow); return;
-                case FRAME_FLOAT_32_C3_PLANAR: _convert = KV_PICK(bytesToPlanarFloatRow); return;
+                case FRAME_FLOAT_32_C3_PLANAR: _convert = KV_PICK3(bytesToPlanarFloatRow); return;
                 default: KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 237, "%s", kUnsupported);
             }
         case FRAME_BGR_8_PLANAR:
             if (dst != FRAME_BGR_8) KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 252, "%s", kUnsupported);
-            _convert = KV_PICK(interleave3Row);
+            _convert = KV_PICK3(interleave3Row);
             return;
         case FRAME_FLOAT_32_C3:
             if (dst != FRAME_BGR_8) KV_THROW_LINE(KV_STATUS_NOT_SUPPORTED, kGetContext, 417, "%s", kUnsupported);
@@ -211,24 +212,25 @@ void ImplFormatConverter::get_context(FrameFormat src, FrameFormat dst, int* win
     }
     if (!isYuv(src)) KV_THROW_LINE(KV_STATUS_FORMAT_ERROR, kGetContext, 425, "%s", kUnsupported);
     if (dst == FRAME_GRAY_8) {
-        _convert = &ref::yuvToGrayRow;
+        _convert = KV_PICK(yuvToGrayRow);
     } else if (dst == FRAME_BGR_8) {
         // The 4:2:0 row kernels serve the 4:2:2 layouts too: a row only
         // sees its own chroma row.
         if (src == FRAME_I420 || src == FRAME_YV12 || src == FRAME_YV16)
-            _convert = KV_PICK(yuv420PlanarToBgrRow);
+            _convert = KV_PICK3(yuv420PlanarToBgrRow);
         else if (src == FRAME_NV12 || src == FRAME_NV21 || src == FRAME_NV16)
-            _convert = KV_PICK(yuv420SemiToBgrRow);
+            _convert = KV_PICK3(yuv420SemiToBgrRow);
         else if (src == FRAME_YUV444_PLANAR)
-            _convert = KV_PICK(yuv444PlanarToBgrRow);
+            _convert = KV_PICK3(yuv444PlanarToBgrRow);
         else
-            _convert = &ref::yuvToBgrRow;
+            _convert = KV_PICK3(yuvToBgrRow);
     } else {
         // Includes destinations without a description (ySub 0): no window
         // can hold 0 rows, so the owner's window rejects them.
-        _convert = &ref::yuvToYuvRow;
+        _convert = isYuv(dst) ? KV_PICK(yuvToYuvRow) : &impl::ref::yuvToYuvRow;
         *window_size = _dst_info.ySub;
     }
+#undef KV_PICK3
 #undef KV_PICK
 }
 
