@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "alloc_count.h"
+#include "frame_compare.h"
 #include "kv_cv/kv_cv_backend_base.h"
 #include "kv_cv/kv_row_copier.h"
 #include "kv_cv/kv_scaler.h"
@@ -638,6 +639,26 @@ TEST(AreaSteadyState, SecondReuseAndProduceAllocateNothing) {
         run();
         EXPECT_EQ(kvtest::allocationCount(), before) << kv::toString(f);
         EXPECT_EQ(out.planeCpuData(0), data);
+    }
+}
+
+// Found by the row-chain fuzz target under UndefinedBehaviorSanitizer: byte
+// rows through the shuffle plan offset the (empty) bias table of 16-bit rows.
+// A packed 4:2:2 enlargement takes that plan; every ISA gives the same bytes.
+TEST(AreaFrames, ByteRowShufflePlanOnEveryIsa) {
+    using namespace kv;
+    const Frame src = kvtest::randomFrame(FRAME_YUYV, Size(7, 8), 5);
+    Frame first;
+    for (Isa isa : kvtest::availableIsas()) {
+        IsaCap cap(isa);
+        Scaler scaler;
+        scaler.reuse(src, Size(99, 99), KV_SCALE_AREA);
+        Frame out;
+        produceFrame(scaler, out);
+        if (!first.initialized())
+            first = out;
+        else
+            EXPECT_EQ(kvtest::frameDifference(out, first), "") << impl::isaName(isa);
     }
 }
 

@@ -538,9 +538,10 @@ void pairBlocks(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaT
     for (const AreaTaps::PairBlock& blk : t.pair_block) {
         const __m256i* sel = sets + size_t(blk.pattern) * size_t(2 * K * P);
         const __m256i lo = half(blk.base, sel, w, bias);
-        const __m256i hi = half(blk.base + 2, sel + K * P, w + P, bias + 1);
+        // Byte rows have no bias words (no pointer arithmetic on the empty plan).
+        const __m256i hi = half(blk.base + 2, sel + K * P, w + P, SB == 2 ? bias + 1 : bias);
         w += 2 * P;
-        bias += 2;
+        if (SB == 2) bias += 2;
         // Words: lane 0 holds values 0-3 | 8-11, lane 1 4-7 | 12-15.
         const __m256i words = _mm256_packus_epi32(lo, hi);
         if (SB == 1) {
