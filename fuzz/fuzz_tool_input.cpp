@@ -45,16 +45,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int i = 0; i < n; ++i) words.push_back(in.ConsumeRandomLengthString(24));
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(w.data());
-    kvcv::InputSpec spec;
+    kvcv::InputSpec wanted;
     toolGuarded([&] {
         const kvcv::Args args(int(argv.size()), argv.data(), {"in-format", "in-size", "max-pixels", "size", "rect"},
                               {"letterbox"});
-        spec = kvcv::inputSpec(args);
+        wanted = kvcv::inputSpec(args);
         if (args.has("size")) kvcv::parseSize(args.get("size"), "--size");
         if (args.has("rect")) kvcv::parseRects(args.get("rect"), "--rect");
         args.expectPositional(0, 2, "IN OUT");
     });
-    spec.max_pixels = std::min(spec.max_pixels, kMaxPixels);
+    wanted.max_pixels = std::min(wanted.max_pixels, kMaxPixels);
     // Each parser on a string of its own.
     const std::string text = in.ConsumeRandomLengthString(40);
     toolGuarded([&] { kvcv::parseSize(text, "--size"); });
@@ -67,15 +67,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     toolGuarded([&] { kvcv::parseBackendName(text); });
 
     // The file: raw (when the arguments named a format) or encoded.
-    const bool raw = spec.raw_format != kv::FRAME_UNDEFINED || in.ConsumeIntegralInRange<int>(0, 3) == 0;
-    if (raw && spec.raw_format == kv::FRAME_UNDEFINED) {
-        spec.raw_format = kvfuzz::anyFormat(in);
-        spec.raw_size = kvfuzz::anySize(in, 64);
+    const bool raw = wanted.raw_format != kv::FRAME_UNDEFINED || in.ConsumeIntegralInRange<int>(0, 3) == 0;
+    if (raw && wanted.raw_format == kv::FRAME_UNDEFINED) {
+        wanted.raw_format = kvfuzz::anyFormat(in);
+        wanted.raw_size = kvfuzz::anySize(in, 64);
     }
     auto bytes = std::make_shared<std::vector<uint8_t>>(data + 2 + split, data + size);
     if (!bytes->empty()) kvcv::readImageHeader(bytes->data(), bytes->size());
     toolGuarded([&] {
-        const kvcv::Image image = kvcv::decodeImage(bytes, "input", spec);
+        const kvcv::Image image = kvcv::decodeImage(bytes, "input", wanted);
         // The frame describes memory the image keeps: touch every row byte.
         const kv::FrameLayout& l = image.frame.layout();
         unsigned sum = 0;

@@ -27,9 +27,9 @@ Bytes encode(const std::string& ext, int width, int height, int type = CV_8UC3) 
 }
 
 // The message of the RunError that decoding `bytes` throws ("" when none).
-std::string refusal(const Bytes& bytes, const kvcv::InputSpec& spec = kvcv::InputSpec()) {
+std::string refusal(const Bytes& bytes, const kvcv::InputSpec& wanted = kvcv::InputSpec()) {
     try {
-        kvcv::decodeImage(std::make_shared<Bytes>(bytes), "in", spec);
+        kvcv::decodeImage(std::make_shared<Bytes>(bytes), "in", wanted);
     } catch (const kvcv::RunError& e) {
         return e.what();
     }
