@@ -238,6 +238,63 @@ TEST(ResampleKernels, VerticalVectorMatchesScalar) {
         }
 }
 
+// Box taps share one weight: those pixels and rows take the summing path,
+// which must give the reference's bytes at every channel count and width.
+TEST(ResampleKernels, BoxSummingPathsMatchScalar) {
+    if (impl::detectedIsa() < Isa::kAvx2) GTEST_SKIP() << "no AVX2";
+    std::mt19937 rng(7);
+    for (int C = 1; C <= 4; ++C)
+        for (int w : kernelWidths())
+            for (int dw : outputWidths(w)) {
+                impl::ResampleAxis a;
+                impl::buildResampleAxis(KV_RESAMPLE_BOX, w, dw, a);
+                impl::ResampleX8 plan;
+                impl::prepareResampleX8(a, C, plan);
+                ASSERT_TRUE(plan.vector);
+                if (w <= 200 * dw)  // beyond, the 16-bit sums could overflow: the split sums run
+                    ASSERT_GT(std::count_if(plan.uniform.begin(), plan.uniform.end(), [](int32_t u) { return u != 0; }), 0) << C << " " << w << "->" << dw;
+                const int rows = 1 + int(rng() % 16);
+                std::vector<std::vector<uint8_t>> in(size_t(rows), std::vector<uint8_t>(size_t(w) * size_t(C)));
+                std::vector<std::vector<uint8_t>> want(size_t(rows), std::vector<uint8_t>(size_t(dw) * size_t(C)));
+                std::vector<std::vector<uint8_t>> got = want;
+                std::vector<const uint8_t*> src;
+                std::vector<uint8_t*> d_ref, d_vec;
+                for (int r = 0; r < rows; ++r) {
+                    // Mostly 255 at large factors: the largest sums the 16-bit lanes hold.
+                    for (uint8_t& v : in[size_t(r)]) v = rng() % 3 ? 255 : uint8_t(rng());
+                    src.push_back(in[size_t(r)].data());
+                    d_ref.push_back(want[size_t(r)].data());
+                    d_vec.push_back(got[size_t(r)].data());
+                }
+                impl::ref::resampleRowsX8(src.data(), d_ref.data(), rows, plan);
+                impl::avx2::resampleRowsX8(src.data(), d_vec.data(), rows, plan);
+                ASSERT_EQ(got, want) << "C" << C << " " << w << "->" << dw;
+            }
+    for (int len : {32, 33, 95, 1921})
+        for (int h : {2, 3, 7, 40, 1080}) {
+            for (int dh : outputWidths(h)) {
+                impl::ResampleAxis a;
+                impl::buildResampleAxis(KV_RESAMPLE_BOX, h, dh, a);
+                impl::ResampleY8 plan;
+                impl::prepareResampleY8(a, plan);
+                std::vector<std::vector<uint8_t>> rows(static_cast<size_t>(h), std::vector<uint8_t>(static_cast<size_t>(len)));
+                for (auto& r : rows)
+                    for (uint8_t& v : r) v = rng() % 3 ? 255 : uint8_t(rng());
+                for (int y = 0; y < dh; ++y) {
+                    if (h <= 200 * dh) ASSERT_NE(plan.uniform[size_t(y)], 0);
+                    std::vector<const uint8_t*> taps;
+                    for (int k = 0; k < a.count[size_t(y)]; ++k) taps.push_back(rows[size_t(a.start[size_t(y)] + k)].data());
+                    taps.push_back(taps.back());
+                    const impl::ResampleRowsY in{taps.data(), y, size_t(len)};
+                    std::vector<uint8_t> want(static_cast<size_t>(len)), got(static_cast<size_t>(len));
+                    impl::ref::resampleRowY8(in, want.data(), plan);
+                    impl::avx2::resampleRowY8(in, got.data(), plan);
+                    ASSERT_EQ(got, want) << "len " << len << " " << h << "->" << dh << " y " << y;
+                }
+            }
+        }
+}
+
 // Weights whose high parts would overflow the vector kernels' 16-bit sums
 // (not met by the shipped filters) make the plans fall back to the reference.
 TEST(ResampleKernels, WeightsTooLargeForTheVectorSumsRunTheReference) {

@@ -98,6 +98,21 @@ inline uint32_t loPair(int32_t w0, int32_t w1) {
 
 size_t roundUp(size_t v, size_t a) { return (v + a - 1) / a * a; }
 
+// The weight every nonzero tap of w[0..n) has, or 0 when they differ (or a
+// 16-bit sum of 255 per tap could overflow). The reference's sum is then
+// that weight times the plain sum of the chosen samples.
+int32_t uniformWeight(const int32_t* w, int n) {
+    int32_t common = 0;
+    for (int k = 0; k < n; ++k) {
+        if (w[k] == 0) continue;
+        if (common != 0 && w[k] != common) return 0;
+        common = w[k];
+    }
+    return common > 0 && 255 * n <= 65535 ? common : 0;
+}
+
+inline uint16_t maskPair(int32_t w0, int32_t w1) { return uint16_t((w0 != 0 ? 1 : 0) | (w1 != 0 ? 0x100 : 0)); }
+
 }  // namespace
 
 void prepareResampleX8(const ResampleAxis& a, int channels, ResampleX8& plan) {
@@ -108,6 +123,8 @@ void prepareResampleX8(const ResampleAxis& a, int channels, ResampleX8& plan) {
     plan.pair_offset.assign(size_t(a.dst), 0);
     plan.hi.clear();
     plan.lo.clear();
+    plan.mask.clear();
+    plan.uniform.assign(size_t(a.dst), 0);
     bool exact = true;
     std::vector<int32_t> aligned(size_t(a.taps) + 2);
     for (int o = 0; o < a.dst; ++o) {
@@ -128,9 +145,11 @@ void prepareResampleX8(const ResampleAxis& a, int channels, ResampleX8& plan) {
         plan.pair_start[size_t(o)] = start >> 1;
         plan.pair_count[size_t(o)] = pairs;
         plan.pair_offset[size_t(o)] = int32_t(plan.hi.size());
+        plan.uniform[size_t(o)] = uniformWeight(w, n);
         for (int j = 0; j < pairs; ++j) {
             plan.hi.push_back(hiPair(aligned[size_t(2 * j)], aligned[size_t(2 * j + 1)]));
             plan.lo.push_back(loPair(aligned[size_t(2 * j)], aligned[size_t(2 * j + 1)]));
+            plan.mask.push_back(maskPair(aligned[size_t(2 * j)], aligned[size_t(2 * j + 1)]));
         }
     }
     plan.vector = exact;
@@ -153,14 +172,18 @@ void prepareResampleY8(const ResampleAxis& a, ResampleY8& plan) {
     plan.hi.assign(size_t(a.dst) * size_t(plan.pairs), 0);
     plan.lo.assign(size_t(a.dst) * size_t(plan.pairs), 0);
     plan.vector.assign(size_t(a.dst), 0);
+    plan.uniform.assign(size_t(a.dst), 0);
+    plan.mask.assign(size_t(a.dst) * size_t(plan.pairs), 0);
     for (int y = 0; y < a.dst; ++y) {
         const int32_t* w = &a.coeff[size_t(y) * size_t(a.taps)];
         const int n = a.count[size_t(y)];
         plan.vector[size_t(y)] = splitExact(w, n) ? 1 : 0;
+        plan.uniform[size_t(y)] = uniformWeight(w, n);
         for (int j = 0; 2 * j < n; ++j) {
             const int32_t w1 = 2 * j + 1 < n ? w[2 * j + 1] : 0;
             plan.hi[size_t(y) * size_t(plan.pairs) + size_t(j)] = hiPair(w[2 * j], w1);
             plan.lo[size_t(y) * size_t(plan.pairs) + size_t(j)] = loPair(w[2 * j], w1);
+            plan.mask[size_t(y) * size_t(plan.pairs) + size_t(j)] = maskPair(w[2 * j], w1);
         }
     }
 }
@@ -363,6 +386,42 @@ inline __m256i finish(__m256i hi16, __m256i lo_a, __m256i lo_b) {
     return _mm256_packs_epi32(s0, s1);
 }
 
+// finish() for a 16-bit sum of samples that all carry weight w: the exact
+// 32-bit sum w * s + 2^21 (the plans keep it in range), shifted and saturated.
+inline __m256i finishUniform(__m256i sum16, __m256i w, __m256i half) {
+    const __m256i zero = _mm256_setzero_si256();
+    const __m256i s0 = _mm256_srai_epi32(_mm256_add_epi32(_mm256_mullo_epi32(_mm256_unpacklo_epi16(sum16, zero), w), half),
+                                         kResampleBits);
+    const __m256i s1 = _mm256_srai_epi32(_mm256_add_epi32(_mm256_mullo_epi32(_mm256_unpackhi_epi16(sum16, zero), w), half),
+                                         kResampleBits);
+    return _mm256_packs_epi32(s0, s1);
+}
+
+// An output pixel whose taps share one weight: every channel's samples summed
+// in 16 bits (maddubs with the 0/1 tap masks), then scaled once.
+template <int C>
+inline void filterPixelUniform(const __m256i* x, const uint16_t* mask, int n, int32_t weight, uint8_t* out) {
+    __m256i acc[C];
+    for (int c = 0; c < C; ++c) acc[c] = _mm256_setzero_si256();
+#pragma GCC unroll 2
+    for (int j = 0; j < n; ++j) {
+        const __m256i m = _mm256_set1_epi16(int16_t(mask[j]));
+        for (int c = 0; c < C; ++c)
+            acc[c] = _mm256_add_epi16(acc[c], _mm256_maddubs_epi16(_mm256_load_si256(x + size_t(j) * C + size_t(c)), m));
+    }
+    const __m256i w = _mm256_set1_epi32(weight), half = _mm256_set1_epi32(kResampleHalf);
+    int c = 0;
+    for (; c + 1 < C; c += 2) {
+        const __m256i b = _mm256_packus_epi16(finishUniform(acc[c], w, half), finishUniform(acc[c + 1], w, half));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + c * 16), _mm256_permute4x64_epi64(b, 0xD8));
+    }
+    if (c < C) {
+        const __m256i v = finishUniform(acc[c], w, half);
+        const __m256i b = _mm256_permute4x64_epi64(_mm256_packus_epi16(v, v), 0x08);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + c * 16), _mm256_castsi256_si128(b));
+    }
+}
+
 // Sums of G channels (c0, c0 + 1) of one output pixel over its pairs, then
 // finished into G columns of 16 rows. At most two channels at a time keeps
 // the sums in registers.
@@ -408,6 +467,10 @@ void filterColumns(const ResampleX8& plan, const uint8_t* pairs, uint8_t* column
         const uint32_t* lo = &plan.lo[size_t(plan.pair_offset[size_t(o)])];
         const int n = plan.pair_count[size_t(o)];
         uint8_t* out = columns + size_t(o) * C * 16;
+        if (plan.uniform[size_t(o)] != 0) {
+            filterPixelUniform<C>(x, &plan.mask[size_t(plan.pair_offset[size_t(o)])], n, plan.uniform[size_t(o)], out);
+            continue;
+        }
         if (C == 3 && n <= 3) {  // few pairs: all three channels in one pass
             filterPixel<C, 3>(x, hi, lo, n, 0, out);
             continue;
@@ -518,6 +581,27 @@ void resampleRowY8(const ResampleRowsY& in, uint8_t* dst, const ResampleY8& plan
     const uint32_t* lo = &plan.lo[size_t(in.y) * size_t(plan.pairs)];
     const __m256i zero = _mm256_setzero_si256();
     const __m256i half = _mm256_set1_epi32(kResampleHalf);
+    if (plan.uniform[size_t(in.y)] != 0) {
+        // Taps of one weight: row pairs summed in 16 bits, scaled once.
+        const uint16_t* mask = &plan.mask[size_t(in.y) * size_t(plan.pairs)];
+        const __m256i w = _mm256_set1_epi32(plan.uniform[size_t(in.y)]);
+        for (size_t x = 0;; x += 32) {
+            if (x + 32 > len) x = len - 32;
+            __m256i s0 = zero, s1 = zero;
+#pragma GCC unroll 2
+            for (int j = 0; j < pairs; ++j) {
+                const __m256i a0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in.rows[2 * j] + x));
+                const __m256i a1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in.rows[2 * j + 1] + x));
+                const __m256i m = _mm256_set1_epi16(int16_t(mask[j]));
+                s0 = _mm256_add_epi16(s0, _mm256_maddubs_epi16(_mm256_unpacklo_epi8(a0, a1), m));
+                s1 = _mm256_add_epi16(s1, _mm256_maddubs_epi16(_mm256_unpackhi_epi8(a0, a1), m));
+            }
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x),
+                                _mm256_packus_epi16(finishUniform(s0, w, half), finishUniform(s1, w, half)));
+            if (x + 32 >= len) break;
+        }
+        return;
+    }
     for (size_t x = 0;; x += 32) {
         if (x + 32 > len) x = len - 32;  // the last block overlaps the previous one
         __m256i h0 = zero, h1 = zero, l0 = half, l1 = half, l2 = half, l3 = half;

@@ -63,6 +63,11 @@ struct ResampleX8 {
     std::vector<int32_t> pair_start, pair_count, pair_offset;
     std::vector<uint16_t> hi;
     std::vector<uint32_t> lo;
+    // Per output pixel: the weight all its taps share (a box's taps do), else
+    // 0. Such a pixel sums its samples in 16 bits, with mask (two 0/1 bytes
+    // per pair, beside hi) choosing the taps, and scales the sum once.
+    std::vector<int32_t> uniform;
+    std::vector<uint16_t> mask;
     Buffer pairs;    // the block's source as 16 rows of pixel-pair words, per (pair, channel)
     Buffer words;    // 16 rows of pixel-pair words, one row of the source each
     Buffer columns;  // the block's output, 16 rows per output sample
@@ -80,6 +85,10 @@ struct ResampleY8 {
     std::vector<uint16_t> hi;
     std::vector<uint32_t> lo;
     std::vector<uint8_t> vector;  // per output row: the split sums are exact
+    // Per output row: the weight its nonzero taps share, else 0; then mask
+    // (beside hi) holds the two 0/1 bytes of each row pair.
+    std::vector<int32_t> uniform;
+    std::vector<uint16_t> mask;
 };
 void prepareResampleY8(const ResampleAxis& axis, ResampleY8& plan);
 
