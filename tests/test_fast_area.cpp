@@ -120,10 +120,11 @@ TEST(CvAreaKernels, VectorMatchesReference) {
     if (impl::detectedIsa() < Isa::kAvx2) GTEST_SKIP() << "no AVX2";
     std::vector<KernelCase> cases;
     for (int d = 1; d <= 67; ++d)
-        for (int s : {d + 1, d * 3 / 2 + 1, d * 2 + 1, d * 5 - 2, d * 9 + 4}) cases.push_back({s, d});
+        for (int s : {d + 1, d * 3 / 2 + 1, d * 2 + 1, d * 11 / 4 + 1, d * 5 - 2, d * 9 + 4}) cases.push_back({s, d});
     for (int s : {1920, 1921})
         for (int d : {1280, 700, 416, 224, 33, 1919}) cases.push_back({s, d});
-    int window_blocks = 0, two_load_blocks = 0, quad_blocks = 0;
+    int window_blocks = 0, two_load_blocks = 0, quad_blocks = 0, wide_one = 0, wide_two = 0;
+    const bool avx512 = impl::detectedIsa() >= Isa::kAvx512;
     for (int channels = 1; channels <= 4; ++channels)
         for (bool bytes : {true, false})
             for (const KernelCase& c : cases) {
@@ -146,7 +147,20 @@ TEST(CvAreaKernels, VectorMatchesReference) {
                                    Isa::kAvx2);
                 ASSERT_EQ(a, b) << channels << " channels " << (bytes ? "bytes " : "floats ") << c.src << " -> "
                                 << c.dst;
+                if (!avx512) continue;
+                if (bytes && plan.row.wide_blocks && plan.row.chunks != 1)
+                    ++(plan.row.wide_tables == 2 ? wide_two : wide_one);
+                std::vector<uint8_t> w(step * 3, 0xA5);
+                impl::cvAreaResize(plan, src.data.data(), src.step, w.data(), step, rows.data(), pointers.data(),
+                                   Isa::kAvx512);
+                ASSERT_EQ(a, w) << "AVX-512, " << channels << " channels " << (bytes ? "bytes " : "floats ") << c.src
+                                << " -> " << c.dst;
             }
+    // Byte rows take the 16-value permutes, of one window and of two.
+    if (avx512) {
+        EXPECT_GT(wide_one, 50);
+        EXPECT_GT(wide_two, 50);
+    }
     // Float rows of one channel load windows (of 4, 8 and 16 samples), not only gathers.
     EXPECT_GT(window_blocks, 500);
     EXPECT_GT(two_load_blocks, 50);

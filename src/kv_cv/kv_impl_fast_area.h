@@ -65,6 +65,18 @@ struct CvAreaRowPlan {
     int win_loads = 0;
     std::vector<int32_t> window;   // values
     std::vector<uint8_t> win_ok;   // blocks
+    // Byte rows at kAvx512: blocks of 16 values whose used taps lie within
+    // 64 bytes (`wide_tables` 1, one vpermb) or 128 (2, vpermt2b) from the
+    // block's first used sample; 0 `wide_blocks` means no such plan. Per
+    // (block, slot) 64 index bytes, byte 4j giving value j's sample in the
+    // window (0 for an unused slot, whose alpha 0 makes it +0), and 16 alphas;
+    // per block two load masks that keep the window inside the row.
+    int wide_blocks = 0;
+    int wide_tables = 0;
+    std::vector<int32_t> wide_base;
+    std::vector<uint64_t> wide_mask;
+    std::vector<uint8_t> wide_index;
+    std::vector<float> wide_weight;
     std::vector<int32_t> scratch;  // working memory of the construction
 };
 void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab, int dst_width, int channels,
@@ -125,6 +137,12 @@ void cvAreaRowX32f(const CvAreaRowPlan& plan, const float* src, float* buf);
 void cvAreaRowsY8(const CvAreaRowsY& rows, uint8_t* dst);
 void cvAreaRowsY32f(const CvAreaRowsY& rows, float* dst);
 }  // namespace avx2
+
+// kAvx512: horizontal byte rows (the AVX2 kernel where the plan has no wide
+// blocks or the AVX2 plan needs one load per half-block).
+namespace avx512 {
+void cvAreaRowX8(const CvAreaRowPlan& plan, const uint8_t* src, float* buf);
+}  // namespace avx512
 
 }  // namespace impl
 }  // namespace kv
