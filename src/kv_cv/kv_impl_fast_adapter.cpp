@@ -53,8 +53,10 @@ namespace {
 void pinOpenCvToCaller() {
     static std::mutex mutex;
     static std::atomic<int> current{0};
-    // (No more than the hardware threads: oneTBB refuses more workers.)
-    const int want = std::max(1, std::min(getNumThreads(), int(std::thread::hardware_concurrency())));
+    // (No more than the hardware threads: oneTBB refuses more workers. The
+    // count is read once: glibc asks the kernel for it on every query.)
+    static const int hardware = int(std::thread::hardware_concurrency());
+    const int want = std::max(1, std::min(getNumThreads(), hardware));
     if (current.load(std::memory_order_acquire) == want) return;
     std::lock_guard<std::mutex> lock(mutex);
     if (current.load(std::memory_order_relaxed) == want) return;
