@@ -49,6 +49,8 @@ int main(int argc, char** argv) {
     Frame s640(FRAME_BGR_8, Size(640, 360)), s700(FRAME_BGR_8, Size(700, 500)), up(FRAME_BGR_8, Size(2880, 1620));
     Frame g224(FRAME_GRAY_8, Size(224, 224)), b224(FRAME_BGR_8, Size(224, 224)), n640(FRAME_NV12, Size(640, 360));
     Frame f32(FRAME_FLOAT_32_C3, size), conv(FRAME_I420, Size(640, 360)), turned, warped(FRAME_BGR_8, size);
+    Frame f224(FRAME_FLOAT_32_C3, Size(224, 224)), f640(FRAME_FLOAT_32_C3, Size(640, 360)),
+        fwarped(FRAME_FLOAT_32_C3, size);
     float m[2][3]; getRotationMatrix2D(15.f, Point(960.f, 540.f), m, 1.f);
     std::vector<uint16_t> halves(size_t(1920) * 1080); std::vector<float> floats(halves.size());
     Tensor t1f(TensorLayout(TENSOR_FLOAT_32, TENSOR_NCHW, TensorSize{1, 3, 224, 224}, TensorSize(), TENSOR_ORDER_RGB));
@@ -86,6 +88,9 @@ int main(int argc, char** argv) {
         ops.push_back({w + "crop+resize 1 u8", [&, BL] { meth(b, BL); crop_and_resize(b, bgr, t1u, whole, {}, 0.f, 1.f); }});
         ops.push_back({w + "crop+resize 32 f32", [&, BL] { meth(b, BL); crop_and_resize(b, bgr, t32, rois, {}, -127.5f, 1 / 127.5f); }});
         ops.push_back({w + "warp 15", [&] { b.warpAffine(bgr, warped, m, Rect(), false); }});
+        ops.push_back({w + "warp 15 F32", [&] { b.warpAffine(f32, fwarped, m, Rect(), false); }});
+        ops.push_back({w + "resize F32 224 BL", [&, BL] { meth(b, BL); b.resize(f32, f224, Rect(), Rect()); }});
+        ops.push_back({w + "resize F32 640 BL", [&, BL] { meth(b, BL); b.resize(f32, f640, Rect(), Rect()); }});
     }
     ops.push_back({"rotate 90", [&] { rotateFrame(bgr, Rotate90, turned); }});
     ops.push_back({"rotate 180", [&] { rotateFrame(bgr, Rotate180, turned); }});
