@@ -613,6 +613,8 @@ void compareVertical(Kernel ref_kernel, Kernel vec_kernel) {
 TEST(AreaKernels, VerticalVectorMatchesScalar) {
     if (kv::impl::detectedIsa() < Isa::kAvx2) GTEST_SKIP() << "no AVX2";
     compareVertical<uint8_t, uint32_t>(kv::impl::ref::areaRowsY8, kv::impl::avx2::areaRowsY8);
+    if (kv::impl::detectedIsa() >= Isa::kAvx512)
+        compareVertical<uint8_t, uint32_t>(kv::impl::ref::areaRowsY8, kv::impl::avx512::areaRowsY8);
     compareVertical<uint16_t, uint64_t>(kv::impl::ref::areaRowsY16, kv::impl::avx2::areaRowsY16);
     compareVertical<uint32_t, uint64_t>(kv::impl::ref::areaRowsY32, kv::impl::avx2::areaRowsY32);
 }

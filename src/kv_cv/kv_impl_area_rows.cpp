@@ -745,5 +745,50 @@ void areaRowsY32(const AreaRowsY& r, uint32_t* dst, uint64_t* acc, int x_begin) 
 
 #pragma GCC pop_options
 
+KV_AVX512_BEGIN
+
+namespace avx512 {
+
+// The AVX2 kernel's arithmetic on 64 values per step (the lanes of each
+// 128-bit quarter unpack and pack back in order); the rest goes to it.
+void areaRowsY8(const AreaRowsY& r, uint8_t* dst, uint32_t* acc, int x_begin) {
+    const __m512i zero = _mm512_setzero_si512();
+    const __m512i low8 = _mm512_set1_epi32(0xFF);
+    const __m128i shift = _mm_cvtsi32_si128(r.shift);
+    int x = x_begin;
+    for (; x + 64 <= r.len; x += 64) {
+        __m512i a[4] = {zero, zero, zero, zero};
+        auto madd = [&](const uint8_t* ra, const uint8_t* rb, uint32_t wa, uint32_t wb) {
+            const __m512i w = _mm512_set1_epi32(int32_t(wa | (wb << 16)));
+            const __m512i va = _mm512_loadu_si512(ra + x), vb = _mm512_loadu_si512(rb + x);
+            const __m512i lo = _mm512_unpacklo_epi8(va, vb), hi = _mm512_unpackhi_epi8(va, vb);
+            a[0] = _mm512_add_epi32(a[0], _mm512_madd_epi16(_mm512_unpacklo_epi8(lo, zero), w));
+            a[1] = _mm512_add_epi32(a[1], _mm512_madd_epi16(_mm512_unpackhi_epi8(lo, zero), w));
+            a[2] = _mm512_add_epi32(a[2], _mm512_madd_epi16(_mm512_unpacklo_epi8(hi, zero), w));
+            a[3] = _mm512_add_epi32(a[3], _mm512_madd_epi16(_mm512_unpackhi_epi8(hi, zero), w));
+        };
+        // Rows in pairs with both weights below 32768, as the AVX2 kernel pairs them.
+        auto alone = [&](const uint8_t* ra, uint32_t w) { madd(ra, ra, w / 2, w - w / 2); };
+        int k = 0;
+        for (; k + 1 < r.count; k += 2) {
+            const uint32_t w0 = r.weights[k], w1 = r.weights[k + 1];
+            if (w0 < 32768 && w1 < 32768) {
+                madd(r.rows[k], r.rows[k + 1], w0, w1);
+            } else {
+                alone(r.rows[k], w0);
+                alone(r.rows[k + 1], w1);
+            }
+        }
+        if (k < r.count) alone(r.rows[k], r.weights[k]);
+        for (auto& v : a) v = _mm512_and_si512(_mm512_srl_epi32(v, shift), low8);
+        _mm512_storeu_si512(dst + x, _mm512_packus_epi16(_mm512_packus_epi32(a[0], a[1]), _mm512_packus_epi32(a[2], a[3])));
+    }
+    avx2::areaRowsY8(r, dst, acc, x);
+}
+
+}  // namespace avx512
+
+KV_AVX512_END
+
 }  // namespace impl
 }  // namespace kv

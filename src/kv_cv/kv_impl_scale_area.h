@@ -126,5 +126,10 @@ void areaRowsY16(const AreaRowsY& rows, uint16_t* dst, uint64_t* acc, int x_begi
 void areaRowsY32(const AreaRowsY& rows, uint32_t* dst, uint64_t* acc, int x_begin);
 }  // namespace avx2
 
+// kAvx512: 64 values per step (the AVX2 kernel for the rest).
+namespace avx512 {
+void areaRowsY8(const AreaRowsY& rows, uint8_t* dst, uint32_t* acc, int x_begin);
+}  // namespace avx512
+
 }  // namespace impl
 }  // namespace kv

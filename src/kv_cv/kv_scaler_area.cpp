@@ -284,7 +284,9 @@ void ScalerAreaY::Impl::reuse(Source& src, const FrameLayout& layout_in, int dst
     window.reuse(src, window_size);
     current = 0;
     const bool avx2 = impl::activeIsa() >= impl::Isa::kAvx2;
-    _kernel8 = avx2 ? impl::avx2::areaRowsY8 : impl::ref::areaRowsY8;
+    _kernel8 = impl::activeIsa() >= impl::Isa::kAvx512 ? impl::avx512::areaRowsY8
+               : avx2                                     ? impl::avx2::areaRowsY8
+                                                          : impl::ref::areaRowsY8;
     _kernel16 = avx2 ? impl::avx2::areaRowsY16 : impl::ref::areaRowsY16;
     _kernel32 = avx2 ? impl::avx2::areaRowsY32 : impl::ref::areaRowsY32;
 }
