@@ -460,6 +460,30 @@ void cvAreaRowX8(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
     refRowX(p, src, buf, 16 * p.wide_blocks);
 }
 
+// 64 values per step, then 16; full loads only (masked ones measured slower
+// here than the AVX2 kernel), the last few values in the reference.
+void cvAreaRowsY8(const CvAreaRowsY& r, uint8_t* dst) {
+    const __m512 zero = _mm512_setzero_ps();
+    auto sum = [&](int o) {
+        const __m512 first = _mm512_mul_ps(_mm512_set1_ps(r.beta[0]), _mm512_loadu_ps(r.bufs[0] + o));
+        __m512 s = r.zero_start ? _mm512_add_ps(zero, first) : first;
+        for (int k = 1; k < r.count; ++k)
+            s = _mm512_add_ps(s, _mm512_mul_ps(_mm512_set1_ps(r.beta[k]), _mm512_loadu_ps(r.bufs[k] + o)));
+        // Round half to even (the default rounding mode); negative sums clamp to 0.
+        return _mm512_max_epi32(_mm512_cvtps_epi32(s), _mm512_setzero_si512());
+    };
+    const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+    int o = 0;
+    for (; o + 64 <= r.n; o += 64) {
+        const __m512i a = _mm512_packus_epi32(sum(o), sum(o + 16));
+        const __m512i b = _mm512_packus_epi32(sum(o + 32), sum(o + 48));
+        _mm512_storeu_si512(dst + o, _mm512_permutexvar_epi32(order, _mm512_packus_epi16(a, b)));
+    }
+    for (; o + 16 <= r.n; o += 16)
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + o), _mm512_cvtusepi32_epi8(sum(o)));
+    refRowsY(r, dst, o);
+}
+
 }  // namespace avx512
 
 KV_AVX512_END
@@ -469,7 +493,7 @@ void cvAreaResize(const CvAreaPlan& plan, const void* src, size_t src_step, void
     const bool vec = isa >= Isa::kAvx2, wide = isa >= Isa::kAvx512;
     const CvAreaRowX8 x8 = wide ? avx512::cvAreaRowX8 : vec ? avx2::cvAreaRowX8 : ref::cvAreaRowX8;
     const CvAreaRowX32f x32 = vec ? avx2::cvAreaRowX32f : ref::cvAreaRowX32f;
-    const CvAreaRowsY8 y8 = vec ? avx2::cvAreaRowsY8 : ref::cvAreaRowsY8;
+    const CvAreaRowsY8 y8 = wide ? avx512::cvAreaRowsY8 : vec ? avx2::cvAreaRowsY8 : ref::cvAreaRowsY8;
     const CvAreaRowsY32f y32 = vec ? avx2::cvAreaRowsY32f : ref::cvAreaRowsY32f;
     const auto* s = static_cast<const uint8_t*>(src);
     auto* d = static_cast<uint8_t*>(dst);
