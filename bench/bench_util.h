@@ -8,29 +8,10 @@
 #include <opencv2/core.hpp>
 #include <string>
 
+#include "bench_frames.h"
 #include "kv_core/kv_frame.h"
 
 namespace kvbench {
-
-// Every row byte of every plane from a seeded generator (float planes: 0..255).
-inline kv::Frame noiseFrame(kv::FrameFormat f, kv::Size s, uint32_t seed) {
-    kv::Frame fr(f, s);
-    uint32_t x = seed * 2654435761u + 1;
-    const kv::FrameLayout& l = fr.layout();
-    for (uint32_t p = 0; p < l.planes; ++p)
-        for (int y = 0; y < l.plane[p].size.height; ++y) {
-            uint8_t* row = fr.rowCpuData(p, y);
-            if (l.plane[p].bits_per_channel == 32) {
-                auto* fl = reinterpret_cast<float*>(row);
-                for (uint64_t i = 0; i < l.plane[p].row_bytes / 4; ++i)
-                    fl[i] = float((x = x * 1664525u + 1013904223u) >> 24);
-            } else {
-                for (uint64_t i = 0; i < l.plane[p].row_bytes; ++i)
-                    row[i] = uint8_t((x = x * 1664525u + 1013904223u) >> 24);
-            }
-        }
-    return fr;
-}
 
 // OpenCV view of plane p.
 inline cv::Mat mat(kv::Frame& f, int p, int type) {

@@ -6,45 +6,27 @@
 // the instructions of `runs` calls per operation (exact, unlike a clock).
 //   kv_bench_ab [budget_s=0.05] [runs=5] [name filter]
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
 #include <valgrind/callgrind.h>
+#include "../bench_frames.h"
 #include "kv_core/kv_core_functions.h"
 #include "kv_core/kv_tensor.h"
 #include "kv_cv/kv_cv_backend_base.h"
 #include "kv_cv/kv_cv_backend_simd.h"
 #include "kv_cv/kv_cv_helpers.h"
 using namespace kv;
-using Clock = std::chrono::steady_clock;
-static double perCall(const std::function<void()>& call, double budget, int runs) {
-    call(); call();
-    double best = 1e30;
-    for (int r = 0; r < runs; ++r) {
-        int calls = 0; const auto s = Clock::now(); double e = 0;
-        do { call(); ++calls; e = std::chrono::duration<double>(Clock::now() - s).count(); } while (e < budget);
-        best = std::min(best, e / calls);
-    }
-    return best;
-}
-static Frame pat(FrameFormat format, Size size) {
-    Frame f(format, size);
-    for (uint32_t p = 0; p < f.layout().planes; ++p)
-        for (int y = 0; y < f.layout().plane[p].size.height; ++y) {
-            uint8_t* row = f.rowCpuData(p, y);
-            for (size_t x = 0; x < f.layout().plane[p].row_bytes; ++x) row[x] = uint8_t(x * 7 + size_t(y) * 13 + p * 50);
-        }
-    return f;
-}
+using kvbench::bestSecondsPerCall;
+using kvbench::noiseFrame;
 struct Op { std::string name; std::function<void()> call; };
 int main(int argc, char** argv) {
     double budget = argc > 1 ? atof(argv[1]) : 0.05; int runs = argc > 2 ? atoi(argv[2]) : 5;
     CvBackendBase base; CvBackendSimd fast;
     Size size(1920, 1080);
-    const Frame bgr = pat(FRAME_BGR_8, size), nv12 = pat(FRAME_NV12, size), gray = pat(FRAME_GRAY_8, size),
-                yuyv = pat(FRAME_YUYV, size), i420 = pat(FRAME_I420, size);
+    const Frame bgr = noiseFrame(FRAME_BGR_8, size, 1), nv12 = noiseFrame(FRAME_NV12, size, 1), gray = noiseFrame(FRAME_GRAY_8, size, 1),
+                yuyv = noiseFrame(FRAME_YUYV, size, 1), i420 = noiseFrame(FRAME_I420, size, 1);
     Frame out_i420(FRAME_I420, size), out_bgr(FRAME_BGR_8, size), out_nv12(FRAME_NV12, size), out_gray(FRAME_GRAY_8, size);
     Frame s640(FRAME_BGR_8, Size(640, 360)), s700(FRAME_BGR_8, Size(700, 500)), up(FRAME_BGR_8, Size(2880, 1620));
     Frame g224(FRAME_GRAY_8, Size(224, 224)), b224(FRAME_BGR_8, Size(224, 224)), n640(FRAME_NV12, Size(640, 360));
@@ -108,7 +90,7 @@ int main(int argc, char** argv) {
             continue;
         }
         double t = 0;
-        try { t = perCall(op.call, budget, runs); } catch (const std::exception& e) { t = -1; }
+        try { t = bestSecondsPerCall(op.call, budget, runs); } catch (const std::exception& e) { t = -1; }
         std::printf("%s\t%.9f\n", op.name.c_str(), t);
         std::fflush(stdout);
     }

@@ -5,7 +5,6 @@
 // several timed runs of repeated calls, so that a busy machine's preemptions
 // do not decide the ratio. Run by scripts/bench-threads.
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "../bench_frames.h"
 #include "kv_core/kv_core_functions.h"
 #include "kv_core/kv_tensor.h"
 #include "kv_cv/kv_cv_backend_base.h"
@@ -25,35 +25,8 @@ using namespace kv;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// Best of `runs` runs, each the mean of as many calls as fill `budget` seconds.
-double secondsPerCall(const std::function<void()>& call, double budget, int runs) {
-    call();  // warm-up: tables, scratch frames, the pool
-    double best = 1e30;
-    for (int r = 0; r < runs; ++r) {
-        int calls = 0;
-        const auto start = Clock::now();
-        double elapsed = 0;
-        do {
-            call();
-            ++calls;
-            elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-        } while (elapsed < budget);
-        best = std::min(best, elapsed / calls);
-    }
-    return best;
-}
-
-Frame patternFrame(FrameFormat format, Size size) {
-    Frame f(format, size);
-    for (uint32_t p = 0; p < f.layout().planes; ++p)
-        for (int y = 0; y < f.layout().plane[p].size.height; ++y) {
-            uint8_t* row = f.rowCpuData(p, y);
-            for (size_t x = 0; x < f.layout().plane[p].row_bytes; ++x) row[x] = uint8_t(x * 7 + size_t(y) * 13 + p * 50);
-        }
-    return f;
-}
+using kvbench::bestSecondsPerCall;
+using kvbench::noiseFrame;
 
 struct Op {
     std::string name;
@@ -88,8 +61,8 @@ int main(int argc, char** argv) {
 
     for (Size size : {Size(1920, 1080), Size(3840, 2160)}) {
         const std::string tag = std::to_string(size.width) + "x" + std::to_string(size.height);
-        const Frame bgr = patternFrame(FRAME_BGR_8, size);
-        const Frame nv12 = patternFrame(FRAME_NV12, size);
+        const Frame bgr = noiseFrame(FRAME_BGR_8, size, 1);
+        const Frame nv12 = noiseFrame(FRAME_NV12, size, 2);
         const Size small(size.width / 3, size.height / 3), up(size.width * 3 / 2, size.height * 3 / 2);
         Frame out_i420(FRAME_I420, size), out_bgr(FRAME_BGR_8, size), out_nv12(FRAME_NV12, size);
         Frame out_small(FRAME_BGR_8, small), out_up(FRAME_BGR_8, up), out_nv12_small(FRAME_NV12, small);
@@ -143,7 +116,7 @@ int main(int argc, char** argv) {
             std::vector<double> t;
             for (int n : counts) {
                 setNumThreads(n);
-                t.push_back(secondsPerCall(op.call, budget, runs));
+                t.push_back(bestSecondsPerCall(op.call, budget, runs));
                 std::printf(" %9.3f ms", t.back() * 1e3);
                 std::fflush(stdout);
             }
@@ -153,7 +126,7 @@ int main(int argc, char** argv) {
     }
 
     // 32 regions of a 1080p frame into one float batch tensor.
-    const Frame bgr = patternFrame(FRAME_BGR_8, Size(1920, 1080));
+    const Frame bgr = noiseFrame(FRAME_BGR_8, Size(1920, 1080), 1);
     std::vector<Rect> rois;
     for (int i = 0; i < 32; ++i) rois.push_back(Rect(37 * i, 20 * i, 400 + 11 * i, 300 + 7 * i));
     Tensor batch(TensorLayout(TENSOR_FLOAT_32, TENSOR_NCHW, TensorSize{32, 3, 224, 224}, TensorSize(),
@@ -164,7 +137,7 @@ int main(int argc, char** argv) {
         std::vector<double> t;
         for (int n : counts) {
             setNumThreads(n);
-            t.push_back(secondsPerCall([&] { crop_and_resize(b, bgr, batch, rois, {}, -127.5f, 1 / 127.5f); }, budget,
+            t.push_back(bestSecondsPerCall([&] { crop_and_resize(b, bgr, batch, rois, {}, -127.5f, 1 / 127.5f); }, budget,
                                        runs));
             std::printf(" %9.3f ms", t.back() * 1e3);
             std::fflush(stdout);
