@@ -314,6 +314,7 @@ namespace {
 uint32_t be16(const uint8_t* p) { return uint32_t(p[0]) << 8 | p[1]; }
 uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
 uint32_t le16(const uint8_t* p) { return uint32_t(p[1]) << 8 | p[0]; }
+uint32_t le24(const uint8_t* p) { return uint32_t(p[2]) << 16 | uint32_t(p[1]) << 8 | p[0]; }
 uint32_t le32(const uint8_t* p) { return uint32_t(p[3]) << 24 | uint32_t(p[2]) << 16 | uint32_t(p[1]) << 8 | p[0]; }
 uint64_t le64(const uint8_t* p) { return uint64_t(le32(p + 4)) << 32 | le32(p); }
 
@@ -464,8 +465,9 @@ void webpHeader(const uint8_t* d, size_t n, ImageHeader& h) {
         h.height = ((bits >> 14) & 0x3FFF) + 1;
         h.sized = true;
     } else if (std::memcmp(d + 12, "VP8X", 4) == 0) {
-        h.width = (le32(c + 4) & 0xFFFFFF) + 1;
-        h.height = (le32(c + 7) & 0xFFFFFF) + 1;
+        // 24-bit sides ending at the 30th byte, the last one checked above.
+        h.width = le24(c + 4) + 1;
+        h.height = le24(c + 7) + 1;
         h.sized = true;
     }
     h.complete = le32(d + 4) <= n - 8;

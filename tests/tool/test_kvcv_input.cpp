@@ -135,6 +135,23 @@ TEST(KvcvInput, ClassicTiffEntryOfLong8AtTheEnd) {
     }
 }
 
+// The shortest WebP read is 30 bytes, and a VP8X chunk's 24-bit height ends
+// exactly there: it must be read as 3 bytes, not 4 (found by fuzz_tool_input).
+TEST(KvcvInput, ShortestExtendedWebp) {
+    Bytes file = bytesOf("RIFF");
+    const Bytes rest{22, 0, 0, 0, 'W', 'E', 'B', 'P', 'V', 'P', '8', 'X', 10, 0, 0, 0,
+                     0, 0, 0, 0, 0x3F, 0x01, 0x00, 0xFF, 0xFF, 0x00};
+    file.insert(file.end(), rest.begin(), rest.end());
+    ASSERT_EQ(file.size(), 30u);
+    auto exact = std::make_unique<uint8_t[]>(file.size());
+    std::memcpy(exact.get(), file.data(), file.size());
+    const kvcv::ImageHeader h = kvcv::readImageHeader(exact.get(), file.size());
+    EXPECT_STREQ(h.kind, "WebP");
+    EXPECT_TRUE(h.sized && h.complete);
+    EXPECT_EQ(h.width, 320u);
+    EXPECT_EQ(h.height, 65536u);
+}
+
 TEST(KvcvInput, ParsersAtTheirLimits) {
     EXPECT_EQ(kvcv::parseSize("32767X1", "--size"), kv::Size(32767, 1));
     EXPECT_THROW(kvcv::parseSize("32768x1", "--size"), kvcv::UsageError);
