@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <functional>
 
+#include <sched.h>
+
 #include "kv_core/kv_frame.h"
 
 namespace kvbench {
@@ -30,6 +32,18 @@ inline kv::Frame noiseFrame(kv::FrameFormat f, kv::Size s, uint32_t seed) {
             }
         }
     return fr;
+}
+
+// Keeps the calling thread on the processor it runs on and returns its
+// number (-1 if that fails). One-thread comparisons stay on one processor:
+// the virtual processors of a shared machine can differ in speed by half.
+inline int stayOnThisProcessor() {
+    const int cpu = sched_getcpu();
+    if (cpu < 0) return -1;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    return sched_setaffinity(0, sizeof(set), &set) == 0 ? cpu : -1;
 }
 
 // Best of `runs` runs, each the mean of as many calls as fill `budget`

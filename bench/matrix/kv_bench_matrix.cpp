@@ -37,6 +37,8 @@
 #include "kv_cv/kv_cv_backend_base.h"
 #include "kv_cv/kv_cv_backend_simd.h"
 
+#include "../bench_frames.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -371,13 +373,14 @@ int main(int argc, char** argv) {
         else return usage();
     }
     cv::setNumThreads(1);
+    const int cpu = kvbench::stayOnThisProcessor();
     Backends backends;
     std::vector<Cell> cells;
     std::vector<std::string> refused;
 
     const size_t bgr_bytes = size_t(kSource.width) * kSource.height * 3;
-    std::printf("kv_cv matrix: source %s, one thread, best batch mean; memcpy of %.1f MB (BGR) %.3f ms\n",
-                sizeText(kSource).c_str(), bgr_bytes / 1e6, 1e3 * memcpyTime(bgr_bytes));
+    std::printf("kv_cv matrix: source %s, one thread (processor %d), best batch mean; memcpy of %.1f MB (BGR) %.3f ms\n",
+                sizeText(kSource).c_str(), cpu, bgr_bytes / 1e6, 1e3 * memcpyTime(bgr_bytes));
     std::printf("targets: at most %.0f memcpy of the larger of source and destination; at most %.1fx OpenCV\n",
                 kMaxMemcpy, kMaxOpenCv);
 
