@@ -16,6 +16,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "kv_cv/kv_impl_aligned.h"
+
 namespace kv {
 namespace impl {
 
@@ -75,11 +77,11 @@ struct AreaTaps {
         int32_t pattern;  // selector set
     };
     std::vector<PairBlock> pair_block;
-    std::vector<uint8_t> pair_select;   // patterns x 2 x chunks x pairs x 32 selectors (0x80: zero)
-    std::vector<int16_t> pair_weights;  // blocks x 2 x pairs x 16 weights
+    LineVector<uint8_t> pair_select;   // patterns x 2 x chunks x pairs x 32 selectors (0x80: zero)
+    LineVector<int16_t> pair_weights;  // blocks x 2 x pairs x 16 weights
     // 16-bit rows: samples enter as s - 32768 (signed words); per block 16
     // values' 32768 x (sum of their weights) restores the sum.
-    std::vector<int32_t> pair_bias;
+    LineVector<int32_t> pair_bias;
     // Permute plan for 32-bit rows: block b holds values [8b, 8b + 8) and
     // reads `perm_chunks` (1 to 4) loads of eight samples from perm_base[b];
     // per tap each value's sample is picked from them by perm_index (bits 0-2:
