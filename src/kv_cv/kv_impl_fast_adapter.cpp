@@ -641,14 +641,14 @@ void resizePlane(const void* src, size_t src_step, int src_width, int src_height
         }
         case ResizePath::kArea:
             buildCvAreaPlan(c.area.plan, src_width, src_height, dst_width, dst_height, channels, !is_float);
-            c.area.rows.resize(size_t(c.area.plan.row.values) * size_t(c.area.plan.ring));
+            c.area.rows.resize(size_t(c.area.plan.stride) * size_t(c.area.plan.ring));
             c.area.pointers.resize(size_t(c.area.plan.max_rows));
             cvAreaResize(c.area.plan, src, src_step, dst, dst_step, c.area.rows.data(), c.area.pointers.data(),
                          activeIsa(), first_row, end);
             return;
         case ResizePath::kAreaUp:
             buildCvLinearPlan(c.area.up, src_width, src_height, dst_width, dst_height, channels);
-            c.area.up_rows.resize(size_t(c.area.up.values) * 2);
+            c.area.up_rows.resize(size_t(c.area.up.stride) * 2);
             cvLinearResize(c.area.up, s, src_step, d, dst_step, c.area.up_rows.data(), activeIsa(), first_row, end);
             return;
         case ResizePath::kBilinearBytes:

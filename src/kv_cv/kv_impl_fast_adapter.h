@@ -128,11 +128,11 @@ struct BilinearPlaneCache {
 // numbers), its ring of horizontally reduced float rows and their pointers.
 struct AreaPlaneCache {
     CvAreaPlan plan;
-    std::vector<float> rows;
+    LineVector<float> rows;
     std::vector<const float*> pointers;
     // Where an axis enlarges: OpenCV's linear emulation and its two rows.
     CvLinearPlan up;
-    std::vector<int32_t> up_rows;
+    LineVector<int32_t> up_rows;
 };
 
 // One plane's nearest-neighbour column gather (pixels of `pixel` bytes).

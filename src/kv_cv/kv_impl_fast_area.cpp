@@ -222,6 +222,7 @@ void buildCvAreaPlan(CvAreaPlan& plan, int src_width, int src_height, int dst_wi
         max_rows = std::max(max_rows, b - a);
     }
     plan.ring = ring;
+    plan.stride = (plan.row.values + 15) & ~15;
     plan.max_rows = max_rows;
     plan.src_width = src_width;
     plan.src_height = src_height;
@@ -420,17 +421,24 @@ namespace avx512 {
 namespace {
 
 // Sixteen values per block: per slot one byte permute (of one 64-byte window,
-// or two) puts each value's sample in the low byte of its 32-bit lane.
-template <int Tables>
+// or two) puts each value's sample in the low byte of its 32-bit lane. kT > 0
+// fixes the slot count (unrolled); 0 reads it from the plan.
+template <int Tables, int kT>
 void rowBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
-    const int T = p.taps;
+    const int T = kT > 0 ? kT : p.taps;
     const __m512i* idx = reinterpret_cast<const __m512i*>(p.wide_index.data());
     const float* w = p.wide_weight.data();
+    const int32_t* base = p.wide_base.data();
+    const uint64_t* mask = p.wide_mask.data();
     constexpr __mmask64 kLowBytes = 0x1111111111111111ull;
     for (int b = 0; b < p.wide_blocks; ++b, idx += T, w += 16 * T) {
-        const uint8_t* s = src + p.wide_base[size_t(b)];
-        const __m512i lo = _mm512_maskz_loadu_epi8(p.wide_mask[size_t(2 * b)], s);
-        const __m512i hi = Tables == 2 ? _mm512_maskz_loadu_epi8(p.wide_mask[size_t(2 * b + 1)], s + 64) : lo;
+        const uint8_t* s = src + base[b];
+        // Masked loads are slow here: full ones wherever the window lies inside the row.
+        const uint64_t mlo = mask[2 * b], mhi = mask[2 * b + 1];
+        const __m512i lo = mlo == ~uint64_t(0) ? _mm512_loadu_si512(s) : _mm512_maskz_loadu_epi8(mlo, s);
+        const __m512i hi = Tables != 2             ? lo
+                           : mhi == ~uint64_t(0) ? _mm512_loadu_si512(s + 64)
+                                                 : _mm512_maskz_loadu_epi8(mhi, s + 64);
         auto product = [&](int t) {
             const __m512i i = _mm512_loadu_si512(idx + t);
             const __m512i v = Tables == 2 ? _mm512_maskz_permutex2var_epi8(kLowBytes, lo, i, hi)
@@ -443,13 +451,19 @@ void rowBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
     }
 }
 
+template <int Tables>
+void rowBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
+    if (!dispatchCount<4>(p.taps, [&](auto t) { rowBlocks16<Tables, t()>(p, src, buf); }))
+        rowBlocks16<Tables, 0>(p, src, buf);
+}
+
 }  // namespace
 
 // Where each half-block of the AVX2 plan needs one 16-byte load, its one
 // shuffle per slot is as quick as a 512-bit permute for twice the values
 // (measured): the AVX2 kernel stays.
 void cvAreaRowX8(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
-    if (!p.wide_blocks || p.chunks == 1) {
+    if (!p.wide_blocks) {
         avx2::cvAreaRowX8(p, src, buf);
         return;
     }
@@ -497,14 +511,14 @@ void cvAreaResize(const CvAreaPlan& plan, const void* src, size_t src_step, void
     const CvAreaRowsY32f y32 = vec ? avx2::cvAreaRowsY32f : ref::cvAreaRowsY32f;
     const auto* s = static_cast<const uint8_t*>(src);
     auto* d = static_cast<uint8_t*>(dst);
-    const size_t values = size_t(plan.row.values);
+    const size_t stride = size_t(plan.stride);
     int next = 0;  // first source row not yet in the ring
     const int end = last_row < 0 ? plan.dst_height : std::min(last_row, plan.dst_height);
     for (int r = first_row; r < end; ++r) {
         const int a = plan.first[size_t(r)], b = plan.first[size_t(r) + 1];
         for (int k = a; k < b; ++k) {
             const int row = plan.rows[size_t(k)];
-            float* buf = buffers + size_t(row % plan.ring) * values;
+            float* buf = buffers + size_t(row % plan.ring) * stride;
             if (row >= next) {
                 const uint8_t* sr = s + size_t(row) * src_step;
                 if (plan.bytes)

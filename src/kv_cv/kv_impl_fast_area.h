@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "kv_cv/kv_impl_aligned.h"
 #include "kv_cv/kv_impl_cpu.h"
 
 namespace kv {
@@ -53,9 +54,9 @@ struct CvAreaRowPlan {
     int chunks = 0;                // 16-byte loads per lane for byte rows; 0: byte rows unplanned
     std::vector<int32_t> base;     // 2 per block: lane source offsets (byte rows)
     std::vector<int32_t> start;    // first value of each block
-    std::vector<uint8_t> select;   // blocks x taps x chunks x 32 (byte rows)
+    LineVector<uint8_t> select;   // blocks x taps x chunks x 32 (byte rows)
     std::vector<int32_t> index;    // blocks x taps x 8 source elements (float rows)
-    std::vector<float> weight;     // blocks x taps x 8 alphas
+    LineVector<float> weight;      // blocks x taps x 8 alphas
     // Float rows of one channel: each value's used slots read consecutive
     // samples, slot t at window[value] + t. A block whose eight windows of
     // 8 x `win_loads` samples (4 when there are at most 4 taps) lie inside
@@ -75,8 +76,8 @@ struct CvAreaRowPlan {
     int wide_tables = 0;
     std::vector<int32_t> wide_base;
     std::vector<uint64_t> wide_mask;
-    std::vector<uint8_t> wide_index;
-    std::vector<float> wide_weight;
+    LineVector<uint8_t> wide_index;
+    LineVector<float> wide_weight;
     std::vector<int32_t> scratch;  // working memory of the construction
 };
 void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab, int dst_width, int channels,
@@ -85,7 +86,7 @@ void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab,
 // Both axes of one plane. Output row r takes the horizontal results of
 // source rows rows[k], k in [first[r], first[r + 1]), with weights beta[k],
 // in that order; each source row is taken into the ring of `ring` float rows
-// once, at slot (source row) % ring.
+// once, at slot (source row) % ring, `stride` floats apart.
 struct CvAreaPlan {
     int src_width = 0, src_height = 0, dst_width = 0, dst_height = 0, channels = 0;
     bool bytes = true;
@@ -94,6 +95,7 @@ struct CvAreaPlan {
     std::vector<float> beta;
     std::vector<int32_t> first;  // dst_height + 1 offsets into rows / beta
     int ring = 0;
+    int stride = 0;              // values rounded up to a cache line of floats
     int max_rows = 0;            // most rows of one output row
     std::vector<CvAreaTap> xtab, ytab;  // the tables the plan was built from
 };
@@ -118,7 +120,7 @@ using CvAreaRowsY8 = void (*)(const CvAreaRowsY& rows, uint8_t* dst);
 using CvAreaRowsY32f = void (*)(const CvAreaRowsY& rows, float* dst);
 
 // The whole plane with the kernel set of `isa`; `buffers` holds ring x
-// values floats, `pointers` max_rows entries.
+// stride floats (on a cache line: LineVector), `pointers` max_rows entries.
 // Only output rows [first_row, last_row) are written when a range is given
 // (last_row -1: to the end); `dst` is still the plane's first row.
 void cvAreaResize(const CvAreaPlan& plan, const void* src, size_t src_step, void* dst, size_t dst_step,

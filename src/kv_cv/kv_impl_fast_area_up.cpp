@@ -1,7 +1,7 @@
 // OpenCV's INTER_AREA enlargement of byte planes reproduced (see
 // kv_impl_fast_area_up.h): the tables in OpenCV's arithmetic, scalar
-// references that follow its loops, and AVX2 row kernels with the same
-// integer operations per value.
+// references that follow its loops, and AVX2 and AVX-512 row kernels with the
+// same integer operations per value.
 #include "kv_cv/kv_impl_fast_area_up.h"
 
 #include <immintrin.h>
@@ -48,6 +48,39 @@ static void buildAxis(int src_size, int dst_size, bool clamp, CvLinearAxis& a) {
 }
 
 void buildCvLinearAxis(int src_size, int dst_size, CvLinearAxis& axis) { buildAxis(src_size, dst_size, true, axis); }
+
+// The wide plan of CvLinearPlan; `right(v)` is value v's right sample (-1: none).
+template <typename Right>
+static void planWide(CvLinearPlan& plan, int channels, int src_elems, Right right) {
+    const int blocks = plan.values / 16;
+    plan.wide_blocks = 0;
+    if (blocks == 0 || src_elems < 64) return;
+    plan.wide_base.resize(size_t(blocks));
+    for (int b = 0; b < blocks; ++b) {
+        int l = src_elems, u = -1;
+        for (int v = 16 * b; v < 16 * b + 16; ++v) {
+            l = std::min(l, plan.left[size_t(v)]);
+            u = std::max({u, plan.left[size_t(v)], right(v)});
+        }
+        if (u - l >= 64) return;
+        plan.wide_base[size_t(b)] = std::min(l, src_elems - 64);
+    }
+    plan.wide_index.assign(size_t(blocks) * 64, 0);
+    plan.wide_weight.resize(size_t(blocks) * 32);
+    for (int b = 0; b < blocks; ++b)
+        for (int j = 0; j < 16; ++j) {
+            const int v = 16 * b + j, base = plan.wide_base[size_t(b)];
+            const int samples[2] = {plan.left[size_t(v)], right(v)};
+            for (int k = 0; k < 2; ++k) {
+                plan.wide_weight[size_t(b) * 32 + size_t(2 * j + k)] = plan.x.fixed[size_t(2 * (v / channels) + k)];
+                // A missing right sample reads the left one: the reference
+                // takes l * 2048 there, and its table's right weight is 0.
+                plan.wide_index[size_t(b) * 64 + size_t(4 * j + 2 * k)] =
+                    uint8_t((samples[k] < 0 ? samples[0] : samples[k]) - base);
+            }
+        }
+    plan.wide_blocks = blocks;
+}
 
 void buildCvLinearPlan(CvLinearPlan& plan, int src_width, int src_height, int dst_width, int dst_height,
                        int channels) {
@@ -103,6 +136,8 @@ void buildCvLinearPlan(CvLinearPlan& plan, int src_width, int src_height, int ds
             }
         plan.chunks = chunks;
     }
+    planWide(plan, C, src_elems, right);
+    plan.stride = (plan.values + 15) & ~15;
     plan.src_width = src_width;
     plan.src_height = src_height;
     plan.dst_width = dst_width;
@@ -200,12 +235,60 @@ void cvLinearRowsY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1
 
 #pragma GCC pop_options
 
+KV_AVX512_BEGIN
+
+namespace avx512 {
+
+void cvLinearRowX8(const CvLinearPlan& p, const uint8_t* src, int32_t* row) {
+    if (!p.wide_blocks) {
+        avx2::cvLinearRowX8(p, src, row);
+        return;
+    }
+    const __m512i* idx = reinterpret_cast<const __m512i*>(p.wide_index.data());
+    const __m512i* w = reinterpret_cast<const __m512i*>(p.wide_weight.data());
+    const int32_t* base = p.wide_base.data();
+    constexpr __mmask64 kEvenBytes = 0x5555555555555555ull;
+    for (int b = 0; b < p.wide_blocks; ++b) {
+        const __m512i words = _mm512_maskz_permutexvar_epi8(kEvenBytes, _mm512_load_si512(idx + b),
+                                                            _mm512_loadu_si512(src + base[b]));
+        _mm512_storeu_si512(row + 16 * b, _mm512_madd_epi16(words, _mm512_load_si512(w + b)));
+    }
+    refX8(p, src, row, 16 * p.wide_blocks);
+}
+
+namespace {
+// h >> 4 of 32 values as words, each 128-bit lane holding 4 of the first 16 then 4 of the next.
+inline __m512i quarterWords(const int32_t* h) {
+    return _mm512_packs_epi32(_mm512_srai_epi32(_mm512_loadu_si512(h), 4),
+                              _mm512_srai_epi32(_mm512_loadu_si512(h + 16), 4));
+}
+}  // namespace
+
+void cvLinearRowsY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n) {
+    const __m512i w0 = _mm512_set1_epi16(b0), w1 = _mm512_set1_epi16(b1), two = _mm512_set1_epi16(2);
+    const auto words = quarterWords;
+    const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 0, 0, 0, 0, 0, 0, 0, 0);
+    int x = 0;
+    for (; x + 32 <= n; x += 32) {
+        // All sums stay far from saturation.
+        const __m512i s = _mm512_adds_epi16(_mm512_mulhi_epi16(words(h0 + x), w0), _mm512_mulhi_epi16(words(h1 + x), w1));
+        const __m512i r = _mm512_srai_epi16(_mm512_adds_epi16(s, two), 2);
+        const __m512i bytes = _mm512_permutexvar_epi32(order, _mm512_packus_epi16(r, r));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), _mm512_castsi512_si256(bytes));
+    }
+    avx2::cvLinearRowsY8(h0 + x, h1 + x, b0, b1, dst + x, n - x);
+}
+
+}  // namespace avx512
+
+KV_AVX512_END
+
 void cvLinearResize(const CvLinearPlan& plan, const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step,
                     int32_t* rows, Isa isa, int first_row, int last_row) {
-    const bool vec = isa >= Isa::kAvx2;
-    const CvLinearRowX8 x8 = vec ? avx2::cvLinearRowX8 : ref::cvLinearRowX8;
-    const CvLinearRowsY8 y8 = vec ? avx2::cvLinearRowsY8 : ref::cvLinearRowsY8;
-    const size_t values = size_t(plan.values);
+    const bool vec = isa >= Isa::kAvx2, wide = isa >= Isa::kAvx512;
+    const CvLinearRowX8 x8 = wide ? avx512::cvLinearRowX8 : vec ? avx2::cvLinearRowX8 : ref::cvLinearRowX8;
+    const CvLinearRowsY8 y8 = wide ? avx512::cvLinearRowsY8 : vec ? avx2::cvLinearRowsY8 : ref::cvLinearRowsY8;
+    const size_t values = size_t(plan.stride);
     int key[2] = {-1, -1};
     // Source row r horizontally, from its slot or computed into the one the
     // other needed row does not hold.

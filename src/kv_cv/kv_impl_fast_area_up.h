@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "kv_cv/kv_impl_aligned.h"
 #include "kv_cv/kv_impl_cpu.h"
 
 namespace kv {
@@ -48,8 +49,19 @@ struct CvLinearPlan {
     int blocks = 0;                 // 0: no vector plan
     int chunks = 0;
     std::vector<int32_t> base;      // 2 per block
-    std::vector<uint8_t> select;    // blocks x chunks x 32
-    std::vector<int16_t> weights;   // blocks x 16
+    LineVector<uint8_t> select;     // blocks x chunks x 32
+    LineVector<int16_t> weights;    // blocks x 16
+    // kAvx512: blocks of sixteen values whose samples lie within the 64 bytes
+    // from wide_base (moved back to stay inside the row); one byte permute
+    // per block puts value j's left and right samples in words 2j and 2j + 1
+    // (index bytes 4j and 4j + 2; the odd bytes are zeroed). 0 `wide_blocks`:
+    // no such plan (rows under 64 bytes, or spans too wide).
+    int wide_blocks = 0;
+    std::vector<int32_t> wide_base;
+    LineVector<uint8_t> wide_index;   // wide_blocks x 64
+    LineVector<int16_t> wide_weight;  // wide_blocks x 32
+    // Integers per row of the horizontal pass: values rounded up to a cache line.
+    int stride = 0;
     std::vector<int32_t> scratch;
 };
 void buildCvLinearPlan(CvLinearPlan& plan, int src_width, int src_height, int dst_width, int dst_height, int channels);
@@ -60,7 +72,8 @@ void buildCvLinearPlan(CvLinearPlan& plan, int src_width, int src_height, int ds
 using CvLinearRowX8 = void (*)(const CvLinearPlan& plan, const uint8_t* src, int32_t* row);
 using CvLinearRowsY8 = void (*)(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n);
 
-// The whole plane with the kernels of `isa`; `rows` holds 2 x values integers.
+// The whole plane with the kernels of `isa`; `rows` holds 2 x stride integers
+// (on a cache line: LineVector).
 // Output rows [first_row, last_row) only when a range is given (-1: to the end).
 void cvLinearResize(const CvLinearPlan& plan, const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step,
                     int32_t* rows, Isa isa, int first_row = 0,
@@ -75,6 +88,13 @@ namespace avx2 {
 void cvLinearRowX8(const CvLinearPlan& plan, const uint8_t* src, int32_t* row);
 void cvLinearRowsY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n);
 }  // namespace avx2
+
+// kAvx512: the wide plan (the AVX2 kernel where there is none); 32 values per
+// vertical step.
+namespace avx512 {
+void cvLinearRowX8(const CvLinearPlan& plan, const uint8_t* src, int32_t* row);
+void cvLinearRowsY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n);
+}  // namespace avx512
 
 }  // namespace impl
 }  // namespace kv
