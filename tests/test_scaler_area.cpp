@@ -530,7 +530,7 @@ std::vector<std::pair<int, int>> horizontalCases() {
 template <typename T, typename Kernel>
 void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
     std::mt19937 rng(11);
-    int planned = 0, windowed = 0;
+    int planned = 0, windowed = 0, wide = 0;
     for (int channels = 1; channels <= 4; ++channels)
         for (auto [src_w, dst_w] : horizontalCases())
             for (int shift : {15, 7}) {
@@ -543,6 +543,7 @@ void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
                 kv::impl::AreaTaps taps;
                 kv::impl::buildAreaTaps(row, taps, sample_bytes);
                 planned += taps.pair_blocks > 0 || taps.perm_blocks > 0;
+                wide += taps.wide_blocks > 0;
                 windowed += sample_bytes == 4 && channels == 1 && !taps.perm_blocks && taps.taps <= 16 &&
                             row.dst_len >= 8;
                 std::vector<uint8_t> bytes(size_t(row.src_len) * sizeof(T) + 1);
@@ -561,6 +562,9 @@ void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
                 }
             }
     EXPECT_GT(planned, 1000) << sizeof(T);  // the shuffle or permute plan, not only the fallbacks
+    if (sample_bytes == 1) {
+        EXPECT_GT(wide, 500);  // and the wide plan of byte rows
+    }
     if (sample_bytes == 4) {
         EXPECT_GT(windowed, 100);  // and the windows of one-channel rows
     }
@@ -569,6 +573,8 @@ void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
 TEST(AreaKernels, HorizontalVectorMatchesScalar) {
     if (kv::impl::detectedIsa() < Isa::kAvx2) GTEST_SKIP() << "no AVX2";
     compareHorizontal<uint8_t>(1, kv::impl::ref::areaRowX8, kv::impl::avx2::areaRowX8);
+    if (kv::impl::detectedIsa() >= Isa::kAvx512)
+        compareHorizontal<uint8_t>(1, kv::impl::ref::areaRowX8, kv::impl::avx512::areaRowX8);
     compareHorizontal<uint16_t>(2, kv::impl::ref::areaRowX16, kv::impl::avx2::areaRowX16);
     compareHorizontal<uint32_t>(4, kv::impl::ref::areaRowX32, kv::impl::avx2::areaRowX32);
 }

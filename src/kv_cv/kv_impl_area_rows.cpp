@@ -222,6 +222,98 @@ void buildAreaPermutes(const AreaRowX& r, AreaTaps& t) {
 
 }  // namespace
 
+// Most pairs of the wide plan: beyond them the AVX2 plans are as quick.
+constexpr int kMaxWidePairs = 4;
+
+// The wide plan of AreaTaps (byte rows; see kv_impl_scale_area.h).
+void buildAreaWide(const AreaRowX& r, AreaTaps& t) {
+    t.wide_blocks = t.wide_pairs = t.wide_patterns = 0;
+    const int n = r.dst_len, C = r.channels;
+    if (n < 32 || r.src_len < 64) return;
+    // Value o's words: (element, weight) of its weighted taps inside the row.
+    auto words = [&](int o, auto&& f) {
+        forEachTap(r, o / C, [&](int, int k, uint32_t w) {
+            const int64_t e = int64_t(k) * C + o % C;
+            if (w == 0 || e >= r.src_len) return;
+            if (w >= 32768) {
+                f(int(e), int16_t(w / 2));
+                f(int(e), int16_t(w - w / 2));
+            } else {
+                f(int(e), int16_t(w));
+            }
+        });
+    };
+    const int blocks = (n + 31) / 32;
+    auto blockStart = [&](int b) { return std::min(32 * b, n - 32); };
+    int most = 0;
+    t.wide_base.resize(size_t(blocks) * 3);
+    for (int b = 0; b < blocks; ++b) {
+        int lo = r.src_len, hi = -1;
+        for (int o = blockStart(b); o < blockStart(b) + 32; ++o) {
+            int count = 0;
+            words(o, [&](int e, int16_t) {
+                lo = std::min(lo, e);
+                hi = std::max(hi, e);
+                ++count;
+            });
+            most = std::max(most, count);
+        }
+        if (hi < 0) lo = hi = 0;
+        if (hi - lo >= 64) return;
+        t.wide_base[size_t(3 * b)] = std::min(lo, r.src_len - 64);
+        t.wide_base[size_t(3 * b + 1)] = blockStart(b);
+    }
+    const int P = std::max(1, (most + 1) / 2);
+    if (P > kMaxWidePairs) return;
+    t.wide_index.assign(size_t(blocks) * size_t(P) * 128, 0);
+    t.wide_weight.assign(size_t(blocks) * size_t(P) * 64, 0);
+    for (int b = 0; b < blocks; ++b) {
+        const int base = t.wide_base[size_t(3 * b)];
+        for (int j = 0; j < 32; ++j) {
+            int word = 0;
+            words(blockStart(b) + j, [&](int e, int16_t w) {
+                // Pair p, half j / 16: words 2 (j % 16) and 2 (j % 16) + 1.
+                const size_t at = (size_t(b) * size_t(P) + size_t(word / 2)) * 2 + size_t(j / 16);
+                const int slot = 2 * (j % 16) + word % 2;
+                t.wide_index[at * 64 + size_t(2 * slot)] = uint8_t(e - base);
+                t.wide_weight[at * 32 + size_t(slot)] = w;
+                ++word;
+            });
+        }
+    }
+    // Blocks share their tables where they repeat (ratios whose pattern recurs
+    // within a row): each moves to the first copy of its pattern, so the
+    // tables of a wide row stay in the first-level cache.
+    const size_t index_bytes = size_t(P) * 128, weight_words = size_t(P) * 64;
+    std::vector<uint64_t>& known = t.scratch_hash;
+    known.resize(size_t(blocks));
+    int patterns = 0;
+    for (int b = 0; b < blocks; ++b) {
+        const uint8_t* idx = &t.wide_index[size_t(b) * index_bytes];
+        const int16_t* w = &t.wide_weight[size_t(b) * weight_words];
+        uint64_t h = 1469598103934665603ull;
+        for (size_t i = 0; i < index_bytes; ++i) h = (h ^ idx[i]) * 1099511628211ull;
+        for (size_t i = 0; i < weight_words; ++i) h = (h ^ uint16_t(w[i])) * 1099511628211ull;
+        int q = 0;
+        while (q < patterns && !(known[size_t(q)] == h &&
+                                 std::memcmp(&t.wide_index[size_t(q) * index_bytes], idx, index_bytes) == 0 &&
+                                 std::memcmp(&t.wide_weight[size_t(q) * weight_words], w, weight_words * 2) == 0))
+            ++q;
+        if (q == patterns) {
+            if (q != b) {
+                std::memmove(&t.wide_index[size_t(q) * index_bytes], idx, index_bytes);
+                std::memmove(&t.wide_weight[size_t(q) * weight_words], w, weight_words * 2);
+            }
+            known[size_t(q)] = h;
+            ++patterns;
+        }
+        t.wide_base[size_t(3 * b + 2)] = q;
+    }
+    t.wide_pairs = P;
+    t.wide_patterns = patterns;
+    t.wide_blocks = blocks;
+}
+
 void buildAreaTaps(const AreaRowX& r, AreaTaps& t, int sample_bytes) {
     const int C = r.channels;
     const int units = (r.dst_len + C - 1) / C;
@@ -251,6 +343,8 @@ void buildAreaTaps(const AreaRowX& r, AreaTaps& t, int sample_bytes) {
         t.vec_values = b * 8 + 8;
     }
     t.perm_chunks = t.perm_blocks = 0;
+    t.wide_blocks = t.wide_pairs = 0;
+    if (sample_bytes == 1) buildAreaWide(r, t);
     if (sample_bytes <= 2) {
         buildAreaPairs(r, t, sample_bytes);
     } else {
@@ -748,6 +842,48 @@ void areaRowsY32(const AreaRowsY& r, uint32_t* dst, uint64_t* acc, int x_begin) 
 KV_AVX512_BEGIN
 
 namespace avx512 {
+
+namespace {
+
+// The wide plan: per block one 64-byte load, per pair and half one byte
+// permute and one multiply-add; then shift and keep the low byte, as the
+// reference's byte store does. kP > 0 fixes the pair count.
+template <int kP>
+void wideBlocks(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaTaps& t) {
+    const int P = kP > 0 ? kP : t.wide_pairs;
+    const __m512i* indices = reinterpret_cast<const __m512i*>(t.wide_index.data());
+    const __m512i* weights = reinterpret_cast<const __m512i*>(t.wide_weight.data());
+    const int32_t* base = t.wide_base.data();
+    const __m128i shift = _mm_cvtsi32_si128(r.shift);
+    constexpr __mmask64 kEvenBytes = 0x5555555555555555ull;
+    for (int b = 0; b < t.wide_blocks; ++b) {
+        const __m512i* idx = indices + size_t(base[3 * b + 2]) * size_t(2 * P);
+        const __m512i* w = weights + size_t(base[3 * b + 2]) * size_t(2 * P);
+        const __m512i window = _mm512_loadu_si512(src + base[3 * b]);
+        __m512i a0 = _mm512_setzero_si512(), a1 = _mm512_setzero_si512();
+        for (int p = 0; p < P; ++p) {
+            a0 = _mm512_add_epi32(a0, _mm512_madd_epi16(_mm512_maskz_permutexvar_epi8(kEvenBytes, _mm512_load_si512(idx + 2 * p), window),
+                                                         _mm512_load_si512(w + 2 * p)));
+            a1 = _mm512_add_epi32(a1, _mm512_madd_epi16(_mm512_maskz_permutexvar_epi8(kEvenBytes, _mm512_load_si512(idx + 2 * p + 1), window),
+                                                         _mm512_load_si512(w + 2 * p + 1)));
+        }
+        uint8_t* d = dst + base[3 * b + 1];
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm512_cvtepi32_epi8(_mm512_srl_epi32(a0, shift)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16), _mm512_cvtepi32_epi8(_mm512_srl_epi32(a1, shift)));
+    }
+}
+
+}  // namespace
+
+void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin) {
+    const bool box = taps.uniform_q && uint32_t(row.weight_max) * uint32_t(taps.uniform_q) <= (1u << row.shift);
+    if (o_begin != 0 || box || !taps.wide_blocks) {
+        avx2::areaRowX8(src, dst, row, taps, o_begin);
+        return;
+    }
+    if (!dispatchCount<kMaxWidePairs>(taps.wide_pairs, [&](auto p) { wideBlocks<p()>(src, dst, row, taps); }))
+        wideBlocks<0>(src, dst, row, taps);
+}
 
 // The AVX2 kernel's arithmetic on 64 values per step (the lanes of each
 // 128-bit quarter unpack and pack back in order); the rest goes to it.

@@ -91,6 +91,19 @@ struct AreaTaps {
     int perm_blocks = 0;
     std::vector<int32_t> perm_base;
     std::vector<int32_t> perm_index;  // blocks x taps x 8
+    // Byte rows at kAvx512: blocks of 32 values whose taps lie within the 64
+    // bytes from their base (moved back to stay inside the row; the last
+    // block may overlap its predecessor). Per block, pair and half (16
+    // values) 64 index bytes put value j's two samples in words 2j and 2j + 1
+    // (bytes 4j and 4j + 2; the odd bytes are zeroed) and 32 weights
+    // multiply-add them; a weight of 32768 takes a whole pair, split in two.
+    // Blocks whose tables repeat share one pattern. 0 `wide_blocks`: no such plan.
+    int wide_blocks = 0;
+    int wide_pairs = 0;
+    int wide_patterns = 0;
+    std::vector<int32_t> wide_base;   // 3 per block: source byte offset, first output value, pattern
+    LineVector<uint8_t> wide_index;   // patterns x pairs x 2 x 64
+    LineVector<int16_t> wide_weight;  // patterns x pairs x 2 x 32
     // Working memory of the plan's construction.
     std::vector<int32_t> scratch_lo;
     std::vector<uint8_t> scratch_set;
@@ -128,8 +141,10 @@ void areaRowsY16(const AreaRowsY& rows, uint16_t* dst, uint64_t* acc, int x_begi
 void areaRowsY32(const AreaRowsY& rows, uint32_t* dst, uint64_t* acc, int x_begin);
 }  // namespace avx2
 
-// kAvx512: 64 values per step (the AVX2 kernel for the rest).
+// kAvx512: the wide plan of byte rows (the AVX2 kernel where there is none,
+// and for plain boxes); 64 values per vertical step (the AVX2 kernel for the rest).
 namespace avx512 {
+void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin);
 void areaRowsY8(const AreaRowsY& rows, uint8_t* dst, uint32_t* acc, int x_begin);
 }  // namespace avx512
 

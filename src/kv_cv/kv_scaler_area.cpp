@@ -160,7 +160,9 @@ void ScalerAreaX::Impl::_reuse(const FrameLayout& src, int dst_width, ScalerPrec
         _taps_layout = src;
     }
     const bool avx2 = impl::activeIsa() >= impl::Isa::kAvx2;
-    _kernel8 = avx2 ? impl::avx2::areaRowX8 : impl::ref::areaRowX8;
+    _kernel8 = impl::activeIsa() >= impl::Isa::kAvx512 ? impl::avx512::areaRowX8
+               : avx2                                     ? impl::avx2::areaRowX8
+                                                          : impl::ref::areaRowX8;
     _kernel16 = avx2 ? impl::avx2::areaRowX16 : impl::ref::areaRowX16;
     _kernel32 = avx2 ? impl::avx2::areaRowX32 : impl::ref::areaRowX32;
 }
