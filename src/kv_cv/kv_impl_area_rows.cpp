@@ -265,7 +265,7 @@ void buildAreaWide(const AreaRowX& r, AreaTaps& t) {
     }
     const int P = std::max(1, (most + 1) / 2);
     if (P > kMaxWidePairs) return;
-    t.wide_index.assign(size_t(blocks) * size_t(P) * 128, 0);
+    t.wide_index.assign(size_t(blocks) * size_t(P) * 64, 0);
     t.wide_weight.assign(size_t(blocks) * size_t(P) * 64, 0);
     for (int b = 0; b < blocks; ++b) {
         const int base = t.wide_base[size_t(3 * b)];
@@ -275,7 +275,7 @@ void buildAreaWide(const AreaRowX& r, AreaTaps& t) {
                 // Pair p, half j / 16: words 2 (j % 16) and 2 (j % 16) + 1.
                 const size_t at = (size_t(b) * size_t(P) + size_t(word / 2)) * 2 + size_t(j / 16);
                 const int slot = 2 * (j % 16) + word % 2;
-                t.wide_index[at * 64 + size_t(2 * slot)] = uint8_t(e - base);
+                t.wide_index[at * 32 + size_t(slot)] = uint8_t(e - base);
                 t.wide_weight[at * 32 + size_t(slot)] = w;
                 ++word;
             });
@@ -284,7 +284,7 @@ void buildAreaWide(const AreaRowX& r, AreaTaps& t) {
     // Blocks share their tables where they repeat (ratios whose pattern recurs
     // within a row): each moves to the first copy of its pattern, so the
     // tables of a wide row stay in the first-level cache.
-    const size_t index_bytes = size_t(P) * 128, weight_words = size_t(P) * 64;
+    const size_t index_bytes = size_t(P) * 64, weight_words = size_t(P) * 64;
     std::vector<uint64_t>& known = t.scratch_hash;
     known.resize(size_t(blocks));
     int patterns = 0;
@@ -851,21 +851,23 @@ namespace {
 template <int kP>
 void wideBlocks(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaTaps& t) {
     const int P = kP > 0 ? kP : t.wide_pairs;
-    const __m512i* indices = reinterpret_cast<const __m512i*>(t.wide_index.data());
+    const __m256i* indices = reinterpret_cast<const __m256i*>(t.wide_index.data());
     const __m512i* weights = reinterpret_cast<const __m512i*>(t.wide_weight.data());
     const int32_t* base = t.wide_base.data();
     const __m128i shift = _mm_cvtsi32_si128(r.shift);
     constexpr __mmask64 kEvenBytes = 0x5555555555555555ull;
     for (int b = 0; b < t.wide_blocks; ++b) {
-        const __m512i* idx = indices + size_t(base[3 * b + 2]) * size_t(2 * P);
+        const __m256i* idx = indices + size_t(base[3 * b + 2]) * size_t(2 * P);
         const __m512i* w = weights + size_t(base[3 * b + 2]) * size_t(2 * P);
         const __m512i window = _mm512_loadu_si512(src + base[3 * b]);
         __m512i a0 = _mm512_setzero_si512(), a1 = _mm512_setzero_si512();
+        // Index bytes widen to words: the permute reads each word's low byte and zeroes its high one.
+        auto words = [&](int k) {
+            return _mm512_maskz_permutexvar_epi8(kEvenBytes, _mm512_cvtepu8_epi16(_mm256_load_si256(idx + k)), window);
+        };
         for (int p = 0; p < P; ++p) {
-            a0 = _mm512_add_epi32(a0, _mm512_madd_epi16(_mm512_maskz_permutexvar_epi8(kEvenBytes, _mm512_load_si512(idx + 2 * p), window),
-                                                         _mm512_load_si512(w + 2 * p)));
-            a1 = _mm512_add_epi32(a1, _mm512_madd_epi16(_mm512_maskz_permutexvar_epi8(kEvenBytes, _mm512_load_si512(idx + 2 * p + 1), window),
-                                                         _mm512_load_si512(w + 2 * p + 1)));
+            a0 = _mm512_add_epi32(a0, _mm512_madd_epi16(words(2 * p), _mm512_load_si512(w + 2 * p)));
+            a1 = _mm512_add_epi32(a1, _mm512_madd_epi16(words(2 * p + 1), _mm512_load_si512(w + 2 * p + 1)));
         }
         uint8_t* d = dst + base[3 * b + 1];
         _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm512_cvtepi32_epi8(_mm512_srl_epi32(a0, shift)));

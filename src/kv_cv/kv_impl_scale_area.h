@@ -94,15 +94,15 @@ struct AreaTaps {
     // Byte rows at kAvx512: blocks of 32 values whose taps lie within the 64
     // bytes from their base (moved back to stay inside the row; the last
     // block may overlap its predecessor). Per block, pair and half (16
-    // values) 64 index bytes put value j's two samples in words 2j and 2j + 1
-    // (bytes 4j and 4j + 2; the odd bytes are zeroed) and 32 weights
+    // values) 32 index bytes, widened to words, put value j's two samples in
+    // words 2j and 2j + 1 (the permute zeroes their high bytes) and 32 weights
     // multiply-add them; a weight of 32768 takes a whole pair, split in two.
     // Blocks whose tables repeat share one pattern. 0 `wide_blocks`: no such plan.
     int wide_blocks = 0;
     int wide_pairs = 0;
     int wide_patterns = 0;
     std::vector<int32_t> wide_base;   // 3 per block: source byte offset, first output value, pattern
-    LineVector<uint8_t> wide_index;   // patterns x pairs x 2 x 64
+    LineVector<uint8_t> wide_index;   // patterns x pairs x 2 x 32
     LineVector<int16_t> wide_weight;  // patterns x pairs x 2 x 32
     // Working memory of the plan's construction.
     std::vector<int32_t> scratch_lo;
