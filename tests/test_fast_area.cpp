@@ -123,7 +123,7 @@ TEST(CvAreaKernels, VectorMatchesReference) {
         for (int s : {d + 1, d * 3 / 2 + 1, d * 2 + 1, d * 11 / 4 + 1, d * 5 - 2, d * 9 + 4}) cases.push_back({s, d});
     for (int s : {1920, 1921})
         for (int d : {1280, 700, 416, 224, 33, 1919}) cases.push_back({s, d});
-    int window_blocks = 0, two_load_blocks = 0, quad_blocks = 0, wide_one = 0, wide_two = 0;
+    int window_blocks = 0, two_load_blocks = 0, quad_blocks = 0, wide_one = 0, wide_two = 0, wide_split = 0;
     const bool avx512 = impl::detectedIsa() >= Isa::kAvx512;
     for (int channels = 1; channels <= 4; ++channels)
         for (bool bytes : {true, false})
@@ -148,18 +148,19 @@ TEST(CvAreaKernels, VectorMatchesReference) {
                 ASSERT_EQ(a, b) << channels << " channels " << (bytes ? "bytes " : "floats ") << c.src << " -> "
                                 << c.dst;
                 if (!avx512) continue;
-                if (bytes && plan.row.wide_blocks && plan.row.chunks != 1)
-                    ++(plan.row.wide_tables == 2 ? wide_two : wide_one);
+                if (bytes && plan.row.wide_blocks)
+                    ++(plan.row.wide_tables == 3 ? wide_split : plan.row.wide_tables == 2 ? wide_two : wide_one);
                 std::vector<uint8_t> w(step * 3, 0xA5);
                 impl::cvAreaResize(plan, src.data.data(), src.step, w.data(), step, rows.data(), pointers.data(),
                                    Isa::kAvx512);
                 ASSERT_EQ(a, w) << "AVX-512, " << channels << " channels " << (bytes ? "bytes " : "floats ") << c.src
                                 << " -> " << c.dst;
             }
-    // Byte rows take the 16-value permutes, of one window and of two.
+    // Byte rows take the 16-value permutes, of one window, of two, and split in halves.
     if (avx512) {
         EXPECT_GT(wide_one, 50);
         EXPECT_GT(wide_two, 50);
+        EXPECT_GT(wide_split, 30);
     }
     // Float rows of one channel load windows (of 4, 8 and 16 samples), not only gathers.
     EXPECT_GT(window_blocks, 500);

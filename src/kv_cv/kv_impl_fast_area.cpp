@@ -76,6 +76,40 @@ void planCvAreaWindows(CvAreaRowPlan& plan, int channels, int src_elements) {
     plan.win_loads = loads;
 }
 
+// The wide plan's split form: each eight values of a block within 128 bytes
+// of their own base, moved back to keep both loads inside the row.
+void planCvAreaSplit(CvAreaRowPlan& plan, int src_elements) {
+    const int T = plan.taps, blocks = plan.values / 16;
+    if (src_elements < 128) return;
+    plan.wide_base.assign(size_t(blocks) * 2, 0);
+    for (int b = 0; b < blocks; ++b)
+        for (int h = 0; h < 2; ++h) {
+            int l = src_elements, u = -1;
+            for (size_t v = size_t(16 * b + 8 * h) * size_t(T); v < size_t(16 * b + 8 * h + 8) * size_t(T); ++v)
+                if (plan.alpha[v] != 0.f) {
+                    l = std::min(l, plan.element[v]);
+                    u = std::max(u, plan.element[v]);
+                }
+            if (u < 0) l = u = 0;
+            if (u - l >= 128) return;
+            plan.wide_base[size_t(2 * b + h)] = std::min(l, src_elements - 128);
+        }
+    plan.wide_mask.clear();
+    plan.wide_index.assign(size_t(blocks) * size_t(T) * 16, 0);
+    plan.wide_weight.assign(size_t(blocks) * size_t(T) * 16, 0.f);
+    for (int b = 0; b < blocks; ++b)
+        for (int t = 0; t < T; ++t)
+            for (int j = 0; j < 16; ++j) {
+                const size_t v = size_t(16 * b + j) * size_t(T) + size_t(t);
+                const size_t at = size_t(b) * size_t(T) + size_t(t);
+                const int base = plan.wide_base[size_t(2 * b + j / 8)];
+                if (plan.alpha[v] != 0.f) plan.wide_index[at * 16 + size_t(j)] = uint8_t(plan.element[v] - base);
+                plan.wide_weight[at * 16 + size_t(j)] = plan.alpha[v];
+            }
+    plan.wide_blocks = blocks;
+    plan.wide_tables = 3;
+}
+
 // The wide plan of CvAreaRowPlan (byte rows at kAvx512).
 void planCvAreaWide(CvAreaRowPlan& plan, int src_elements) {
     const int T = plan.taps, blocks = plan.values / 16;
@@ -90,12 +124,15 @@ void planCvAreaWide(CvAreaRowPlan& plan, int src_elements) {
                 u = std::max(u, plan.element[v]);
             }
         if (u < 0) l = u = 0;
-        if (u - l >= 128) return;
+        if (u - l >= 128) {
+            planCvAreaSplit(plan, src_elements);
+            return;
+        }
         if (u - l >= 64) tables = 2;
         plan.wide_base[size_t(b)] = l;
     }
     plan.wide_mask.assign(size_t(blocks) * 2, 0);
-    plan.wide_index.assign(size_t(blocks) * size_t(T) * 64, 0);
+    plan.wide_index.assign(size_t(blocks) * size_t(T) * 16, 0);
     plan.wide_weight.assign(size_t(blocks) * size_t(T) * 16, 0.f);
     for (int b = 0; b < blocks; ++b) {
         const int base = plan.wide_base[size_t(b)];
@@ -107,7 +144,7 @@ void planCvAreaWide(CvAreaRowPlan& plan, int src_elements) {
             for (int j = 0; j < 16; ++j) {
                 const size_t v = size_t(16 * b + j) * size_t(T) + size_t(t);
                 const size_t at = size_t(b) * size_t(T) + size_t(t);
-                if (plan.alpha[v] != 0.f) plan.wide_index[at * 64 + size_t(4 * j)] = uint8_t(plan.element[v] - base);
+                if (plan.alpha[v] != 0.f) plan.wide_index[at * 16 + size_t(j)] = uint8_t(plan.element[v] - base);
                 plan.wide_weight[at * 16 + size_t(j)] = plan.alpha[v];
             }
     }
@@ -426,7 +463,7 @@ namespace {
 template <int Tables, int kT>
 void rowBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
     const int T = kT > 0 ? kT : p.taps;
-    const __m512i* idx = reinterpret_cast<const __m512i*>(p.wide_index.data());
+    const __m128i* idx = reinterpret_cast<const __m128i*>(p.wide_index.data());
     const float* w = p.wide_weight.data();
     const int32_t* base = p.wide_base.data();
     const uint64_t* mask = p.wide_mask.data();
@@ -440,7 +477,7 @@ void rowBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
                            : mhi == ~uint64_t(0) ? _mm512_loadu_si512(s + 64)
                                                  : _mm512_maskz_loadu_epi8(mhi, s + 64);
         auto product = [&](int t) {
-            const __m512i i = _mm512_loadu_si512(idx + t);
+            const __m512i i = _mm512_cvtepu8_epi32(_mm_load_si128(idx + t));
             const __m512i v = Tables == 2 ? _mm512_maskz_permutex2var_epi8(kLowBytes, lo, i, hi)
                                           : _mm512_maskz_permutexvar_epi8(kLowBytes, i, lo);
             return _mm512_mul_ps(_mm512_cvtepi32_ps(v), _mm512_loadu_ps(w + 16 * t));
@@ -451,8 +488,38 @@ void rowBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
     }
 }
 
+// The split form: values 0-7 of a block from the 128 bytes at their base,
+// values 8-15 from the 128 at theirs, one two-table permute each per slot.
+template <int kT>
+void splitBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
+    const int T = kT > 0 ? kT : p.taps;
+    const __m128i* idx = reinterpret_cast<const __m128i*>(p.wide_index.data());
+    const float* w = p.wide_weight.data();
+    const int32_t* base = p.wide_base.data();
+    constexpr __mmask64 kFirst = 0x0000000011111111ull, kSecond = 0x1111111100000000ull;
+    for (int b = 0; b < p.wide_blocks; ++b, idx += T, w += 16 * T) {
+        const uint8_t* sa = src + base[2 * b];
+        const uint8_t* sb = src + base[2 * b + 1];
+        const __m512i a0 = _mm512_loadu_si512(sa), a1 = _mm512_loadu_si512(sa + 64);
+        const __m512i b0 = _mm512_loadu_si512(sb), b1 = _mm512_loadu_si512(sb + 64);
+        auto product = [&](int t) {
+            const __m512i i = _mm512_cvtepu8_epi32(_mm_load_si128(idx + t));
+            const __m512i v = _mm512_or_si512(_mm512_maskz_permutex2var_epi8(kFirst, a0, i, a1),
+                                              _mm512_maskz_permutex2var_epi8(kSecond, b0, i, b1));
+            return _mm512_mul_ps(_mm512_cvtepi32_ps(v), _mm512_load_ps(w + 16 * t));
+        };
+        __m512 acc = product(0);
+        for (int t = 1; t < T; ++t) acc = _mm512_add_ps(acc, product(t));
+        _mm512_storeu_ps(buf + 16 * b, acc);
+    }
+}
+
 template <int Tables>
 void rowBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
+    if (Tables == 3) {
+        if (!dispatchCount<12>(p.taps, [&](auto t) { splitBlocks16<t()>(p, src, buf); })) splitBlocks16<0>(p, src, buf);
+        return;
+    }
     if (!dispatchCount<4>(p.taps, [&](auto t) { rowBlocks16<Tables, t()>(p, src, buf); }))
         rowBlocks16<Tables, 0>(p, src, buf);
 }
@@ -467,7 +534,9 @@ void cvAreaRowX8(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
         avx2::cvAreaRowX8(p, src, buf);
         return;
     }
-    if (p.wide_tables == 2)
+    if (p.wide_tables == 3)
+        rowBlocks16<3>(p, src, buf);
+    else if (p.wide_tables == 2)
         rowBlocks16<2>(p, src, buf);
     else
         rowBlocks16<1>(p, src, buf);

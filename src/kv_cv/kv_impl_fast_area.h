@@ -69,9 +69,13 @@ struct CvAreaRowPlan {
     // Byte rows at kAvx512: blocks of 16 values whose used taps lie within
     // 64 bytes (`wide_tables` 1, one vpermb) or 128 (2, vpermt2b) from the
     // block's first used sample; 0 `wide_blocks` means no such plan. Per
-    // (block, slot) 64 index bytes, byte 4j giving value j's sample in the
-    // window (0 for an unused slot, whose alpha 0 makes it +0), and 16 alphas;
-    // per block two load masks that keep the window inside the row.
+    // (block, slot) 16 index bytes, byte j giving value j's sample in the
+    // window (0 for an unused slot, whose alpha 0 makes it +0; widened to
+    // 32-bit lanes before the permute), and 16 alphas;
+    // per block two load masks that keep the window inside the row. Where a
+    // block spans 128 bytes or more, the split form (`wide_tables` 3): each
+    // eight values read the 128 bytes from their own base (2 per block, moved
+    // back to stay inside the row, no masks), one two-table permute per half.
     int wide_blocks = 0;
     int wide_tables = 0;
     std::vector<int32_t> wide_base;
