@@ -145,7 +145,7 @@ void cvAreaRowsY32f(const CvAreaRowsY& rows, float* dst);
 }  // namespace avx2
 
 // kAvx512: byte rows (the horizontal pass runs the AVX2 kernel where the plan
-// has no wide blocks or the AVX2 plan needs one load per half-block).
+// has no wide blocks).
 namespace avx512 {
 void cvAreaRowX8(const CvAreaRowPlan& plan, const uint8_t* src, float* buf);
 void cvAreaRowsY8(const CvAreaRowsY& rows, uint8_t* dst);
