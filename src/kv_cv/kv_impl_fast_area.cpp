@@ -457,6 +457,21 @@ namespace avx512 {
 
 namespace {
 
+// One block's sum over T slots in slot order: per slot `pick` maps the slot's
+// 16 index bytes, widened to 32-bit lanes, to each value's sample in the low
+// byte of its lane; the sample times the slot's alpha joins the sum (the
+// first product starts it).
+template <typename Pick>
+inline __m512 slotSum(int T, const __m128i* idx, const float* w, Pick pick) {
+    auto product = [&](int t) {
+        const __m512i v = pick(_mm512_cvtepu8_epi32(_mm_load_si128(idx + t)));
+        return _mm512_mul_ps(_mm512_cvtepi32_ps(v), _mm512_load_ps(w + 16 * t));
+    };
+    __m512 acc = product(0);
+    for (int t = 1; t < T; ++t) acc = _mm512_add_ps(acc, product(t));
+    return acc;
+}
+
 // Sixteen values per block: per slot one byte permute (of one 64-byte window,
 // or two) puts each value's sample in the low byte of its 32-bit lane. kT > 0
 // fixes the slot count (unrolled); 0 reads it from the plan.
@@ -476,15 +491,10 @@ void rowBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
         const __m512i hi = Tables != 2             ? lo
                            : mhi == ~uint64_t(0) ? _mm512_loadu_si512(s + 64)
                                                  : _mm512_maskz_loadu_epi8(mhi, s + 64);
-        auto product = [&](int t) {
-            const __m512i i = _mm512_cvtepu8_epi32(_mm_load_si128(idx + t));
-            const __m512i v = Tables == 2 ? _mm512_maskz_permutex2var_epi8(kLowBytes, lo, i, hi)
-                                          : _mm512_maskz_permutexvar_epi8(kLowBytes, i, lo);
-            return _mm512_mul_ps(_mm512_cvtepi32_ps(v), _mm512_loadu_ps(w + 16 * t));
-        };
-        __m512 acc = product(0);
-        for (int t = 1; t < T; ++t) acc = _mm512_add_ps(acc, product(t));
-        _mm512_storeu_ps(buf + 16 * b, acc);
+        _mm512_storeu_ps(buf + 16 * b, slotSum(T, idx, w, [&](__m512i i) {
+                             return Tables == 2 ? _mm512_maskz_permutex2var_epi8(kLowBytes, lo, i, hi)
+                                                : _mm512_maskz_permutexvar_epi8(kLowBytes, i, lo);
+                         }));
     }
 }
 
@@ -502,15 +512,10 @@ void splitBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
         const uint8_t* sb = src + base[2 * b + 1];
         const __m512i a0 = _mm512_loadu_si512(sa), a1 = _mm512_loadu_si512(sa + 64);
         const __m512i b0 = _mm512_loadu_si512(sb), b1 = _mm512_loadu_si512(sb + 64);
-        auto product = [&](int t) {
-            const __m512i i = _mm512_cvtepu8_epi32(_mm_load_si128(idx + t));
-            const __m512i v = _mm512_or_si512(_mm512_maskz_permutex2var_epi8(kFirst, a0, i, a1),
-                                              _mm512_maskz_permutex2var_epi8(kSecond, b0, i, b1));
-            return _mm512_mul_ps(_mm512_cvtepi32_ps(v), _mm512_load_ps(w + 16 * t));
-        };
-        __m512 acc = product(0);
-        for (int t = 1; t < T; ++t) acc = _mm512_add_ps(acc, product(t));
-        _mm512_storeu_ps(buf + 16 * b, acc);
+        _mm512_storeu_ps(buf + 16 * b, slotSum(T, idx, w, [&](__m512i i) {
+                             return _mm512_or_si512(_mm512_maskz_permutex2var_epi8(kFirst, a0, i, a1),
+                                                    _mm512_maskz_permutex2var_epi8(kSecond, b0, i, b1));
+                         }));
     }
 }
 
