@@ -169,7 +169,7 @@ TEST_P(BilinearFormats, MatchFormulas) {
         {{7, 5}, {12, 9}}, {{13, 11}, {5, 3}},  {{1, 1}, {4, 3}},    {{9, 7}, {1, 1}},
         {{37, 9}, {70, 17}}, {{70, 17}, {23, 9}}, {{67, 6}, {43, 13}}, {{5, 4}, {5, 7}},
     };
-    for (Isa isa : {Isa::kAvx2, Isa::kScalar}) {
+    for (Isa isa : {Isa::kAvx512, Isa::kAvx2, Isa::kScalar}) {
         IsaCap cap(isa);
         for (const auto& sz : sizes) {
             for (Kind kind : {kX, kY, kXY}) {
@@ -414,7 +414,7 @@ std::vector<RowCase> rowCases(int bytes) {
 template <typename T, typename Kernel>
 void compareLerp(int bytes, Kernel ref_kernel, Kernel vec_kernel) {
     std::mt19937 rng(11);
-    int vector_plans = 0, gather_plans = 0, half_plans = 0, permute_plans = 0;
+    int vector_plans = 0, gather_plans = 0, half_plans = 0, permute_plans = 0, window_plans = 0;
     for (const RowCase& rc : rowCases(bytes)) {
         kv::impl::LerpPlan plan;
         const auto xs = positions(rc.src_units, rc.dst_units);
@@ -424,6 +424,7 @@ void compareLerp(int bytes, Kernel ref_kernel, Kernel vec_kernel) {
         gather_plans += plan.unit_values > 0;
         half_plans += plan.half_channels > 0;
         permute_plans += plan.perm_blocks > 0;
+        window_plans += plan.win_count > 0;
         std::vector<T> src(size_t(rc.src_elems));
         for (auto& v : src) v = T(rng());
         std::vector<T> a(size_t(rc.n) + 16, T(0x5A)), b(size_t(rc.n) + 16, T(0x5A));
@@ -437,6 +438,7 @@ void compareLerp(int bytes, Kernel ref_kernel, Kernel vec_kernel) {
     if (bytes == 1) {
         EXPECT_GT(gather_plans, 50);  // and the unit loads of steep reductions
         EXPECT_GT(half_plans, 100);   // and the exact halvings
+        EXPECT_GT(window_plans, 500); // and the AVX-512 windows
     } else {
         EXPECT_GT(permute_plans, 300);  // the permute plan, not only the gathers
     }
@@ -447,6 +449,11 @@ TEST(BilinearKernels, LerpRowsVectorMatchesReference) {
     compareLerp<uint8_t>(1, kv::impl::ref::lerpRow8, kv::impl::avx2::lerpRow8);
     compareLerp<uint16_t>(2, kv::impl::ref::lerpRow16, kv::impl::avx2::lerpRow16);
     compareLerp<uint32_t>(4, kv::impl::ref::lerpRow32, kv::impl::avx2::lerpRow32);
+}
+
+TEST(BilinearKernels, LerpRowsAvx512MatchesReference) {
+    if (kv::impl::detectedIsa() < Isa::kAvx512) GTEST_SKIP() << "no AVX-512";
+    compareLerp<uint8_t>(1, kv::impl::ref::lerpRow8, kv::impl::avx512::lerpRow8);
 }
 
 template <typename T, typename Kernel>

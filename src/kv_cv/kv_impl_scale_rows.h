@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "kv_cv/kv_impl_aligned.h"
 #include "kv_cv/kv_impl_cpu.h"
 
 namespace kv {
@@ -98,6 +99,16 @@ struct LerpPlan {
     // 2 (e / C) + 1, fraction 32768 everywhere): each value is the floor of
     // the pair's mean. `half_channels` is C, 0 when the row is not such.
     int32_t half_channels = 0;
+    // Window plan for 8-bit samples (AVX-512): block b holds values
+    // [win_start[b], + 32) and reads `win_count` 64-byte windows from
+    // win_base[b] on. One byte permute per window puts each value's left
+    // sample in the low and its right sample in the high byte of its word:
+    // 64 index bytes per block (positions modulo 64) and per window a 64-bit
+    // mask of the bytes it supplies. Zero `win_count` means no plan.
+    int32_t win_count = 0;
+    std::vector<int32_t> win_base, win_start;
+    LineVector<uint8_t> win_index;  // blocks x 64
+    std::vector<uint64_t> win_mask;  // blocks x win_count
     // Vector plan for 16- and 32-bit samples: block b holds values [8b, 8b + 8)
     // and reads `perm_loads` loads of eight samples from perm_base[b]; the
     // left and right samples are picked by permuteIndex values. Zero
@@ -242,6 +253,11 @@ void blendRow8(const uint8_t* a, const uint8_t* b, uint8_t* dst, int n, uint32_t
 void blendRow16(const uint16_t* a, const uint16_t* b, uint16_t* dst, int n, uint32_t fy);
 void blendRow32(const uint32_t* a, const uint32_t* b, uint32_t* dst, int n, uint32_t fy);
 }  // namespace avx2
+
+namespace avx512 {
+// The AVX-512 set differs from the AVX2 one in this kernel only.
+void lerpRow8(const LerpPlan& plan, const uint8_t* src, uint8_t* dst);
+}  // namespace avx512
 
 }  // namespace impl
 }  // namespace kv

@@ -69,19 +69,59 @@ void planLerpUnits(LerpPlan& plan, int channels, int src_elems) {
     plan.unit_values = blocks * 4 * C;
     plan.unit_channels = C;
 }
+// The lowest and highest source element that values [e0, e0 + len) read.
+void valueSpan(const LerpPlan& plan, int e0, int len, int& lo, int& hi) {
+    lo = hi = plan.left[size_t(e0)];
+    for (int e = e0; e < e0 + len; ++e) {
+        lo = std::min({lo, plan.left[size_t(e)], plan.right[size_t(e)]});
+        hi = std::max({hi, plan.left[size_t(e)], plan.right[size_t(e)]});
+    }
+}
+// The window plan of 8-bit rows (LerpPlan); none for rows under 32 values
+// or blocks that span more than kMaxLerpWindows windows.
+constexpr int kMaxLerpWindows = 8;
+void planLerpWindows(LerpPlan& plan, int src_elems) {
+    const int n = plan.n;
+    if (n < 32) return;
+    const int blocks = (n + 31) / 32;
+    auto span = [&](int e0, int& lo, int& hi) { valueSpan(plan, e0, 32, lo, hi); };
+    int windows = 1;
+    for (int b = 0; b < blocks; ++b) {
+        int lo, hi;
+        span(std::min(32 * b, n - 32), lo, hi);
+        windows = std::max(windows, (hi - lo) / 64 + 1);
+    }
+    if (windows > kMaxLerpWindows || src_elems < 64 * windows) return;
+    plan.win_base.resize(size_t(blocks));
+    plan.win_start.resize(size_t(blocks));
+    plan.win_index.assign(size_t(blocks) * 64, 0);
+    plan.win_mask.assign(size_t(blocks) * size_t(windows), 0);
+    for (int b = 0; b < blocks; ++b) {
+        const int e0 = std::min(32 * b, n - 32);
+        int lo, hi;
+        span(e0, lo, hi);
+        const int base = std::min(lo, src_elems - 64 * windows);
+        plan.win_base[size_t(b)] = base;
+        plan.win_start[size_t(b)] = e0;
+        uint8_t* index = plan.win_index.data() + size_t(b) * 64;
+        uint64_t* mask = plan.win_mask.data() + size_t(b) * size_t(windows);
+        for (int j = 0; j < 32; ++j) {
+            const int sides[2] = {plan.left[size_t(e0 + j)] - base, plan.right[size_t(e0 + j)] - base};
+            for (int k = 0; k < 2; ++k) {
+                index[2 * j + k] = uint8_t(sides[k] % 64);
+                mask[sides[k] / 64] |= uint64_t(1) << (2 * j + k);
+            }
+        }
+    }
+    plan.win_count = windows;
+}
 // The permute plan of 16- and 32-bit rows (LerpPlan); none where a block of
 // eight values spans more than kMaxPermuteLoads loads.
 void planLerpPermutes(LerpPlan& plan, int src_elems) {
     const int blocks = plan.n / 8;
     if (blocks == 0) return;
     // Lowest and highest sample of block b.
-    auto span = [&](int b, int& lo, int& hi) {
-        lo = hi = plan.left[size_t(8 * b)];
-        for (int e = 8 * b; e < 8 * b + 8; ++e) {
-            lo = std::min({lo, plan.left[size_t(e)], plan.right[size_t(e)]});
-            hi = std::max({hi, plan.left[size_t(e)], plan.right[size_t(e)]});
-        }
-    };
+    auto span = [&](int b, int& lo, int& hi) { valueSpan(plan, 8 * b, 8, lo, hi); };
     int loads = 1;
     for (int b = 0; b < blocks; ++b) {
         int lo, hi;
@@ -137,6 +177,7 @@ void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, 
     plan.gather.n = 0;
     plan.unit_values = 0;
     plan.half_channels = 0;
+    plan.win_count = 0;
     plan.perm_loads = plan.perm_blocks = 0;
     if (!bytes8) {
         planLerpPermutes(plan, src_elems);
@@ -153,18 +194,12 @@ void buildLerpPlan(LerpPlan& plan, const int32_t* xs, int units, int src_units, 
         planGatherBlocks(plan.gather, src_elems);
         return;
     }
+    if (!half) planLerpWindows(plan, src_elems);
     const int count = plan.n;
     if (count < 16) return;
     const int blocks = (count + 15) / 16;
     int chunks = 1;
-    auto span = [&](int e0, int& lo, int& hi) {
-        lo = plan.left[size_t(e0)];
-        hi = plan.right[size_t(e0)];
-        for (int j = 0; j < 16; ++j) {
-            lo = std::min({lo, plan.left[size_t(e0 + j)], plan.right[size_t(e0 + j)]});
-            hi = std::max({hi, plan.left[size_t(e0 + j)], plan.right[size_t(e0 + j)]});
-        }
-    };
+    auto span = [&](int e0, int& lo, int& hi) { valueSpan(plan, e0, 16, lo, hi); };
     for (int b = 0; b < blocks; ++b) {
         int lo, hi;
         span(std::min(16 * b, count - 16), lo, hi);
@@ -610,12 +645,53 @@ void blendRow32(const uint32_t* a, const uint32_t* b, uint32_t* dst, int n, uint
 }  // namespace avx2
 #pragma GCC pop_options
 
+KV_AVX512_BEGIN
+namespace avx512 {
+
+namespace {
+// 32 values per block: W byte permutes (one per 64-byte window, each merging
+// the bytes its mask names) give words of (left, right) samples, blended as
+// l + floor((r - l) * f / 65536) in 16-bit lanes (see lerpWords).
+template <int W>
+void lerpWindows(const LerpPlan& plan, const uint8_t* src, uint8_t* dst) {
+    const size_t blocks = plan.win_base.size();
+    const int32_t* base = plan.win_base.data();
+    const int32_t* start = plan.win_start.data();
+    const uint8_t* index = plan.win_index.data();
+    const uint64_t* mask = plan.win_mask.data();
+    const int16_t* fx = reinterpret_cast<const int16_t*>(plan.fx.data());
+    const __m512i low = _mm512_set1_epi16(0x00FF);
+    for (size_t b = 0; b < blocks; ++b, index += 64, mask += W) {
+        const uint8_t* s = src + base[b];
+        const __m512i idx = _mm512_load_si512(index);
+        __m512i v = _mm512_maskz_permutexvar_epi8(mask[0], idx, _mm512_loadu_si512(s));
+        for (int w = 1; w < W; ++w) v = _mm512_mask_permutexvar_epi8(v, mask[w], idx, _mm512_loadu_si512(s + 64 * w));
+        const __m512i l = _mm512_and_si512(v, low);
+        const __m512i d = _mm512_sub_epi16(_mm512_srli_epi16(v, 8), l);
+        const __m512i f = _mm512_loadu_si512(fx + start[b]);
+        const __m512i t = _mm512_add_epi16(_mm512_mulhi_epi16(d, f), _mm512_and_si512(d, _mm512_srai_epi16(f, 15)));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + start[b]), _mm512_cvtepi16_epi8(_mm512_add_epi16(l, t)));
+    }
+}
+}  // namespace
+
+void lerpRow8(const LerpPlan& plan, const uint8_t* src, uint8_t* dst) {
+    if (!dispatchCount<kMaxLerpWindows>(plan.win_count, [&](auto w) { lerpWindows<w()>(plan, src, dst); }))
+        avx2::lerpRow8(plan, src, dst);
+}
+
+}  // namespace avx512
+KV_AVX512_END
+
 const ScaleRowKernels& scaleRowKernels() {
     static const ScaleRowKernels kRef{ref::gatherRow,  ref::lerpRow8,   ref::lerpRow16, ref::lerpRow32,
                                       ref::blendRow8,  ref::blendRow16, ref::blendRow32};
     static const ScaleRowKernels kAvx2{avx2::gatherRow, avx2::lerpRow8,   avx2::lerpRow16, avx2::lerpRow32,
                                        avx2::blendRow8, avx2::blendRow16, avx2::blendRow32};
-    return activeIsa() >= Isa::kAvx2 ? kAvx2 : kRef;
+    static const ScaleRowKernels kAvx512{avx2::gatherRow, avx512::lerpRow8, avx2::lerpRow16, avx2::lerpRow32,
+                                         avx2::blendRow8, avx2::blendRow16, avx2::blendRow32};
+    const Isa isa = activeIsa();
+    return isa >= Isa::kAvx512 ? kAvx512 : isa >= Isa::kAvx2 ? kAvx2 : kRef;
 }
 
 }  // namespace impl
