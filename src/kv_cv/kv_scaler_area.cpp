@@ -123,6 +123,9 @@ private:
     int _sample_bytes = 1;
     AreaRowX _rows[3] = {};
     AreaTaps _taps[3];
+    // Planes of one geometry (the three of planar RGB, the chroma planes of
+    // 4:2:0) read one plane's taps, so a row's tables stay in the first-level cache.
+    int _taps_of[3] = {0, 1, 2};
     int _row_elements[3] = {0, 0, 0};
     void (*_kernel8)(const uint8_t*, uint8_t*, const AreaRowX&, const AreaTaps&, int) = impl::ref::areaRowX8;
     void (*_kernel16)(const uint16_t*, uint16_t*, const AreaRowX&, const AreaTaps&, int) = impl::ref::areaRowX16;
@@ -155,7 +158,12 @@ void ScalerAreaX::Impl::_reuse(const FrameLayout& src, int dst_width, ScalerPrec
             r.weight_max = weight_max;
             r.shift = shift;
             r.reduce = dst_width < src_width;
-            if (rebuild && dst_width != src_width) impl::buildAreaTaps(r, _taps[p], f.sample_bytes);
+            if (!rebuild) continue;
+            int& q = _taps_of[p];
+            for (q = 0; q < p; ++q)
+                if (_rows[q].channels == r.channels && _rows[q].src_len == r.src_len && _rows[q].dst_len == r.dst_len)
+                    break;
+            if (q == p && dst_width != src_width) impl::buildAreaTaps(r, _taps[p], f.sample_bytes);
         }
         _taps_layout = src;
     }
