@@ -207,15 +207,16 @@ void ScalerAreaX::Impl::produce(RowData& dst) {
     for (int p = 0; p < _planes; ++p) {
         if (!dst.plane[p]) continue;
         const AreaRowX& r = _rows[p];
+        const AreaTaps& taps = _taps[_taps_of[p]];
         switch (_sample_bytes) {
-            case 1: _kernel8(src.plane[p], dst.plane[p], r, _taps[p], 0); break;
+            case 1: _kernel8(src.plane[p], dst.plane[p], r, taps, 0); break;
             case 2:
                 _kernel16(reinterpret_cast<const uint16_t*>(src.plane[p]), reinterpret_cast<uint16_t*>(dst.plane[p]), r,
-                          _taps[p], 0);
+                          taps, 0);
                 break;
             default:
                 _kernel32(reinterpret_cast<const uint32_t*>(src.plane[p]), reinterpret_cast<uint32_t*>(dst.plane[p]), r,
-                          _taps[p], 0);
+                          taps, 0);
                 break;
         }
         zeroTail(dst.plane[p], r.dst_len, _row_elements[p], _sample_bytes);
