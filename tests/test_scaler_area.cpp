@@ -530,7 +530,7 @@ std::vector<std::pair<int, int>> horizontalCases() {
 template <typename T, typename Kernel>
 void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
     std::mt19937 rng(11);
-    int planned = 0, windowed = 0, wide = 0;
+    int planned = 0, windowed = 0, wide = 0, split = 0;
     for (int channels = 1; channels <= 4; ++channels)
         for (auto [src_w, dst_w] : horizontalCases())
             for (int shift : {15, 7}) {
@@ -544,6 +544,7 @@ void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
                 kv::impl::buildAreaTaps(row, taps, sample_bytes);
                 planned += taps.pair_blocks > 0 || taps.perm_blocks > 0;
                 wide += taps.wide_blocks > 0;
+                split += taps.wide_blocks > 0 && taps.wide_split;
                 windowed += sample_bytes == 4 && channels == 1 && !taps.perm_blocks && taps.taps <= 16 &&
                             row.dst_len >= 8;
                 std::vector<uint8_t> bytes(size_t(row.src_len) * sizeof(T) + 1);
@@ -564,6 +565,7 @@ void compareHorizontal(int sample_bytes, Kernel ref_kernel, Kernel vec_kernel) {
     EXPECT_GT(planned, 1000) << sizeof(T);  // the shuffle or permute plan, not only the fallbacks
     if (sample_bytes == 1) {
         EXPECT_GT(wide, 500);  // and the wide plan of byte rows
+        EXPECT_GT(split, 200); // and its split form
     }
     if (sample_bytes == 4) {
         EXPECT_GT(windowed, 100);  // and the windows of one-channel rows

@@ -222,12 +222,15 @@ void buildAreaPermutes(const AreaRowX& r, AreaTaps& t) {
 
 }  // namespace
 
-// Most pairs of the wide plan: beyond them the AVX2 plans are as quick.
+// Most pairs of the wide plan (and of its split form): beyond them the AVX2
+// plans are as quick.
 constexpr int kMaxWidePairs = 4;
+constexpr int kMaxSplitPairs = 8;
 
 // The wide plan of AreaTaps (byte rows; see kv_impl_scale_area.h).
 void buildAreaWide(const AreaRowX& r, AreaTaps& t) {
     t.wide_blocks = t.wide_pairs = t.wide_patterns = 0;
+    t.wide_split = false;
     const int n = r.dst_len, C = r.channels;
     if (n < 32 || r.src_len < 64) return;
     // Value o's words: (element, weight) of its weighted taps inside the row.
@@ -245,31 +248,48 @@ void buildAreaWide(const AreaRowX& r, AreaTaps& t) {
     };
     const int blocks = (n + 31) / 32;
     auto blockStart = [&](int b) { return std::min(32 * b, n - 32); };
+    // Lowest and highest element of `count` values from o0 on; the most words of one value.
     int most = 0;
-    t.wide_base.resize(size_t(blocks) * 3);
-    for (int b = 0; b < blocks; ++b) {
-        int lo = r.src_len, hi = -1;
-        for (int o = blockStart(b); o < blockStart(b) + 32; ++o) {
-            int count = 0;
+    auto span = [&](int o0, int count, int& lo, int& hi) {
+        lo = r.src_len, hi = -1;
+        for (int o = o0; o < o0 + count; ++o) {
+            int words_of_o = 0;
             words(o, [&](int e, int16_t) {
                 lo = std::min(lo, e);
                 hi = std::max(hi, e);
-                ++count;
+                ++words_of_o;
             });
-            most = std::max(most, count);
+            most = std::max(most, words_of_o);
         }
         if (hi < 0) lo = hi = 0;
-        if (hi - lo >= 64) return;
+    };
+    bool split = false;
+    t.wide_base.resize(size_t(blocks) * 3);
+    for (int b = 0; b < blocks; ++b) {
+        int lo, hi;
+        span(blockStart(b), 32, lo, hi);
+        split = split || hi - lo >= 64;
         t.wide_base[size_t(3 * b)] = std::min(lo, r.src_len - 64);
         t.wide_base[size_t(3 * b + 1)] = blockStart(b);
     }
+    if (split) {
+        if (r.src_len < 128) return;
+        t.split_base.resize(size_t(blocks) * 4);
+        for (int b = 0; b < blocks; ++b)
+            for (int g = 0; g < 4; ++g) {
+                int lo, hi;
+                span(blockStart(b) + 8 * g, 8, lo, hi);
+                if (hi - lo >= 128) return;
+                t.split_base[size_t(4 * b + g)] = std::min(lo, r.src_len - 128);
+            }
+    }
     const int P = std::max(1, (most + 1) / 2);
-    if (P > kMaxWidePairs) return;
+    if (P > (split ? kMaxSplitPairs : kMaxWidePairs)) return;
     t.wide_index.assign(size_t(blocks) * size_t(P) * 64, 0);
     t.wide_weight.assign(size_t(blocks) * size_t(P) * 64, 0);
     for (int b = 0; b < blocks; ++b) {
-        const int base = t.wide_base[size_t(3 * b)];
         for (int j = 0; j < 32; ++j) {
+            const int base = split ? t.split_base[size_t(4 * b + j / 8)] : t.wide_base[size_t(3 * b)];
             int word = 0;
             words(blockStart(b) + j, [&](int e, int16_t w) {
                 // Pair p, half j / 16: words 2 (j % 16) and 2 (j % 16) + 1.
@@ -312,6 +332,7 @@ void buildAreaWide(const AreaRowX& r, AreaTaps& t) {
     t.wide_pairs = P;
     t.wide_patterns = patterns;
     t.wide_blocks = blocks;
+    t.wide_split = split;
 }
 
 void buildAreaTaps(const AreaRowX& r, AreaTaps& t, int sample_bytes) {
@@ -875,6 +896,42 @@ void wideBlocks(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaT
     }
 }
 
+// The split form: values 8g to 8g + 7 of a block from the 128 bytes at their
+// own base, one two-table permute per group, pair and half.
+template <int kP>
+void splitBlocks(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaTaps& t) {
+    const int P = kP > 0 ? kP : t.wide_pairs;
+    const __m256i* indices = reinterpret_cast<const __m256i*>(t.wide_index.data());
+    const __m512i* weights = reinterpret_cast<const __m512i*>(t.wide_weight.data());
+    const int32_t* base = t.wide_base.data();
+    const int32_t* group_base = t.split_base.data();
+    const __m128i shift = _mm_cvtsi32_si128(r.shift);
+    // Words of the first eight values of a half, and of the second eight.
+    constexpr __mmask64 kFirst = 0x0000000055555555ull, kSecond = 0x5555555500000000ull;
+    for (int b = 0; b < t.wide_blocks; ++b, group_base += 4) {
+        const __m256i* idx = indices + size_t(base[3 * b + 2]) * size_t(2 * P);
+        const __m512i* w = weights + size_t(base[3 * b + 2]) * size_t(2 * P);
+        __m512i lo[4], hi[4];
+        for (int g = 0; g < 4; ++g) {
+            lo[g] = _mm512_loadu_si512(src + group_base[g]);
+            hi[g] = _mm512_loadu_si512(src + group_base[g] + 64);
+        }
+        auto words = [&](int k, int g) {
+            const __m512i i = _mm512_cvtepu8_epi16(_mm256_load_si256(idx + k));
+            return _mm512_or_si512(_mm512_maskz_permutex2var_epi8(kFirst, lo[g], i, hi[g]),
+                                   _mm512_maskz_permutex2var_epi8(kSecond, lo[g + 1], i, hi[g + 1]));
+        };
+        __m512i a0 = _mm512_setzero_si512(), a1 = _mm512_setzero_si512();
+        for (int p = 0; p < P; ++p) {
+            a0 = _mm512_add_epi32(a0, _mm512_madd_epi16(words(2 * p, 0), _mm512_load_si512(w + 2 * p)));
+            a1 = _mm512_add_epi32(a1, _mm512_madd_epi16(words(2 * p + 1, 2), _mm512_load_si512(w + 2 * p + 1)));
+        }
+        uint8_t* d = dst + base[3 * b + 1];
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm512_cvtepi32_epi8(_mm512_srl_epi32(a0, shift)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16), _mm512_cvtepi32_epi8(_mm512_srl_epi32(a1, shift)));
+    }
+}
+
 }  // namespace
 
 void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const AreaTaps& taps, int o_begin) {
@@ -883,8 +940,12 @@ void areaRowX8(const uint8_t* src, uint8_t* dst, const AreaRowX& row, const Area
         avx2::areaRowX8(src, dst, row, taps, o_begin);
         return;
     }
-    if (!dispatchCount<kMaxWidePairs>(taps.wide_pairs, [&](auto p) { wideBlocks<p()>(src, dst, row, taps); }))
+    if (taps.wide_split) {
+        if (!dispatchCount<kMaxSplitPairs>(taps.wide_pairs, [&](auto p) { splitBlocks<p()>(src, dst, row, taps); }))
+            splitBlocks<0>(src, dst, row, taps);
+    } else if (!dispatchCount<kMaxWidePairs>(taps.wide_pairs, [&](auto p) { wideBlocks<p()>(src, dst, row, taps); })) {
         wideBlocks<0>(src, dst, row, taps);
+    }
 }
 
 // The AVX2 kernel's arithmetic on 64 values per step (the lanes of each

@@ -98,7 +98,12 @@ struct AreaTaps {
     // words 2j and 2j + 1 (the permute zeroes their high bytes) and 32 weights
     // multiply-add them; a weight of 32768 takes a whole pair, split in two.
     // Blocks whose tables repeat share one pattern. 0 `wide_blocks`: no such plan.
+    // The split form (`wide_split`), for blocks wider than 64 bytes: each
+    // eight values of a block take their taps from the 128 bytes at their own
+    // base (split_base, 4 per block), indices relative to it.
     int wide_blocks = 0;
+    bool wide_split = false;
+    std::vector<int32_t> split_base;
     int wide_pairs = 0;
     int wide_patterns = 0;
     std::vector<int32_t> wide_base;   // 3 per block: source byte offset, first output value, pattern
