@@ -866,9 +866,24 @@ namespace avx512 {
 
 namespace {
 
+// One block of the wide plan and its split form: per pair p the words of
+// halves 0 and 1 (`words(k, half)` for table k = 2p + half) multiply-add
+// their weights; then shift and keep the low byte, as the reference's byte
+// store does, for the block's 32 values at d.
+template <typename Words>
+inline void pairSums(int P, const __m512i* w, __m128i shift, uint8_t* d, Words words) {
+    __m512i a0 = _mm512_setzero_si512(), a1 = _mm512_setzero_si512();
+    for (int p = 0; p < P; ++p) {
+        a0 = _mm512_add_epi32(a0, _mm512_madd_epi16(words(2 * p, 0), _mm512_load_si512(w + 2 * p)));
+        a1 = _mm512_add_epi32(a1, _mm512_madd_epi16(words(2 * p + 1, 1), _mm512_load_si512(w + 2 * p + 1)));
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm512_cvtepi32_epi8(_mm512_srl_epi32(a0, shift)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16), _mm512_cvtepi32_epi8(_mm512_srl_epi32(a1, shift)));
+}
+
 // The wide plan: per block one 64-byte load, per pair and half one byte
-// permute and one multiply-add; then shift and keep the low byte, as the
-// reference's byte store does. kP > 0 fixes the pair count.
+// permute. Index bytes widen to words: the permute reads each word's low byte
+// and zeroes its high one. kP > 0 fixes the pair count.
 template <int kP>
 void wideBlocks(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaTaps& t) {
     const int P = kP > 0 ? kP : t.wide_pairs;
@@ -878,21 +893,12 @@ void wideBlocks(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const AreaT
     const __m128i shift = _mm_cvtsi32_si128(r.shift);
     constexpr __mmask64 kEvenBytes = 0x5555555555555555ull;
     for (int b = 0; b < t.wide_blocks; ++b) {
-        const __m256i* idx = indices + size_t(base[3 * b + 2]) * size_t(2 * P);
-        const __m512i* w = weights + size_t(base[3 * b + 2]) * size_t(2 * P);
+        const size_t pattern = size_t(base[3 * b + 2]) * size_t(2 * P);
+        const __m256i* idx = indices + pattern;
         const __m512i window = _mm512_loadu_si512(src + base[3 * b]);
-        __m512i a0 = _mm512_setzero_si512(), a1 = _mm512_setzero_si512();
-        // Index bytes widen to words: the permute reads each word's low byte and zeroes its high one.
-        auto words = [&](int k) {
+        pairSums(P, weights + pattern, shift, dst + base[3 * b + 1], [&](int k, int) {
             return _mm512_maskz_permutexvar_epi8(kEvenBytes, _mm512_cvtepu8_epi16(_mm256_load_si256(idx + k)), window);
-        };
-        for (int p = 0; p < P; ++p) {
-            a0 = _mm512_add_epi32(a0, _mm512_madd_epi16(words(2 * p), _mm512_load_si512(w + 2 * p)));
-            a1 = _mm512_add_epi32(a1, _mm512_madd_epi16(words(2 * p + 1), _mm512_load_si512(w + 2 * p + 1)));
-        }
-        uint8_t* d = dst + base[3 * b + 1];
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm512_cvtepi32_epi8(_mm512_srl_epi32(a0, shift)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16), _mm512_cvtepi32_epi8(_mm512_srl_epi32(a1, shift)));
+        });
     }
 }
 
@@ -909,26 +915,19 @@ void splitBlocks(const uint8_t* src, uint8_t* dst, const AreaRowX& r, const Area
     // Words of the first eight values of a half, and of the second eight.
     constexpr __mmask64 kFirst = 0x0000000055555555ull, kSecond = 0x5555555500000000ull;
     for (int b = 0; b < t.wide_blocks; ++b, group_base += 4) {
-        const __m256i* idx = indices + size_t(base[3 * b + 2]) * size_t(2 * P);
-        const __m512i* w = weights + size_t(base[3 * b + 2]) * size_t(2 * P);
+        const size_t pattern = size_t(base[3 * b + 2]) * size_t(2 * P);
+        const __m256i* idx = indices + pattern;
         __m512i lo[4], hi[4];
         for (int g = 0; g < 4; ++g) {
             lo[g] = _mm512_loadu_si512(src + group_base[g]);
             hi[g] = _mm512_loadu_si512(src + group_base[g] + 64);
         }
-        auto words = [&](int k, int g) {
+        pairSums(P, weights + pattern, shift, dst + base[3 * b + 1], [&](int k, int half) {
             const __m512i i = _mm512_cvtepu8_epi16(_mm256_load_si256(idx + k));
+            const int g = 2 * half;
             return _mm512_or_si512(_mm512_maskz_permutex2var_epi8(kFirst, lo[g], i, hi[g]),
                                    _mm512_maskz_permutex2var_epi8(kSecond, lo[g + 1], i, hi[g + 1]));
-        };
-        __m512i a0 = _mm512_setzero_si512(), a1 = _mm512_setzero_si512();
-        for (int p = 0; p < P; ++p) {
-            a0 = _mm512_add_epi32(a0, _mm512_madd_epi16(words(2 * p, 0), _mm512_load_si512(w + 2 * p)));
-            a1 = _mm512_add_epi32(a1, _mm512_madd_epi16(words(2 * p + 1, 2), _mm512_load_si512(w + 2 * p + 1)));
-        }
-        uint8_t* d = dst + base[3 * b + 1];
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm512_cvtepi32_epi8(_mm512_srl_epi32(a0, shift)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16), _mm512_cvtepi32_epi8(_mm512_srl_epi32(a1, shift)));
+        });
     }
 }
 

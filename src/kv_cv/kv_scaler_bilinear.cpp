@@ -84,11 +84,10 @@ void planLerpWindows(LerpPlan& plan, int src_elems) {
     const int n = plan.n;
     if (n < 32) return;
     const int blocks = (n + 31) / 32;
-    auto span = [&](int e0, int& lo, int& hi) { valueSpan(plan, e0, 32, lo, hi); };
     int windows = 1;
     for (int b = 0; b < blocks; ++b) {
         int lo, hi;
-        span(std::min(32 * b, n - 32), lo, hi);
+        valueSpan(plan, std::min(32 * b, n - 32), 32, lo, hi);
         windows = std::max(windows, (hi - lo) / 64 + 1);
     }
     if (windows > kMaxLerpWindows || src_elems < 64 * windows) return;
@@ -99,7 +98,7 @@ void planLerpWindows(LerpPlan& plan, int src_elems) {
     for (int b = 0; b < blocks; ++b) {
         const int e0 = std::min(32 * b, n - 32);
         int lo, hi;
-        span(e0, lo, hi);
+        valueSpan(plan, e0, 32, lo, hi);
         const int base = std::min(lo, src_elems - 64 * windows);
         plan.win_base[size_t(b)] = base;
         plan.win_start[size_t(b)] = e0;
