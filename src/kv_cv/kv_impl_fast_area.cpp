@@ -76,6 +76,55 @@ void planCvAreaWindows(CvAreaRowPlan& plan, int channels, int src_elements) {
     plan.win_loads = loads;
 }
 
+// The tables of the wide plan: per block and group of four slots 64 index
+// bytes (byte 4j + u: value j's sample for slot 4g + u, relative to
+// base_of(block, j)), per block and slot 16 alphas. Blocks with the same
+// tables share one pattern, so a row whose ratio recurs keeps them in the
+// first-level cache.
+template <typename BaseOf>
+void fillCvAreaWide(CvAreaRowPlan& plan, int blocks, BaseOf base_of) {
+    const int T = plan.taps, G = (T + 3) / 4;
+    const size_t index_bytes = size_t(G) * 64, weights = size_t(T) * 16;
+    plan.wide_index.assign(size_t(blocks) * index_bytes, 0);
+    plan.wide_weight.assign(size_t(blocks) * weights, 0.f);
+    plan.wide_pattern.assign(size_t(blocks), 0);
+    std::vector<uint64_t>& known = plan.scratch_hash;
+    known.clear();
+    int patterns = 0;
+    for (int b = 0; b < blocks; ++b) {
+        uint8_t* idx = &plan.wide_index[size_t(patterns) * index_bytes];
+        float* w = &plan.wide_weight[size_t(patterns) * weights];
+        std::memset(idx, 0, index_bytes);
+        for (int t = 0; t < T; ++t)
+            for (int j = 0; j < 16; ++j) {
+                const size_t v = size_t(16 * b + j) * size_t(T) + size_t(t);
+                if (plan.alpha[v] != 0.f) idx[(t / 4) * 64 + 4 * j + t % 4] = uint8_t(plan.element[v] - base_of(b, j));
+                w[size_t(t) * 16 + size_t(j)] = plan.alpha[v];
+            }
+        uint64_t h = 1469598103934665603ull;
+        for (size_t i = 0; i < index_bytes; ++i) h = (h ^ idx[i]) * 1099511628211ull;
+        for (size_t i = 0; i < weights; ++i) {
+            uint32_t bits;
+            std::memcpy(&bits, &w[i], 4);
+            h = (h ^ bits) * 1099511628211ull;
+        }
+        int q = 0;
+        while (q < patterns &&
+               !(known[size_t(q)] == h && std::memcmp(&plan.wide_index[size_t(q) * index_bytes], idx, index_bytes) == 0 &&
+                 std::memcmp(&plan.wide_weight[size_t(q) * weights], w, weights * 4) == 0))
+            ++q;
+        if (q == patterns) {
+            known.push_back(h);
+            ++patterns;
+        }
+        plan.wide_pattern[size_t(b)] = q;
+    }
+    plan.wide_index.resize(size_t(patterns) * index_bytes);
+    plan.wide_weight.resize(size_t(patterns) * weights);
+    plan.wide_patterns = patterns;
+    plan.wide_blocks = blocks;
+}
+
 // The wide plan's split form: each eight values of a block within 128 bytes
 // of their own base, moved back to keep both loads inside the row.
 void planCvAreaSplit(CvAreaRowPlan& plan, int src_elements) {
@@ -95,18 +144,7 @@ void planCvAreaSplit(CvAreaRowPlan& plan, int src_elements) {
             plan.wide_base[size_t(2 * b + h)] = std::min(l, src_elements - 128);
         }
     plan.wide_mask.clear();
-    plan.wide_index.assign(size_t(blocks) * size_t(T) * 16, 0);
-    plan.wide_weight.assign(size_t(blocks) * size_t(T) * 16, 0.f);
-    for (int b = 0; b < blocks; ++b)
-        for (int t = 0; t < T; ++t)
-            for (int j = 0; j < 16; ++j) {
-                const size_t v = size_t(16 * b + j) * size_t(T) + size_t(t);
-                const size_t at = size_t(b) * size_t(T) + size_t(t);
-                const int base = plan.wide_base[size_t(2 * b + j / 8)];
-                if (plan.alpha[v] != 0.f) plan.wide_index[at * 16 + size_t(j)] = uint8_t(plan.element[v] - base);
-                plan.wide_weight[at * 16 + size_t(j)] = plan.alpha[v];
-            }
-    plan.wide_blocks = blocks;
+    fillCvAreaWide(plan, blocks, [&](int b, int j) { return plan.wide_base[size_t(2 * b + j / 8)]; });
     plan.wide_tables = 3;
 }
 
@@ -132,23 +170,22 @@ void planCvAreaWide(CvAreaRowPlan& plan, int src_elements) {
         plan.wide_base[size_t(b)] = l;
     }
     plan.wide_mask.assign(size_t(blocks) * 2, 0);
-    plan.wide_index.assign(size_t(blocks) * size_t(T) * 16, 0);
-    plan.wide_weight.assign(size_t(blocks) * size_t(T) * 16, 0.f);
     for (int b = 0; b < blocks; ++b) {
         const int base = plan.wide_base[size_t(b)];
         for (int h = 0; h < 2; ++h) {
             const int inside = std::max(0, std::min(64, src_elements - base - 64 * h));
             plan.wide_mask[size_t(2 * b + h)] = inside == 64 ? ~uint64_t(0) : (uint64_t(1) << inside) - 1;
         }
-        for (int t = 0; t < T; ++t)
-            for (int j = 0; j < 16; ++j) {
-                const size_t v = size_t(16 * b + j) * size_t(T) + size_t(t);
-                const size_t at = size_t(b) * size_t(T) + size_t(t);
-                if (plan.alpha[v] != 0.f) plan.wide_index[at * 16 + size_t(j)] = uint8_t(plan.element[v] - base);
-                plan.wide_weight[at * 16 + size_t(j)] = plan.alpha[v];
-            }
     }
-    plan.wide_blocks = blocks;
+    // Blocks before the first whose one (two) windows reach past the row.
+    for (int n = 0; n < 2; ++n) {
+        int b = 0;
+        while (b < blocks && plan.wide_mask[size_t(2 * b)] == ~uint64_t(0) &&
+               (n == 0 || plan.wide_mask[size_t(2 * b + 1)] == ~uint64_t(0)))
+            ++b;
+        plan.wide_full[n] = b;
+    }
+    fillCvAreaWide(plan, blocks, [&](int b, int) { return plan.wide_base[size_t(b)]; });
     plan.wide_tables = tables;
 }
 
@@ -457,65 +494,91 @@ namespace avx512 {
 
 namespace {
 
-// One block's sum over T slots in slot order: per slot `pick` maps the slot's
-// 16 index bytes, widened to 32-bit lanes, to each value's sample in the low
-// byte of its lane; the sample times the slot's alpha joins the sum (the
-// first product starts it).
+// One block's sum over T slots in slot order. Per group of four slots `pick`
+// applies one byte permute to the group's 64 index bytes under `mask`, which
+// keeps byte u of each 32-bit lane for the group's n slots: lane j holds
+// value j's samples of slots 4g..4g+n-1 in bytes 0..n-1. Slot u is byte u,
+// shifted down and masked; each sample times its slot's alpha joins the sum
+// (the first product starts it).
 template <typename Pick>
-inline __m512 slotSum(int T, const __m128i* idx, const float* w, Pick pick) {
-    auto product = [&](int t) {
-        const __m512i v = pick(_mm512_cvtepu8_epi32(_mm_load_si128(idx + t)));
-        return _mm512_mul_ps(_mm512_cvtepi32_ps(v), _mm512_load_ps(w + 16 * t));
-    };
-    __m512 acc = product(0);
-    for (int t = 1; t < T; ++t) acc = _mm512_add_ps(acc, product(t));
+inline __m512 slotSum(int T, const __m512i* idx, const float* w, Pick pick) {
+    constexpr uint64_t kBytes[4] = {0x1111111111111111ull, 0x3333333333333333ull, 0x7777777777777777ull,
+                                    ~uint64_t(0)};
+    const __m512i low = _mm512_set1_epi32(0xFF);
+    __m512 acc = _mm512_setzero_ps();
+#pragma GCC unroll 4
+    for (int g = 0; 4 * g < T; ++g) {
+        const int n = std::min(4, T - 4 * g);
+        const __m512i v = pick(_mm512_load_si512(idx + g), __mmask64(kBytes[n - 1]));
+#pragma GCC unroll 4
+        for (int u = 0; u < n; ++u) {
+            __m512i x = u == 0 ? v : _mm512_srli_epi32(v, 8 * u);
+            if (u < n - 1) x = _mm512_and_si512(x, low);
+            const __m512 p = _mm512_mul_ps(_mm512_cvtepi32_ps(x), _mm512_load_ps(w + 16 * (4 * g + u)));
+            acc = g == 0 && u == 0 ? p : _mm512_add_ps(acc, p);
+        }
+    }
     return acc;
 }
 
-// Sixteen values per block: per slot one byte permute (of one 64-byte window,
-// or two) puts each value's sample in the low byte of its 32-bit lane. kT > 0
-// fixes the slot count (unrolled); 0 reads it from the plan.
+// Sixteen values per block: per group of slots one byte permute (of one
+// 64-byte window, or two). kT > 0 fixes the slot count (unrolled); 0 reads
+// it from the plan.
 template <int Tables, int kT>
 void rowBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
-    const int T = kT > 0 ? kT : p.taps;
-    const __m128i* idx = reinterpret_cast<const __m128i*>(p.wide_index.data());
-    const float* w = p.wide_weight.data();
+    const int T = kT > 0 ? kT : p.taps, G = (T + 3) / 4;
+    const __m512i* indices = reinterpret_cast<const __m512i*>(p.wide_index.data());
+    const float* weights = p.wide_weight.data();
     const int32_t* base = p.wide_base.data();
+    const int32_t* pattern = p.wide_pattern.data();
     const uint64_t* mask = p.wide_mask.data();
-    constexpr __mmask64 kLowBytes = 0x1111111111111111ull;
-    for (int b = 0; b < p.wide_blocks; ++b, idx += T, w += 16 * T) {
+    auto block = [&](int b, __m512i lo, __m512i hi) {
+        const size_t q = size_t(pattern[b]);
+        _mm512_storeu_ps(buf + 16 * b, slotSum(T, indices + q * size_t(G), weights + q * size_t(16 * T),
+                                               [&](__m512i i, __mmask64 m) {
+                                                   return Tables == 2 ? _mm512_maskz_permutex2var_epi8(m, lo, i, hi)
+                                                                      : _mm512_maskz_permutexvar_epi8(m, i, lo);
+                                               }));
+    };
+    // Full loads up to the blocks whose windows reach past the row (masked
+    // loads are slow here).
+    const int full = Tables == 2 ? p.wide_full[1] : p.wide_full[0];
+    int b = 0;
+    for (; b < full; ++b) {
         const uint8_t* s = src + base[b];
-        // Masked loads are slow here: full ones wherever the window lies inside the row.
-        const uint64_t mlo = mask[2 * b], mhi = mask[2 * b + 1];
-        const __m512i lo = mlo == ~uint64_t(0) ? _mm512_loadu_si512(s) : _mm512_maskz_loadu_epi8(mlo, s);
-        const __m512i hi = Tables != 2             ? lo
-                           : mhi == ~uint64_t(0) ? _mm512_loadu_si512(s + 64)
-                                                 : _mm512_maskz_loadu_epi8(mhi, s + 64);
-        _mm512_storeu_ps(buf + 16 * b, slotSum(T, idx, w, [&](__m512i i) {
-                             return Tables == 2 ? _mm512_maskz_permutex2var_epi8(kLowBytes, lo, i, hi)
-                                                : _mm512_maskz_permutexvar_epi8(kLowBytes, i, lo);
-                         }));
+        _mm_prefetch(reinterpret_cast<const char*>(s + 384), _MM_HINT_T0);
+        const __m512i lo = _mm512_loadu_si512(s);
+        block(b, lo, Tables == 2 ? _mm512_loadu_si512(s + 64) : lo);
+    }
+    for (; b < p.wide_blocks; ++b) {
+        const uint8_t* s = src + base[b];
+        const __m512i lo = _mm512_maskz_loadu_epi8(mask[2 * b], s);
+        block(b, lo, Tables == 2 ? _mm512_maskz_loadu_epi8(mask[2 * b + 1], s + 64) : lo);
     }
 }
 
 // The split form: values 0-7 of a block from the 128 bytes at their base,
-// values 8-15 from the 128 at theirs, one two-table permute each per slot.
+// values 8-15 from the 128 at theirs, one two-table permute each per group.
 template <int kT>
 void splitBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
-    const int T = kT > 0 ? kT : p.taps;
-    const __m128i* idx = reinterpret_cast<const __m128i*>(p.wide_index.data());
-    const float* w = p.wide_weight.data();
+    const int T = kT > 0 ? kT : p.taps, G = (T + 3) / 4;
+    const __m512i* indices = reinterpret_cast<const __m512i*>(p.wide_index.data());
+    const float* weights = p.wide_weight.data();
     const int32_t* base = p.wide_base.data();
-    constexpr __mmask64 kFirst = 0x0000000011111111ull, kSecond = 0x1111111100000000ull;
-    for (int b = 0; b < p.wide_blocks; ++b, idx += T, w += 16 * T) {
+    const int32_t* pattern = p.wide_pattern.data();
+    constexpr uint64_t kFirst = 0x00000000FFFFFFFFull;
+    for (int b = 0; b < p.wide_blocks; ++b) {
         const uint8_t* sa = src + base[2 * b];
         const uint8_t* sb = src + base[2 * b + 1];
         const __m512i a0 = _mm512_loadu_si512(sa), a1 = _mm512_loadu_si512(sa + 64);
         const __m512i b0 = _mm512_loadu_si512(sb), b1 = _mm512_loadu_si512(sb + 64);
-        _mm512_storeu_ps(buf + 16 * b, slotSum(T, idx, w, [&](__m512i i) {
-                             return _mm512_or_si512(_mm512_maskz_permutex2var_epi8(kFirst, a0, i, a1),
-                                                    _mm512_maskz_permutex2var_epi8(kSecond, b0, i, b1));
-                         }));
+        const size_t q = size_t(pattern[b]);
+        _mm512_storeu_ps(buf + 16 * b, slotSum(T, indices + q * size_t(G), weights + q * size_t(16 * T),
+                                               [&](__m512i i, __mmask64 m) {
+                                                   return _mm512_or_si512(
+                                                       _mm512_maskz_permutex2var_epi8(m & kFirst, a0, i, a1),
+                                                       _mm512_maskz_permutex2var_epi8(m & ~kFirst, b0, i, b1));
+                                               }));
     }
 }
 

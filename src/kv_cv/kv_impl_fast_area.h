@@ -69,20 +69,25 @@ struct CvAreaRowPlan {
     // Byte rows at kAvx512: blocks of 16 values whose used taps lie within
     // 64 bytes (`wide_tables` 1, one vpermb) or 128 (2, vpermt2b) from the
     // block's first used sample; 0 `wide_blocks` means no such plan. Per
-    // (block, slot) 16 index bytes, byte j giving value j's sample in the
-    // window (0 for an unused slot, whose alpha 0 makes it +0; widened to
-    // 32-bit lanes before the permute), and 16 alphas;
-    // per block two load masks that keep the window inside the row. Where a
-    // block spans 128 bytes or more, the split form (`wide_tables` 3): each
-    // eight values read the 128 bytes from their own base (2 per block, moved
-    // back to stay inside the row, no masks), one two-table permute per half.
+    // block two load masks keep the window inside the row. Where a block
+    // spans 128 bytes or more, the split form (`wide_tables` 3): each eight
+    // values read the 128 bytes from their own base (2 per block, moved back
+    // to stay inside the row, no masks), one two-table permute per half.
+    // Tables per pattern (blocks with equal tables share one): per group of
+    // four slots 64 index bytes, byte 4j + u giving value j's sample for slot
+    // 4g + u in its window (0 for an unused slot, whose alpha 0 makes it +0),
+    // and per slot 16 alphas.
     int wide_blocks = 0;
     int wide_tables = 0;
+    int wide_patterns = 0;
     std::vector<int32_t> wide_base;
+    std::vector<int32_t> wide_pattern;  // per block
     std::vector<uint64_t> wide_mask;
-    LineVector<uint8_t> wide_index;
-    LineVector<float> wide_weight;
+    int wide_full[2] = {0, 0};          // leading blocks whose one (two) windows need no mask
+    LineVector<uint8_t> wide_index;     // patterns x groups x 64
+    LineVector<float> wide_weight;      // patterns x taps x 16
     std::vector<int32_t> scratch;  // working memory of the construction
+    std::vector<uint64_t> scratch_hash;
 };
 void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab, int dst_width, int channels,
                         int src_elements);
