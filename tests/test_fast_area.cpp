@@ -124,6 +124,7 @@ TEST(CvAreaKernels, VectorMatchesReference) {
     for (int s : {1920, 1921})
         for (int d : {1280, 700, 416, 224, 33, 1919}) cases.push_back({s, d});
     int window_blocks = 0, two_load_blocks = 0, quad_blocks = 0, wide_one = 0, wide_two = 0, wide_split = 0;
+    int float_groups[3] = {0, 0, 0};  // float permute plans of 1, 2 and 4 groups
     const bool avx512 = impl::detectedIsa() >= Isa::kAvx512;
     for (int channels = 1; channels <= 4; ++channels)
         for (bool bytes : {true, false})
@@ -150,6 +151,7 @@ TEST(CvAreaKernels, VectorMatchesReference) {
                 if (!avx512) continue;
                 if (bytes && plan.row.wide_blocks)
                     ++(plan.row.wide_tables == 3 ? wide_split : plan.row.wide_tables == 2 ? wide_two : wide_one);
+                if (!bytes && plan.row.fperm_blocks) ++float_groups[plan.row.fperm_groups / 2];
                 std::vector<uint8_t> w(step * 3, 0xA5);
                 impl::cvAreaResize(plan, src.data.data(), src.step, w.data(), step, rows.data(), pointers.data(),
                                    Isa::kAvx512);
@@ -161,6 +163,8 @@ TEST(CvAreaKernels, VectorMatchesReference) {
         EXPECT_GT(wide_one, 50);
         EXPECT_GT(wide_two, 50);
         EXPECT_GT(wide_split, 30);
+        // Float rows permute in one group, two and four.
+        for (int n : float_groups) EXPECT_GT(n, 30);
     }
     // Float rows of one channel load windows (of 4, 8 and 16 samples), not only gathers.
     EXPECT_GT(window_blocks, 500);

@@ -588,9 +588,10 @@ namespace {
 
 enum class ResizePath { kNearestGather, kAreaBox, kArea, kAreaUp, kBilinearBytes, kLibrary };
 
-// The kernel resizePlane runs for these sizes. Float planes gather their area
-// samples where that beats OpenCV's own loop: one channel at every ratio
-// measured, more channels only up to a reduction of 2 in width.
+// The kernel resizePlane runs for these sizes. Float planes take our area
+// rows where they beat OpenCV's own loop: one channel at every ratio
+// measured; more channels up to a reduction of 2 in width (gathers), and
+// with AVX-512 wherever the float permute plan covers the row.
 ResizePath resizePath(int src_width, int src_height, int dst_width, int dst_height, int channels, bool is_float,
                       Interpolation method) {
     if (method == Interpolation::kNearest && nearestGathers(src_width, dst_width, channels * (is_float ? 4 : 1)))
@@ -599,7 +600,8 @@ ResizePath resizePath(int src_width, int src_height, int dst_width, int dst_heig
         return ResizePath::kAreaBox;
     if (method == Interpolation::kArea && channels >= 1 && channels <= 4 &&
         cvAreaDecimates(src_width, src_height, dst_width, dst_height) &&
-        (!is_float || channels == 1 || src_width <= 2 * dst_width))
+        (!is_float || channels == 1 || src_width <= 2 * dst_width ||
+         (activeIsa() >= Isa::kAvx512 && cvAreaFloatPermutes(src_width, dst_width, channels))))
         return ResizePath::kArea;
     if (method == Interpolation::kArea && !is_float && channels >= 1 && channels <= 4 &&
         cvAreaEnlarges(src_width, src_height, dst_width, dst_height))

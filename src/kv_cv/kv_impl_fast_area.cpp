@@ -32,6 +32,21 @@ bool cvAreaDecimates(int src_width, int src_height, int dst_width, int dst_heigh
     return sx >= 1 && sy >= 1 && !(nearInteger(sx) && nearInteger(sy));
 }
 
+bool cvAreaFloatPermutes(int src_width, int dst_width, int channels) {
+    if (src_width * channels < 32) return false;
+    // Values c0 .. c0 + 3 (c0 the first one's channel) lie in `pixels`
+    // output pixels, whose cells touch at most ceil(pixels x scale) + 1
+    // source pixels; their samples span that less one, in pixels, plus the
+    // channel distance of the last value from the first.
+    const double scale = cvScale(src_width, dst_width);
+    for (int c0 = 0; c0 < channels; ++c0) {
+        const int pixels = (c0 + 3) / channels + 1;
+        const int channel_distance = (c0 + 3) % channels - c0;
+        if (std::ceil(pixels * scale) * channels + channel_distance > 31) return false;
+    }
+    return true;
+}
+
 void buildCvAreaTable(int src_size, int dst_size, std::vector<CvAreaTap>& table) {
     const double scale = cvScale(src_size, dst_size);
     table.clear();
@@ -189,6 +204,51 @@ void planCvAreaWide(CvAreaRowPlan& plan, int src_elements) {
     plan.wide_tables = tables;
 }
 
+// The float permute plan of CvAreaRowPlan: the fewest groups per block
+// whose spans all stay under 32 floats.
+void planCvAreaFloat(CvAreaRowPlan& plan, int src_elements) {
+    const int T = plan.taps, blocks = plan.values / 16;
+    plan.fperm_blocks = plan.fperm_groups = 0;
+    if (src_elements < 32 || blocks == 0) return;
+    int groups = 1;
+    for (; groups <= 4; groups *= 2) {
+        const int lanes = 16 / groups;
+        plan.fperm_base.assign(size_t(blocks) * size_t(groups), 0);
+        bool fits = true;
+        for (int b = 0; b < blocks && fits; ++b)
+            for (int g = 0; g < groups && fits; ++g) {
+                int l = src_elements, u = -1;
+                for (size_t v = size_t(16 * b + lanes * g) * size_t(T); v < size_t(16 * b + lanes * (g + 1)) * size_t(T); ++v)
+                    if (plan.alpha[v] != 0.f) {
+                        l = std::min(l, plan.element[v]);
+                        u = std::max(u, plan.element[v]);
+                    }
+                if (u < 0) l = u = 0;
+                fits = u - l < 32;
+                plan.fperm_base[size_t(b * groups + g)] = std::min(l, src_elements - 32);
+            }
+        if (fits) break;
+    }
+    if (groups > 4) return;
+    const int lanes = 16 / groups;
+    plan.fperm_used.assign(size_t(blocks) * size_t(T), 0);
+    plan.fperm_index.assign(size_t(blocks) * size_t(T) * 16, 0);
+    plan.fperm_weight.assign(size_t(blocks) * size_t(T) * 16, 0.f);
+    for (int b = 0; b < blocks; ++b)
+        for (int t = 0; t < T; ++t)
+            for (int j = 0; j < 16; ++j) {
+                const size_t v = size_t(16 * b + j) * size_t(T) + size_t(t);
+                const size_t at = size_t(b) * size_t(T) + size_t(t);
+                if (plan.alpha[v] == 0.f) continue;
+                plan.fperm_used[at] = uint16_t(plan.fperm_used[at] | (1u << j));
+                plan.fperm_index[at * 16 + size_t(j)] =
+                    uint8_t(plan.element[v] - plan.fperm_base[size_t(b * groups + j / lanes)]);
+                plan.fperm_weight[at * 16 + size_t(j)] = plan.alpha[v];
+            }
+    plan.fperm_blocks = blocks;
+    plan.fperm_groups = groups;
+}
+
 void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab, int dst_width, int channels,
                         int src_elements) {
     const int C = channels;
@@ -227,6 +287,7 @@ void buildCvAreaRowPlan(CvAreaRowPlan& plan, const std::vector<CvAreaTap>& xtab,
     }
     planCvAreaWindows(plan, C, src_elements);
     planCvAreaWide(plan, src_elements);
+    planCvAreaFloat(plan, src_elements);
     // Byte rows: per lane the span of its four values' taps, in 16-byte loads.
     plan.chunks = 0;
     plan.base.clear();
@@ -594,6 +655,42 @@ void rowBlocks16(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
 
 }  // namespace
 
+// Float rows: per group two 16-float loads, per slot and group one two-table
+// permute of the lanes the slot uses (the others +0, as in the AVX2 kernel),
+// the product added to the running sum from +0 in slot order.
+template <int G, int kT>
+void floatBlocks16(const CvAreaRowPlan& p, const float* src, float* buf) {
+    const int T = kT > 0 ? kT : p.taps;
+    const __m128i* idx = reinterpret_cast<const __m128i*>(p.fperm_index.data());
+    const float* w = p.fperm_weight.data();
+    const uint16_t* used = p.fperm_used.data();
+    const int32_t* base = p.fperm_base.data();
+    constexpr int kLanes = 16 / G;
+    for (int b = 0; b < p.fperm_blocks; ++b, idx += T, w += 16 * T, used += T, base += G) {
+        __m512 lo[G], hi[G];
+        for (int g = 0; g < G; ++g) {
+            lo[g] = _mm512_loadu_ps(src + base[g]);
+            hi[g] = _mm512_loadu_ps(src + base[g] + 16);
+        }
+        __m512 acc = _mm512_setzero_ps();
+        for (int t = 0; t < T; ++t) {
+            const __m512i i = _mm512_cvtepu8_epi32(_mm_load_si128(idx + t));
+            __m512 s = _mm512_maskz_permutex2var_ps(__mmask16(used[t] & ((1u << kLanes) - 1)), lo[0], i, hi[0]);
+            for (int g = 1; g < G; ++g) {
+                const __mmask16 m = __mmask16(used[t] & (((1u << kLanes) - 1) << (kLanes * g)));
+                s = _mm512_or_ps(s, _mm512_maskz_permutex2var_ps(m, lo[g], i, hi[g]));
+            }
+            acc = _mm512_add_ps(acc, _mm512_mul_ps(s, _mm512_load_ps(w + 16 * t)));
+        }
+        _mm512_storeu_ps(buf + 16 * b, acc);
+    }
+}
+
+template <int G>
+void floatBlocks16(const CvAreaRowPlan& p, const float* src, float* buf) {
+    if (!dispatchCount<4>(p.taps, [&](auto t) { floatBlocks16<G, t()>(p, src, buf); })) floatBlocks16<G, 0>(p, src, buf);
+}
+
 // The wide plan wherever it exists (with tables on cache lines and compact
 // indices it beats the AVX2 shuffles even where those need one load).
 void cvAreaRowX8(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
@@ -608,6 +705,20 @@ void cvAreaRowX8(const CvAreaRowPlan& p, const uint8_t* src, float* buf) {
     else
         rowBlocks16<1>(p, src, buf);
     refRowX(p, src, buf, 16 * p.wide_blocks);
+}
+
+void cvAreaRowX32f(const CvAreaRowPlan& p, const float* src, float* buf) {
+    if (!p.fperm_blocks) {
+        avx2::cvAreaRowX32f(p, src, buf);
+        return;
+    }
+    if (p.fperm_groups == 1)
+        floatBlocks16<1>(p, src, buf);
+    else if (p.fperm_groups == 2)
+        floatBlocks16<2>(p, src, buf);
+    else
+        floatBlocks16<4>(p, src, buf);
+    refRowX(p, src, buf, 16 * p.fperm_blocks);
 }
 
 // 64 values per step, then 16; full loads only (masked ones measured slower
@@ -642,7 +753,7 @@ void cvAreaResize(const CvAreaPlan& plan, const void* src, size_t src_step, void
                   float* buffers, const float** bufs, Isa isa, int first_row, int last_row) {
     const bool vec = isa >= Isa::kAvx2, wide = isa >= Isa::kAvx512;
     const CvAreaRowX8 x8 = wide ? avx512::cvAreaRowX8 : vec ? avx2::cvAreaRowX8 : ref::cvAreaRowX8;
-    const CvAreaRowX32f x32 = vec ? avx2::cvAreaRowX32f : ref::cvAreaRowX32f;
+    const CvAreaRowX32f x32 = wide ? avx512::cvAreaRowX32f : vec ? avx2::cvAreaRowX32f : ref::cvAreaRowX32f;
     const CvAreaRowsY8 y8 = wide ? avx512::cvAreaRowsY8 : vec ? avx2::cvAreaRowsY8 : ref::cvAreaRowsY8;
     const CvAreaRowsY32f y32 = vec ? avx2::cvAreaRowsY32f : ref::cvAreaRowsY32f;
     const auto* s = static_cast<const uint8_t*>(src);

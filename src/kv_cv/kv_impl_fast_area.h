@@ -29,6 +29,11 @@ namespace impl {
 // least 1 and not both within DBL_EPSILON of integers.
 bool cvAreaDecimates(int src_width, int src_height, int dst_width, int dst_height);
 
+// True when every four consecutive values of a float row of `channels`
+// reduced from src_width to dst_width read within 32 floats, so that the
+// float permute plan covers the whole row.
+bool cvAreaFloatPermutes(int src_width, int dst_width, int channels);
+
 // One axis of OpenCV's area table: (destination index, source index, alpha)
 // entries in OpenCV's order, indices in samples of that axis.
 struct CvAreaTap {
@@ -86,6 +91,19 @@ struct CvAreaRowPlan {
     int wide_full[2] = {0, 0};          // leading blocks whose one (two) windows need no mask
     LineVector<uint8_t> wide_index;     // patterns x groups x 64
     LineVector<float> wide_weight;      // patterns x taps x 16
+    // Float rows at kAvx512: blocks of 16 values in `fperm_groups` groups
+    // (1, 2 or 4) of 16 / groups lanes, each group's used taps within the 32
+    // floats from its own base (moved back to stay inside the row): per slot
+    // one two-table permute per group. Per (block, slot) 16 index bytes
+    // (value j's sample relative to its group's base), the lanes whose slot
+    // has an alpha (the others take +0), and 16 alphas. 0 `fperm_blocks`: no
+    // such plan.
+    int fperm_blocks = 0;
+    int fperm_groups = 0;
+    std::vector<int32_t> fperm_base;   // blocks x groups
+    std::vector<uint16_t> fperm_used;  // blocks x taps
+    LineVector<uint8_t> fperm_index;   // blocks x taps x 16
+    LineVector<float> fperm_weight;    // blocks x taps x 16
     std::vector<int32_t> scratch;  // working memory of the construction
     std::vector<uint64_t> scratch_hash;
 };
@@ -149,10 +167,11 @@ void cvAreaRowsY8(const CvAreaRowsY& rows, uint8_t* dst);
 void cvAreaRowsY32f(const CvAreaRowsY& rows, float* dst);
 }  // namespace avx2
 
-// kAvx512: byte rows (the horizontal pass runs the AVX2 kernel where the plan
-// has no wide blocks).
+// kAvx512: byte rows and float rows (the horizontal pass runs the AVX2
+// kernel where the plan has no wide or float permute blocks).
 namespace avx512 {
 void cvAreaRowX8(const CvAreaRowPlan& plan, const uint8_t* src, float* buf);
+void cvAreaRowX32f(const CvAreaRowPlan& plan, const float* src, float* buf);
 void cvAreaRowsY8(const CvAreaRowsY& rows, uint8_t* dst);
 }  // namespace avx512
 
