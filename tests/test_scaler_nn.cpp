@@ -206,6 +206,8 @@ TEST(NearestKernels, GatherVectorMatchesReference) {
     if (kv::impl::detectedIsa() < Isa::kAvx2) GTEST_SKIP() << "no AVX2";
     std::mt19937 rng(3);
     int vector_plans = 0, unit_plans = 0;
+    const bool avx512 = kv::impl::detectedIsa() >= Isa::kAvx512;
+    int window_plans[3] = {0, 0, 0};  // AVX-512: none, one table pair, two
     // (output units, source units): every width 1..67 at ratios from 4:1 up
     // to 1:10, then full-HD rows to wide and steeply reduced outputs.
     std::vector<std::pair<int, int>> widths;
@@ -233,10 +235,20 @@ TEST(NearestKernels, GatherVectorMatchesReference) {
                 ASSERT_EQ(a, b) << "unit " << ub << " " << src_units << " -> " << w << " bytes " << r.first
                                 << " -> " << r.second;
                 for (size_t i = size_t(r.second); i < b.size(); ++i) ASSERT_EQ(b[i], 0x5A);
+                if (!avx512) continue;
+                window_plans[plan.win_tables] += 1;
+                std::vector<uint8_t> c(size_t(r.second) + 16, 0x5A);
+                kv::impl::avx512::gatherRow(plan, src.data(), c.data());
+                ASSERT_EQ(a, c) << "AVX-512, unit " << ub << " " << src_units << " -> " << w << " bytes " << r.first
+                                << " -> " << r.second;
             }
         }
     EXPECT_GT(vector_plans, 1000);  // the block path, not only the fallback
     EXPECT_GT(unit_plans, 100);     // and the unit gathers of steep reductions
+    if (avx512) {                   // windows of one and of two table pairs
+        EXPECT_GT(window_plans[1], 500);
+        EXPECT_GT(window_plans[2], 50);
+    }
 }
 
 }  // namespace

@@ -58,6 +58,8 @@ int main(int argc, char** argv) {
         ops.push_back({w + "colorCvt BGR->GRAY", [&] { b.colorCvt(bgr, out_gray, Rect()); }});
         ops.push_back({w + "colorCvt BGR->F32", [&] { b.colorCvt(bgr, f32, Rect()); }});
         ops.push_back({w + "add+mul F32", [&] { b.add(f32, -0.5f, Rect()); b.mul(f32, 0.5f, Rect()); }});
+        ops.push_back({w + "resize GRAY 224 NN", [&, NN] { meth(b, NN); b.resize(gray, g224, Rect(), Rect()); }});
+        ops.push_back({w + "resize BGR 224 NN", [&, NN] { meth(b, NN); b.resize(bgr, b224, Rect(), Rect()); }});
         ops.push_back({w + "resize BGR 640 NN", [&, NN] { meth(b, NN); b.resize(bgr, s640, Rect(), Rect()); }});
         ops.push_back({w + "resize BGR 640 BL", [&, BL] { meth(b, BL); b.resize(bgr, s640, Rect(), Rect()); }});
         ops.push_back({w + "resize BGR 640 AR", [&, AR] { meth(b, AR); b.resize(bgr, s640, Rect(), Rect()); }});

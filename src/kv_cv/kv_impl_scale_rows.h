@@ -53,6 +53,14 @@ struct GatherPlan {
     int32_t unit_bytes = 0;
     int32_t gather_units = 0;
     std::vector<int32_t> unit_offset;
+    // AVX-512 window plan, for blocks of the vector plan's layout (16 output
+    // bytes from `start`): each block's sources lie within 128 bytes
+    // (`win_tables` 1: one two-table byte permute) or 256 (2: two, picked by
+    // the index's top bit) from its win_base; 16 index bytes per block. 0:
+    // no such plan.
+    int32_t win_tables = 0;
+    std::vector<int32_t> win_base;
+    std::vector<uint8_t> win_index;
 };
 
 // Builds the gather of `units` output units of `unit_bytes` bytes, unit x
@@ -255,7 +263,8 @@ void blendRow32(const uint32_t* a, const uint32_t* b, uint32_t* dst, int n, uint
 }  // namespace avx2
 
 namespace avx512 {
-// The AVX-512 set differs from the AVX2 one in this kernel only.
+// The AVX-512 set differs from the AVX2 one in these kernels only.
+void gatherRow(const GatherPlan& plan, const uint8_t* src, uint8_t* dst);
 void lerpRow8(const LerpPlan& plan, const uint8_t* src, uint8_t* dst);
 }  // namespace avx512
 

@@ -687,7 +687,7 @@ const ScaleRowKernels& scaleRowKernels() {
                                       ref::blendRow8,  ref::blendRow16, ref::blendRow32};
     static const ScaleRowKernels kAvx2{avx2::gatherRow, avx2::lerpRow8,   avx2::lerpRow16, avx2::lerpRow32,
                                        avx2::blendRow8, avx2::blendRow16, avx2::blendRow32};
-    static const ScaleRowKernels kAvx512{avx2::gatherRow, avx512::lerpRow8, avx2::lerpRow16, avx2::lerpRow32,
+    static const ScaleRowKernels kAvx512{avx512::gatherRow, avx512::lerpRow8, avx2::lerpRow16, avx2::lerpRow32,
                                          avx2::blendRow8, avx2::blendRow16, avx2::blendRow32};
     const Isa isa = activeIsa();
     return isa >= Isa::kAvx512 ? kAvx512 : isa >= Isa::kAvx2 ? kAvx2 : kRef;
