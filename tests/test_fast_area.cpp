@@ -266,7 +266,7 @@ TEST(CvAreaUpKernels, VectorMatchesReference) {
             impl::buildCvLinearPlan(plan, c.src, 5, c.dst, 9, channels);
             const size_t step = size_t(c.dst * channels) + 3;
             std::vector<uint8_t> a(step * 9, 0xA5);
-            impl::LineVector<int32_t> rows(size_t(plan.stride) * 2);
+            impl::LineVector<int16_t> rows(size_t(plan.stride) * 2);
             impl::cvLinearResize(plan, src.data.data(), src.step, a.data(), step, rows.data(), Isa::kScalar);
             for (Isa isa : kvtest::availableIsas()) {
                 if (isa == Isa::kScalar) continue;

@@ -30,7 +30,7 @@ int main(int argc, char** argv) {
     Frame out_i420(FRAME_I420, size), out_bgr(FRAME_BGR_8, size), out_nv12(FRAME_NV12, size), out_gray(FRAME_GRAY_8, size);
     Frame s640(FRAME_BGR_8, Size(640, 360)), s700(FRAME_BGR_8, Size(700, 500)), up(FRAME_BGR_8, Size(2880, 1620));
     Frame g1280(FRAME_GRAY_8, Size(1280, 720)), b1280(FRAME_BGR_8, Size(1280, 720)), i1280(FRAME_I420, Size(1280, 720));
-    Frame g2880(FRAME_GRAY_8, Size(2880, 1620)), i2880(FRAME_I420, Size(2880, 1620));
+    Frame g2880(FRAME_GRAY_8, Size(2880, 1620)), i2880(FRAME_I420, Size(2880, 1620)), y2880(FRAME_YUYV, Size(2880, 1620));
     Frame g224(FRAME_GRAY_8, Size(224, 224)), b224(FRAME_BGR_8, Size(224, 224)), n640(FRAME_NV12, Size(640, 360));
     Frame f32(FRAME_FLOAT_32_C3, size), conv(FRAME_I420, Size(640, 360)), turned, warped(FRAME_BGR_8, size);
     Frame f224(FRAME_FLOAT_32_C3, Size(224, 224)), f640(FRAME_FLOAT_32_C3, Size(640, 360)),
@@ -68,6 +68,7 @@ int main(int argc, char** argv) {
         ops.push_back({w + "resize BGR 1280 AR", [&, AR] { meth(b, AR); b.resize(bgr, b1280, Rect(), Rect()); }});
         ops.push_back({w + "resize I420 1280 AR", [&, AR] { meth(b, AR); b.resize(i420, i1280, Rect(), Rect()); }});
         ops.push_back({w + "resize GRAY 2880 AR", [&, AR] { meth(b, AR); b.resize(gray, g2880, Rect(), Rect()); }});
+        ops.push_back({w + "resize YUYV 2880 AR", [&, AR] { meth(b, AR); b.resize(yuyv, y2880, Rect(), Rect()); }});
         ops.push_back({w + "resize I420 2880 AR", [&, AR] { meth(b, AR); b.resize(i420, i2880, Rect(), Rect()); }});
         ops.push_back({w + "resize GRAY 224 AR", [&, AR] { meth(b, AR); b.resize(gray, g224, Rect(), Rect()); }});
         ops.push_back({w + "resize BGR 224 AR", [&, AR] { meth(b, AR); b.resize(bgr, b224, Rect(), Rect()); }});

@@ -132,7 +132,7 @@ struct AreaPlaneCache {
     std::vector<const float*> pointers;
     // Where an axis enlarges: OpenCV's linear emulation and its two rows.
     CvLinearPlan up;
-    LineVector<int32_t> up_rows;
+    LineVector<int16_t> up_rows;
 };
 
 // One plane's nearest-neighbour column gather (pixels of `pixel` bytes).

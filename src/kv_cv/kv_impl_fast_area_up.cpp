@@ -137,7 +137,7 @@ void buildCvLinearPlan(CvLinearPlan& plan, int src_width, int src_height, int ds
         plan.chunks = chunks;
     }
     planWide(plan, C, src_elems, right);
-    plan.stride = (plan.values + 15) & ~15;
+    plan.stride = (plan.values + 31) & ~31;
     plan.src_width = src_width;
     plan.src_height = src_height;
     plan.dst_width = dst_width;
@@ -148,27 +148,26 @@ void buildCvLinearPlan(CvLinearPlan& plan, int src_width, int src_height, int ds
 namespace {
 
 // Values [from, values) of a horizontal pass.
-void refX8(const CvLinearPlan& p, const uint8_t* src, int32_t* row, int from) {
+void refX8(const CvLinearPlan& p, const uint8_t* src, int16_t* row, int from) {
     const int C = p.channels;
     for (int v = from; v < p.values; ++v) {
         const int d = v / C, l = p.left[size_t(v)];
         const int32_t a0 = p.x.fixed[size_t(2 * d)], a1 = p.x.fixed[size_t(2 * d + 1)];
-        row[v] = d < p.x.last ? src[l] * a0 + src[l + C] * a1 : src[l] * (1 << kCoefBits);
+        row[v] = int16_t((d < p.x.last ? src[l] * a0 + src[l + C] * a1 : src[l] * (1 << kCoefBits)) >> 4);
     }
 }
 
 
-void refY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int from, int n) {
-    for (int x = from; x < n; ++x)
-        dst[x] = uint8_t((((b0 * (h0[x] >> 4)) >> 16) + ((b1 * (h1[x] >> 4)) >> 16) + 2) >> 2);
+void refY8(const int16_t* h0, const int16_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int from, int n) {
+    for (int x = from; x < n; ++x) dst[x] = uint8_t((((b0 * h0[x]) >> 16) + ((b1 * h1[x]) >> 16) + 2) >> 2);
 }
 
 
 }  // namespace
 
 namespace ref {
-void cvLinearRowX8(const CvLinearPlan& plan, const uint8_t* src, int32_t* row) { refX8(plan, src, row, 0); }
-void cvLinearRowsY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n) {
+void cvLinearRowX8(const CvLinearPlan& plan, const uint8_t* src, int16_t* row) { refX8(plan, src, row, 0); }
+void cvLinearRowsY8(const int16_t* h0, const int16_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n) {
     refY8(h0, h1, b0, b1, dst, 0, n);
 }
 }  // namespace ref
@@ -181,7 +180,7 @@ namespace avx2 {
 namespace {
 
 template <int K>
-void rowX8Blocks(const CvLinearPlan& p, const uint8_t* src, int32_t* row) {
+void rowX8Blocks(const CvLinearPlan& p, const uint8_t* src, int16_t* row) {
     const __m256i* sel = reinterpret_cast<const __m256i*>(p.select.data());
     const __m256i* w = reinterpret_cast<const __m256i*>(p.weights.data());
     for (int b = 0; b < p.blocks; ++b, sel += K, ++w) {
@@ -194,13 +193,16 @@ void rowX8Blocks(const CvLinearPlan& p, const uint8_t* src, int32_t* row) {
                 _mm_loadu_si128(reinterpret_cast<const __m128i*>(s1 + 16 * k)), 1);
             words = _mm256_or_si256(words, _mm256_shuffle_epi8(c, _mm256_loadu_si256(sel + k)));
         }
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(row + 8 * b), _mm256_madd_epi16(words, _mm256_loadu_si256(w)));
+        // Sums >> 4 fit in words: packed, then the two lanes' low halves joined.
+        const __m256i sums = _mm256_srai_epi32(_mm256_madd_epi16(words, _mm256_loadu_si256(w)), 4);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(row + 8 * b),
+                         _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packs_epi32(sums, sums), 0x08)));
     }
 }
 
 }  // namespace
 
-void cvLinearRowX8(const CvLinearPlan& p, const uint8_t* src, int32_t* row) {
+void cvLinearRowX8(const CvLinearPlan& p, const uint8_t* src, int16_t* row) {
     if (!p.blocks || !dispatchCount<4>(p.chunks, [&](auto k) { rowX8Blocks<k()>(p, src, row); })) {
         refX8(p, src, row, 0);
         return;
@@ -208,24 +210,16 @@ void cvLinearRowX8(const CvLinearPlan& p, const uint8_t* src, int32_t* row) {
     refX8(p, src, row, 8 * p.blocks);
 }
 
-namespace {
-// h >> 4 of 16 values as words, in the order 0-3, 8-11 | 4-7, 12-15.
-inline __m256i quarterWords(const int32_t* h) {
-    return _mm256_packs_epi32(_mm256_srai_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(h)), 4),
-                              _mm256_srai_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(h + 8)), 4));
-}
-}  // namespace
-
-void cvLinearRowsY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n) {
+void cvLinearRowsY8(const int16_t* h0, const int16_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n) {
     const __m256i w0 = _mm256_set1_epi16(b0), w1 = _mm256_set1_epi16(b1), two = _mm256_set1_epi16(2);
-    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 0, 0, 0, 0);
-    const auto words = quarterWords;
     int x = 0;
     for (; x + 16 <= n; x += 16) {
-        // Words in the order 0-3, 8-11 | 4-7, 12-15; all sums stay far from saturation.
-        const __m256i s = _mm256_adds_epi16(_mm256_mulhi_epi16(words(h0 + x), w0), _mm256_mulhi_epi16(words(h1 + x), w1));
+        // All sums stay far from saturation.
+        const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(h0 + x));
+        const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(h1 + x));
+        const __m256i s = _mm256_adds_epi16(_mm256_mulhi_epi16(a, w0), _mm256_mulhi_epi16(c, w1));
         const __m256i r = _mm256_srai_epi16(_mm256_adds_epi16(s, two), 2);
-        const __m256i b = _mm256_permutevar8x32_epi32(_mm256_packus_epi16(r, r), order);
+        const __m256i b = _mm256_permute4x64_epi64(_mm256_packus_epi16(r, r), 0x08);
         _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + x), _mm256_castsi256_si128(b));
     }
     refY8(h0, h1, b0, b1, dst, x, n);
@@ -239,7 +233,7 @@ KV_AVX512_BEGIN
 
 namespace avx512 {
 
-void cvLinearRowX8(const CvLinearPlan& p, const uint8_t* src, int32_t* row) {
+void cvLinearRowX8(const CvLinearPlan& p, const uint8_t* src, int16_t* row) {
     if (!p.wide_blocks) {
         avx2::cvLinearRowX8(p, src, row);
         return;
@@ -251,30 +245,21 @@ void cvLinearRowX8(const CvLinearPlan& p, const uint8_t* src, int32_t* row) {
     for (int b = 0; b < p.wide_blocks; ++b) {
         const __m512i words = _mm512_maskz_permutexvar_epi8(kEvenBytes, _mm512_load_si512(idx + b),
                                                             _mm512_loadu_si512(src + base[b]));
-        _mm512_storeu_si512(row + 16 * b, _mm512_madd_epi16(words, _mm512_load_si512(w + b)));
+        const __m512i sums = _mm512_srai_epi32(_mm512_madd_epi16(words, _mm512_load_si512(w + b)), 4);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(row + 16 * b), _mm512_cvtepi32_epi16(sums));
     }
     refX8(p, src, row, 16 * p.wide_blocks);
 }
 
-namespace {
-// h >> 4 of 32 values as words, each 128-bit lane holding 4 of the first 16 then 4 of the next.
-inline __m512i quarterWords(const int32_t* h) {
-    return _mm512_packs_epi32(_mm512_srai_epi32(_mm512_loadu_si512(h), 4),
-                              _mm512_srai_epi32(_mm512_loadu_si512(h + 16), 4));
-}
-}  // namespace
-
-void cvLinearRowsY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n) {
+void cvLinearRowsY8(const int16_t* h0, const int16_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n) {
     const __m512i w0 = _mm512_set1_epi16(b0), w1 = _mm512_set1_epi16(b1), two = _mm512_set1_epi16(2);
-    const auto words = quarterWords;
-    const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 0, 0, 0, 0, 0, 0, 0, 0);
     int x = 0;
     for (; x + 32 <= n; x += 32) {
-        // All sums stay far from saturation.
-        const __m512i s = _mm512_adds_epi16(_mm512_mulhi_epi16(words(h0 + x), w0), _mm512_mulhi_epi16(words(h1 + x), w1));
+        // All sums stay far from saturation, and the results within a byte (as the reference's cast).
+        const __m512i s = _mm512_adds_epi16(_mm512_mulhi_epi16(_mm512_loadu_si512(h0 + x), w0),
+                                            _mm512_mulhi_epi16(_mm512_loadu_si512(h1 + x), w1));
         const __m512i r = _mm512_srai_epi16(_mm512_adds_epi16(s, two), 2);
-        const __m512i bytes = _mm512_permutexvar_epi32(order, _mm512_packus_epi16(r, r));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), _mm512_castsi512_si256(bytes));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + x), _mm512_cvtepi16_epi8(r));
     }
     avx2::cvLinearRowsY8(h0 + x, h1 + x, b0, b1, dst + x, n - x);
 }
@@ -284,7 +269,7 @@ void cvLinearRowsY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1
 KV_AVX512_END
 
 void cvLinearResize(const CvLinearPlan& plan, const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step,
-                    int32_t* rows, Isa isa, int first_row, int last_row) {
+                    int16_t* rows, Isa isa, int first_row, int last_row) {
     const bool vec = isa >= Isa::kAvx2, wide = isa >= Isa::kAvx512;
     const CvLinearRowX8 x8 = wide ? avx512::cvLinearRowX8 : vec ? avx2::cvLinearRowX8 : ref::cvLinearRowX8;
     const CvLinearRowsY8 y8 = wide ? avx512::cvLinearRowsY8 : vec ? avx2::cvLinearRowsY8 : ref::cvLinearRowsY8;
@@ -292,7 +277,7 @@ void cvLinearResize(const CvLinearPlan& plan, const uint8_t* src, size_t src_ste
     int key[2] = {-1, -1};
     // Source row r horizontally, from its slot or computed into the one the
     // other needed row does not hold.
-    auto horizontal = [&](int r, int keep) -> const int32_t* {
+    auto horizontal = [&](int r, int keep) -> const int16_t* {
         for (int k = 0; k < 2; ++k)
             if (key[k] == r) return rows + size_t(k) * values;
         const int k = key[0] == keep ? 1 : 0;
@@ -304,8 +289,8 @@ void cvLinearResize(const CvLinearPlan& plan, const uint8_t* src, size_t src_ste
     for (int y = first_row; y < end; ++y) {
         const int r0 = std::min(plan.y.index[size_t(y)], plan.src_height - 1);
         const int r1 = std::min(plan.y.index[size_t(y)] + 1, plan.src_height - 1);
-        const int32_t* h0 = horizontal(r0, r1);
-        const int32_t* h1 = horizontal(r1, r0);
+        const int16_t* h0 = horizontal(r0, r1);
+        const int16_t* h1 = horizontal(r1, r0);
         y8(h0, h1, plan.y.fixed[size_t(2 * y)], plan.y.fixed[size_t(2 * y + 1)], dst + size_t(y) * dst_step,
            plan.values);
     }

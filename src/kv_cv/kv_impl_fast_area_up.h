@@ -9,9 +9,9 @@
 // float((d + 1) - (s + 1) / scale), 0 when not positive, else its fraction.
 // Weights in 11-bit fixed point (rounded to even); per source row the
 // horizontal pass gives exact integers l * a0 + r * a1 (only l * 2048 from
-// the first output column whose s reaches the last source column); per
-// output row the vertical pass gives ((b0 * (h0 >> 4)) >> 16) + ((b1 * (h1 >>
-// 4)) >> 16) + 2) >> 2.
+// the first output column whose s reaches the last source column), kept as
+// words h >> 4; per output row the vertical pass gives ((b0 * (h0 >> 4)) >>
+// 16) + ((b1 * (h1 >> 4)) >> 16) + 2) >> 2.
 #pragma once
 
 #include <cstddef>
@@ -60,40 +60,40 @@ struct CvLinearPlan {
     std::vector<int32_t> wide_base;
     LineVector<uint8_t> wide_index;   // wide_blocks x 64
     LineVector<int16_t> wide_weight;  // wide_blocks x 32
-    // Integers per row of the horizontal pass: values rounded up to a cache line.
+    // Words per row of the horizontal pass: values rounded up to a cache line.
     int stride = 0;
     std::vector<int32_t> scratch;
 };
 void buildCvLinearPlan(CvLinearPlan& plan, int src_width, int src_height, int dst_width, int dst_height, int channels);
 
-// Kernels: the horizontal pass of one source row into `values` integers;
+// Kernels: the horizontal pass of one source row into `values` words h >> 4;
 // the vertical pass of two of them into an output row of n bytes with the
 // weights of one output row.
-using CvLinearRowX8 = void (*)(const CvLinearPlan& plan, const uint8_t* src, int32_t* row);
-using CvLinearRowsY8 = void (*)(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n);
+using CvLinearRowX8 = void (*)(const CvLinearPlan& plan, const uint8_t* src, int16_t* row);
+using CvLinearRowsY8 = void (*)(const int16_t* h0, const int16_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n);
 
-// The whole plane with the kernels of `isa`; `rows` holds 2 x stride integers
+// The whole plane with the kernels of `isa`; `rows` holds 2 x stride words
 // (on a cache line: LineVector).
 // Output rows [first_row, last_row) only when a range is given (-1: to the end).
 void cvLinearResize(const CvLinearPlan& plan, const uint8_t* src, size_t src_step, uint8_t* dst, size_t dst_step,
-                    int32_t* rows, Isa isa, int first_row = 0,
+                    int16_t* rows, Isa isa, int first_row = 0,
                     int last_row = -1);
 
 namespace ref {
-void cvLinearRowX8(const CvLinearPlan& plan, const uint8_t* src, int32_t* row);
-void cvLinearRowsY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n);
+void cvLinearRowX8(const CvLinearPlan& plan, const uint8_t* src, int16_t* row);
+void cvLinearRowsY8(const int16_t* h0, const int16_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n);
 }  // namespace ref
 
 namespace avx2 {
-void cvLinearRowX8(const CvLinearPlan& plan, const uint8_t* src, int32_t* row);
-void cvLinearRowsY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n);
+void cvLinearRowX8(const CvLinearPlan& plan, const uint8_t* src, int16_t* row);
+void cvLinearRowsY8(const int16_t* h0, const int16_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n);
 }  // namespace avx2
 
 // kAvx512: the wide plan (the AVX2 kernel where there is none); 32 values per
 // vertical step.
 namespace avx512 {
-void cvLinearRowX8(const CvLinearPlan& plan, const uint8_t* src, int32_t* row);
-void cvLinearRowsY8(const int32_t* h0, const int32_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n);
+void cvLinearRowX8(const CvLinearPlan& plan, const uint8_t* src, int16_t* row);
+void cvLinearRowsY8(const int16_t* h0, const int16_t* h1, int16_t b0, int16_t b1, uint8_t* dst, int n);
 }  // namespace avx512
 
 }  // namespace impl
