@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "kv_cv/kv_impl_block_patterns.h"
 #include "kv_cv/kv_impl_cpu.h"
 #include "kv_cv/kv_impl_scale_area.h"
 #include "kv_cv/kv_impl_scale_rows.h"
@@ -161,18 +162,10 @@ void buildAreaPairs(const AreaRowX& r, AreaTaps& t, int sample_bytes) {
                 }
             }
         }
-        uint64_t hash = 1469598103934665603ull;  // FNV-1a
-        for (uint8_t v : set) hash = (hash ^ v) * 1099511628211ull;
-        int32_t pattern = -1;
-        for (size_t k = 0; k < known.size() && pattern < 0; ++k)
-            if (known[k] == hash && std::memcmp(&t.pair_select[k * set_bytes], set.data(), set_bytes) == 0)
-                pattern = int32_t(k);
-        if (pattern < 0) {
-            pattern = int32_t(known.size());
-            known.push_back(hash);
-            t.pair_select.insert(t.pair_select.end(), set.begin(), set.end());
-        }
-        blk.pattern = pattern;
+        const size_t kept = known.size();
+        const size_t pattern = findBlockPattern(known, {set.data(), t.pair_select.data(), set_bytes});
+        if (pattern == kept) t.pair_select.insert(t.pair_select.end(), set.begin(), set.end());
+        blk.pattern = int32_t(pattern);
     }
     t.pairs = pairs;
     t.chunks = chunks;
@@ -301,30 +294,22 @@ void buildAreaWide(const AreaRowX& r, AreaTaps& t) {
             });
         }
     }
-    // Blocks share their tables where they repeat (ratios whose pattern recurs
-    // within a row): each moves to the first copy of its pattern, so the
-    // tables of a wide row stay in the first-level cache.
-    const size_t index_bytes = size_t(P) * 64, weight_words = size_t(P) * 64;
+    // Blocks share their tables where they repeat: each moves to the first
+    // copy of its pattern.
+    const size_t index_bytes = size_t(P) * 64, weight_words = size_t(P) * 64, weight_bytes = weight_words * 2;
     std::vector<uint64_t>& known = t.scratch_hash;
-    known.resize(size_t(blocks));
+    known.clear();
     int patterns = 0;
     for (int b = 0; b < blocks; ++b) {
         const uint8_t* idx = &t.wide_index[size_t(b) * index_bytes];
         const int16_t* w = &t.wide_weight[size_t(b) * weight_words];
-        uint64_t h = 1469598103934665603ull;
-        for (size_t i = 0; i < index_bytes; ++i) h = (h ^ idx[i]) * 1099511628211ull;
-        for (size_t i = 0; i < weight_words; ++i) h = (h ^ uint16_t(w[i])) * 1099511628211ull;
-        int q = 0;
-        while (q < patterns && !(known[size_t(q)] == h &&
-                                 std::memcmp(&t.wide_index[size_t(q) * index_bytes], idx, index_bytes) == 0 &&
-                                 std::memcmp(&t.wide_weight[size_t(q) * weight_words], w, weight_words * 2) == 0))
-            ++q;
+        const int q = int(findBlockPattern(known, {idx, t.wide_index.data(), index_bytes},
+                                           {w, t.wide_weight.data(), weight_bytes}));
         if (q == patterns) {
             if (q != b) {
                 std::memmove(&t.wide_index[size_t(q) * index_bytes], idx, index_bytes);
-                std::memmove(&t.wide_weight[size_t(q) * weight_words], w, weight_words * 2);
+                std::memmove(&t.wide_weight[size_t(q) * weight_words], w, weight_bytes);
             }
-            known[size_t(q)] = h;
             ++patterns;
         }
         t.wide_base[size_t(3 * b + 2)] = q;

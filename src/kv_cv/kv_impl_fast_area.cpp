@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "kv_cv/kv_impl_block_patterns.h"
 #include "kv_cv/kv_impl_scale_rows.h"
 #include "kv_cv/kv_impl_unaligned.h"
 
@@ -116,27 +117,13 @@ void fillCvAreaWide(CvAreaRowPlan& plan, int blocks, BaseOf base_of) {
                 if (plan.alpha[v] != 0.f) idx[(t / 4) * 64 + 4 * j + t % 4] = uint8_t(plan.element[v] - base_of(b, j));
                 w[size_t(t) * 16 + size_t(j)] = plan.alpha[v];
             }
-        uint64_t h = 1469598103934665603ull;
-        for (size_t i = 0; i < index_bytes; ++i) h = (h ^ idx[i]) * 1099511628211ull;
-        for (size_t i = 0; i < weights; ++i) {
-            uint32_t bits;
-            std::memcpy(&bits, &w[i], 4);
-            h = (h ^ bits) * 1099511628211ull;
-        }
-        int q = 0;
-        while (q < patterns &&
-               !(known[size_t(q)] == h && std::memcmp(&plan.wide_index[size_t(q) * index_bytes], idx, index_bytes) == 0 &&
-                 std::memcmp(&plan.wide_weight[size_t(q) * weights], w, weights * 4) == 0))
-            ++q;
-        if (q == patterns) {
-            known.push_back(h);
-            ++patterns;
-        }
+        const int q = int(findBlockPattern(known, {idx, plan.wide_index.data(), index_bytes},
+                                           {w, plan.wide_weight.data(), weights * sizeof(float)}));
+        patterns += q == patterns;
         plan.wide_pattern[size_t(b)] = q;
     }
     plan.wide_index.resize(size_t(patterns) * index_bytes);
     plan.wide_weight.resize(size_t(patterns) * weights);
-    plan.wide_patterns = patterns;
     plan.wide_blocks = blocks;
 }
 

@@ -84,7 +84,6 @@ struct CvAreaRowPlan {
     // and per slot 16 alphas.
     int wide_blocks = 0;
     int wide_tables = 0;
-    int wide_patterns = 0;
     std::vector<int32_t> wide_base;
     std::vector<int32_t> wide_pattern;  // per block
     std::vector<uint64_t> wide_mask;

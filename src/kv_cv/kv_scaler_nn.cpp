@@ -21,35 +21,20 @@ namespace {
 // 1/10) make the block gather slower than the plain loop (measured on
 // full-HD rows).
 constexpr int kMaxGatherChunks = 12;
-}  // namespace
-
-namespace {
 
 // The window plan of GatherPlan: the fewest tables (1 or 2) whose 128 bytes
-// per table hold every block's sources.
-void planGatherWindows(GatherPlan& plan, int src_bytes) {
-    plan.win_tables = 0;
-    plan.win_base.clear();
-    plan.win_index.clear();
-    const int n = plan.n;
-    if (n < 16) return;
-    const int blocks = (n + 15) / 16;
-    int span = 0;
-    for (int b = 0; b < blocks; ++b) {
-        const int e0 = std::min(16 * b, n - 16);
-        const auto mm = std::minmax_element(plan.index.begin() + e0, plan.index.begin() + e0 + 16);
-        span = std::max(span, *mm.second - *mm.first);
-    }
+// each hold every block's sources; `span` is the widest block's, and
+// plan.base holds each block's lowest source.
+void planGatherWindows(GatherPlan& plan, int span, int src_bytes) {
     const int tables = span < 128 ? 1 : span < 256 ? 2 : 0;
     if (!tables || src_bytes < 128 * tables) return;
-    plan.win_base.resize(size_t(blocks));
-    plan.win_index.resize(size_t(blocks) * 16);
-    for (int b = 0; b < blocks; ++b) {
-        const int e0 = std::min(16 * b, n - 16);
-        const int lo = *std::min_element(plan.index.begin() + e0, plan.index.begin() + e0 + 16);
-        const int base = std::min(lo, src_bytes - 128 * tables);
-        plan.win_base[size_t(b)] = base;
-        for (int j = 0; j < 16; ++j) plan.win_index[size_t(16 * b + j)] = uint8_t(plan.index[size_t(e0 + j)] - base);
+    const size_t blocks = plan.start.size();
+    plan.win_base.resize(blocks);
+    plan.win_index.resize(blocks * 16);
+    for (size_t b = 0; b < blocks; ++b) {
+        const int base = std::min(plan.base[b], src_bytes - 128 * tables);
+        plan.win_base[b] = base;
+        for (int j = 0; j < 16; ++j) plan.win_index[16 * b + size_t(j)] = uint8_t(plan.index[size_t(plan.start[b] + j)] - base);
     }
     plan.win_tables = tables;
 }
@@ -57,30 +42,36 @@ void planGatherWindows(GatherPlan& plan, int src_bytes) {
 }  // namespace
 
 void planGatherBlocks(GatherPlan& plan, int src_bytes) {
-    plan.chunks = 0;
+    plan.chunks = plan.win_tables = 0;
     plan.base.clear();
     plan.start.clear();
     plan.mask.clear();
-    planGatherWindows(plan, src_bytes);
+    plan.win_base.clear();
+    plan.win_index.clear();
     const int n = plan.n;
     if (n < 16) return;
     const int blocks = (n + 15) / 16;
-    // The window plan stores at the blocks' starts.
+    // Each block's start and lowest source, and the widest span, once for both plans.
     plan.start.resize(size_t(blocks));
-    for (int b = 0; b < blocks; ++b) plan.start[size_t(b)] = std::min(16 * b, n - 16);
-    int chunks = 1;
+    plan.base.resize(size_t(blocks));
+    int span = 0;
     for (int b = 0; b < blocks; ++b) {
         const int e0 = std::min(16 * b, n - 16);
         const auto mm = std::minmax_element(plan.index.begin() + e0, plan.index.begin() + e0 + 16);
-        chunks = std::max(chunks, (*mm.second - *mm.first) / 16 + 1);
+        plan.start[size_t(b)] = e0;
+        plan.base[size_t(b)] = *mm.first;
+        span = std::max(span, *mm.second - *mm.first);
     }
-    if (chunks > kMaxGatherChunks || src_bytes < 16 * chunks) return;
-    plan.base.resize(size_t(blocks));
+    planGatherWindows(plan, span, src_bytes);
+    const int chunks = span / 16 + 1;
+    if (chunks > kMaxGatherChunks || src_bytes < 16 * chunks) {
+        plan.base.clear();
+        return;
+    }
     plan.mask.assign(size_t(blocks) * size_t(chunks) * 16, 0x80);
     for (int b = 0; b < blocks; ++b) {
-        const int e0 = std::min(16 * b, n - 16);
-        const int lo = *std::min_element(plan.index.begin() + e0, plan.index.begin() + e0 + 16);
-        const int base = std::min(lo, src_bytes - 16 * chunks);
+        const int e0 = plan.start[size_t(b)];
+        const int base = std::min(plan.base[size_t(b)], src_bytes - 16 * chunks);
         plan.base[size_t(b)] = base;
         uint8_t* m = plan.mask.data() + size_t(b) * size_t(chunks) * 16;
         for (int j = 0; j < 16; ++j) {
